@@ -1,0 +1,126 @@
+#pragma once
+// Assertions and verifications.
+//
+// Every site owns one "ignored" flag (a relaxed atomic byte: a race only means a
+// site may report twice). A failed site calls the installed handler, whose answer
+// decides what happens next:
+//
+//   0  break: a debugger trap is raised (SIGTRAP), then execution goes on
+//   1  ignore: the site never reports again, its condition is no longer evaluated
+//   *  continue
+//
+// Execution always goes on after an assertion with the values at hand; only a
+// verification (OX_VERIFY_OR_RETURN) leaves the enclosing function.
+//
+// Hosts and test suites plug their own reporter in with SetHandler; the default
+// handler prints one line to stderr and answers 1 (report each site once).
+
+#include "kr_base_types.h"
+
+#include <atomic>
+
+namespace Orvex
+{
+	namespace Assert
+	{
+		struct SReport
+		{
+			const char *m_File;
+			const char *m_Function;
+			int m_Line;
+			const char *m_Expression;
+			const char *m_Message;	// formatted message, or the expression text when there is none
+		};
+
+		using FnHandler = int (*)(const SReport &report);
+
+		enum EAnswer : int
+		{
+			Answer_Break = 0,
+			Answer_Ignore = 1,
+			Answer_Continue = 2,
+		};
+
+		// Installs 'handler' and returns the previous one; nullptr restores the default.
+		FnHandler SetHandler(FnHandler handler);
+
+		// The handler used when none is installed: one line on stderr, answers Answer_Ignore.
+		int DefaultHandler(const SReport &report);
+
+		// Number of reports made since process start (silenced sites do not report).
+		u64 ReportCount();
+
+		class CSiteFlag
+		{
+		public:
+			constexpr CSiteFlag() = default;
+			bool Ignored() const { return m_Ignored.load(std::memory_order_relaxed) != 0; }
+			void Ignore() { m_Ignored.store(1, std::memory_order_relaxed); }
+			void Reset() { m_Ignored.store(0, std::memory_order_relaxed); }
+
+		private:
+			std::atomic<u8> m_Ignored{0};
+		};
+
+		// The reporter. 'expr2' is accepted for call compatibility and not reported twice.
+		int EvalAssert(const char *file, const char *function, int line, const char *expr, const char *expr2, const char *message);
+		int EvalAssertFormat(const char *file, const char *function, int line, const char *expr, const char *expr2, const char *format, ...)
+#if defined(__GNUC__)
+			__attribute__((format(printf, 6, 7)))
+#endif
+			;
+
+		// Reports a failed verification through the same handler. Returns true when the
+		// caller should break; answer 1 sets 'ignored', after which nothing is reported.
+		bool VerifyAssertFalse_Breaks(CSiteFlag &ignored, const char *file, const char *function, int line, const char *expr, const char *expr2, const char *expr3);
+
+		// Raises a debugger trap (int3 / SIGTRAP). With no debugger and no SIGTRAP handler
+		// the process stops, which is what "break" means outside a debugger.
+		void DebugBreak();
+
+		// Applies the handler's answer to the site that reported.
+		inline void _Conclude(CSiteFlag &site, int answer)
+		{
+			if (answer == Answer_Ignore)
+				site.Ignore();
+			else if (answer == Answer_Break)
+				DebugBreak();
+		}
+	}
+}
+
+#define OX_FUNCTION __PRETTY_FUNCTION__
+
+// The condition is not evaluated once the site is ignored.
+#define OX_ASSERT(cond) \
+	do { \
+		static ::OX_NAMESPACE::Assert::CSiteFlag _ox_site; \
+		if (!_ox_site.Ignored() && !(cond)) \
+			::OX_NAMESPACE::Assert::_Conclude(_ox_site, ::OX_NAMESPACE::Assert::EvalAssert(__FILE__, OX_FUNCTION, __LINE__, #cond, #cond, #cond)); \
+	} while (0)
+
+// OX_ASSERT_FORMAT(cond, "printf format", args...)
+#define OX_ASSERT_FORMAT(cond, ...) \
+	do { \
+		static ::OX_NAMESPACE::Assert::CSiteFlag _ox_site; \
+		if (!_ox_site.Ignored() && !(cond)) \
+			::OX_NAMESPACE::Assert::_Conclude(_ox_site, ::OX_NAMESPACE::Assert::EvalAssertFormat(__FILE__, OX_FUNCTION, __LINE__, #cond, #cond, __VA_ARGS__)); \
+	} while (0)
+
+#define OX_ASSERT_NOT_REACHED() OX_ASSERT_FORMAT(false, "Control point shouldn't be reached.")
+
+// Alignment checks as the kernels write them; the reported expression is the macro's expansion text.
+#define OX_ASSERT_ALIGNED16(ptr) OX_ASSERT_FORMAT(OX_NAMESPACE::Mem::IsAligned<0x10>((ptr)), "Unaligned memory! %p should be 16-bytes aligned.", static_cast<const void *>(ptr))
+#define OX_ASSERT_ALIGNED32(ptr) OX_ASSERT_FORMAT(OX_NAMESPACE::Mem::IsAligned<0x20>((ptr)), "Unaligned memory! %p should be 32-bytes aligned.", static_cast<const void *>(ptr))
+
+// A verification: when 'cond' fails it is reported (unless silenced) and the
+// enclosing function returns, optionally with a value: OX_VERIFY_OR_RETURN(cond) / (cond, value).
+#define OX_VERIFY_OR_RETURN(cond, ...) \
+	do { \
+		if (!(cond)) { \
+			static ::OX_NAMESPACE::Assert::CSiteFlag _ox_site; \
+			if (::OX_NAMESPACE::Assert::VerifyAssertFalse_Breaks(_ox_site, __FILE__, OX_FUNCTION, __LINE__, #cond, #cond, #cond)) \
+				::OX_NAMESPACE::Assert::DebugBreak(); \
+			return __VA_ARGS__; \
+		} \
+	} while (0)

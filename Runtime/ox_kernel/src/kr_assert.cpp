@@ -1,0 +1,83 @@
+#include "kr_assert.h"
+
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace Orvex
+{
+	namespace Assert
+	{
+		namespace
+		{
+			std::atomic<FnHandler> g_Handler{nullptr};
+			std::atomic<u64> g_ReportCount{0};
+
+			int _Report(const char *file, const char *function, int line, const char *expr, const char *message)
+			{
+				g_ReportCount.fetch_add(1, std::memory_order_relaxed);
+				const SReport report = {file, function, line, expr, message};
+				const FnHandler handler = g_Handler.load(std::memory_order_acquire);
+				return handler != nullptr ? handler(report) : DefaultHandler(report);
+			}
+		}
+
+		FnHandler SetHandler(FnHandler handler)
+		{
+			return g_Handler.exchange(handler, std::memory_order_acq_rel);
+		}
+
+		int DefaultHandler(const SReport &report)
+		{
+			// One fprintf call so that reports from several threads do not interleave.
+			if (std::strcmp(report.m_Message, report.m_Expression) == 0)
+				std::fprintf(stderr, "%s:%d: assertion failed in '%s': %s\n", report.m_File, report.m_Line, report.m_Function, report.m_Expression);
+			else
+				std::fprintf(stderr, "%s:%d: assertion failed in '%s': %s: %s\n", report.m_File, report.m_Line, report.m_Function, report.m_Expression, report.m_Message);
+			return Answer_Ignore;
+		}
+
+		u64 ReportCount()
+		{
+			return g_ReportCount.load(std::memory_order_relaxed);
+		}
+
+		int EvalAssert(const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char *message)
+		{
+			return _Report(file, function, line, expr, message != nullptr ? message : expr);
+		}
+
+		int EvalAssertFormat(const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char *format, ...)
+		{
+			// Stack buffer: reports must work without the heap, from any thread.
+			char message[1024];
+			va_list args;
+			va_start(args, format);
+			std::vsnprintf(message, sizeof(message), format, args);
+			va_end(args);
+			return _Report(file, function, line, expr, message);
+		}
+
+		bool VerifyAssertFalse_Breaks(CSiteFlag &ignored, const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char * /*expr3*/)
+		{
+			if (ignored.Ignored())
+				return false;
+			const int answer = _Report(file, function, line, expr, expr);
+			if (answer == Answer_Ignore)
+				ignored.Ignore();
+			return answer == Answer_Break;
+		}
+
+		void DebugBreak()
+		{
+#if defined(__x86_64__) || defined(__i386__)
+			// int3 leaves the instruction pointer after the trap, so a debugger (or a
+			// SIGTRAP handler) resumes right here.
+			__asm__ volatile("int3");
+#else
+			std::raise(SIGTRAP);
+#endif
+		}
+	}
+}

@@ -1,0 +1,274 @@
+#pragma once
+// Thin SSE2 wrappers the VM kernels are written against.
+//
+// Scalar holds one float in lane 0 of an XMM register; Float4 holds four packed
+// 32-bit lanes, read as floats or as signed integers depending on the operation.
+// Only SSE2 is assumed (default x86-64 target): everything that later instruction
+// sets provide directly (32-bit multiply, ...) is emulated here.
+//
+// Memory accesses go through the integer load/store forms wherever the width
+// allows: their pointer types may alias anything, so a stream of s32 can be read
+// through the same code path as a stream of float without breaking aliasing rules.
+
+#include "kr_assert.h"
+#include "kr_base_types.h"
+
+#include <emmintrin.h>
+#include <xmmintrin.h>
+
+#if !defined(OX_SIMD_INLINE)
+#	define OX_SIMD_INLINE inline __attribute__((always_inline))
+#endif
+
+namespace Orvex
+{
+	namespace SIMD_SSE
+	{
+		namespace Constants
+		{
+			// Masks for sign manipulation: and with the inverse to take the absolute
+			// value, xor with the sign mask to negate.
+			alignas(16) inline constexpr u32 _Constant_Fp32_SignMasks[4] = {0x80000000u, 0x80000000u, 0x80000000u, 0x80000000u};
+			alignas(16) inline constexpr u32 _Constant_Fp32_InvSignMasks[4] = {0x7FFFFFFFu, 0x7FFFFFFFu, 0x7FFFFFFFu, 0x7FFFFFFFu};
+		}
+
+		// All 32 bits set in every lane (pcmpeqd of a register with itself).
+		OX_SIMD_INLINE __m128 _AllOnes()
+		{
+			const __m128i any = _mm_setzero_si128();
+			return _mm_castsi128_ps(_mm_cmpeq_epi32(any, any));
+		}
+
+		// Holds the alignment assertion of the aligned accesses, so that it can be
+		// exercised on its own without performing a faulting access.
+		OX_SIMD_INLINE void _CheckAligned16(const void *p)
+		{
+			OX_ASSERT_ALIGNED16(p);
+		}
+
+		//----------------------------------------------------------------------------
+		// Scalar: one float in lane 0. The upper lanes carry no meaning.
+
+		class Scalar
+		{
+		public:
+			__m128 m_Value;
+
+			Scalar() = default;
+			explicit OX_SIMD_INLINE Scalar(__m128 value) : m_Value(value) {}
+			explicit OX_SIMD_INLINE Scalar(float value) : m_Value(_mm_set_ss(value)) {}
+
+			// ---- Loads and stores (32 bits, no alignment requirement)
+
+			static OX_SIMD_INLINE Scalar Load(const void *p) { return Scalar(_mm_castsi128_ps(_mm_loadu_si32(p))); }
+			OX_SIMD_INLINE void Store(void *p) const { _mm_storeu_si32(p, _mm_castps_si128(m_Value)); }
+
+			// ---- Conversions and lane 0 access
+
+			OX_SIMD_INLINE float ToFloat() const { return _mm_cvtss_f32(m_Value); }
+			static OX_SIMD_INLINE Scalar FromInt(s32 value) { return Scalar(_mm_castsi128_ps(_mm_cvtsi32_si128(value))); }
+			OX_SIMD_INLINE s32 ToInt() const { return _mm_cvtsi128_si32(_mm_castps_si128(m_Value)); }
+			OX_SIMD_INLINE u32 ToBits() const { return static_cast<u32>(ToInt()); }
+
+			// ---- Arithmetic (IEEE, including the division)
+
+			friend OX_SIMD_INLINE Scalar operator+(const Scalar &a, const Scalar &b) { return Scalar(_mm_add_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator-(const Scalar &a, const Scalar &b) { return Scalar(_mm_sub_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator*(const Scalar &a, const Scalar &b) { return Scalar(_mm_mul_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator/(const Scalar &a, const Scalar &b) { return Scalar(_mm_div_ss(a.m_Value, b.m_Value)); }
+
+			// ---- Comparisons: lane 0 becomes all ones or zero
+			// Ordered, except != which is true when either side is NaN (so that != is
+			// exactly the negation of ==). > and >= are < and <= with swapped operands.
+
+			friend OX_SIMD_INLINE Scalar operator<(const Scalar &a, const Scalar &b) { return Scalar(_mm_cmplt_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator<=(const Scalar &a, const Scalar &b) { return Scalar(_mm_cmple_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator>(const Scalar &a, const Scalar &b) { return Scalar(_mm_cmplt_ss(b.m_Value, a.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator>=(const Scalar &a, const Scalar &b) { return Scalar(_mm_cmple_ss(b.m_Value, a.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator==(const Scalar &a, const Scalar &b) { return Scalar(_mm_cmpeq_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator!=(const Scalar &a, const Scalar &b) { return Scalar(_mm_cmpneq_ss(a.m_Value, b.m_Value)); }
+
+			// ---- Bitwise
+
+			friend OX_SIMD_INLINE Scalar operator&(const Scalar &a, const Scalar &b) { return Scalar(_mm_and_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator|(const Scalar &a, const Scalar &b) { return Scalar(_mm_or_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator^(const Scalar &a, const Scalar &b) { return Scalar(_mm_xor_ps(a.m_Value, b.m_Value)); }
+			OX_SIMD_INLINE Scalar operator~() const { return Scalar(_mm_xor_ps(m_Value, _AllOnes())); }
+
+			// ---- Integer arithmetic on lane 0 (wrapping)
+
+			OX_SIMD_INLINE Scalar AddInt32(const Scalar &b) const { return Scalar(_mm_castsi128_ps(_mm_add_epi32(_mm_castps_si128(m_Value), _mm_castps_si128(b.m_Value)))); }
+			OX_SIMD_INLINE Scalar SubInt32(const Scalar &b) const { return Scalar(_mm_castsi128_ps(_mm_sub_epi32(_mm_castps_si128(m_Value), _mm_castps_si128(b.m_Value)))); }
+		};
+
+		static_assert(sizeof(Scalar) == 16, "Scalar is exactly one XMM register");
+
+		//----------------------------------------------------------------------------
+		// Float4: four packed 32-bit lanes, floats or signed integers.
+
+		class Float4
+		{
+		public:
+			__m128 m_Value;
+
+			Float4() = default;
+			explicit OX_SIMD_INLINE Float4(__m128 value) : m_Value(value) {}
+			explicit OX_SIMD_INLINE Float4(__m128i value) : m_Value(_mm_castsi128_ps(value)) {}
+			explicit OX_SIMD_INLINE Float4(float value) : m_Value(_mm_set1_ps(value)) {}
+			// Broadcasts lane 0 of the scalar.
+			explicit OX_SIMD_INLINE Float4(const Scalar &value) : m_Value(_mm_shuffle_ps(value.m_Value, value.m_Value, _MM_SHUFFLE(0, 0, 0, 0))) {}
+
+			static OX_SIMD_INLINE Float4 Zero() { return Float4(_mm_setzero_ps()); }
+			static OX_SIMD_INLINE Float4 Set(float x, float y, float z, float w) { return Float4(_mm_setr_ps(x, y, z, w)); }
+			static OX_SIMD_INLINE Float4 SetInt(s32 x, s32 y, s32 z, s32 w) { return Float4(_mm_setr_epi32(x, y, z, w)); }
+			static OX_SIMD_INLINE Float4 SplatInt(s32 value) { return Float4(_mm_set1_epi32(value)); }
+
+			OX_SIMD_INLINE __m128i AsInt() const { return _mm_castps_si128(m_Value); }
+
+			// ---- Loads and stores
+			// The aligned forms report a misaligned pointer, then still perform the
+			// aligned access: the fault that follows points at the right instruction.
+
+			static OX_SIMD_INLINE Float4 LoadAligned16(const void *p)
+			{
+				_CheckAligned16(p);
+				return Float4(_mm_load_ps(static_cast<const float *>(p)));
+			}
+
+			OX_SIMD_INLINE void StoreAligned16(void *p) const
+			{
+				_CheckAligned16(p);
+				_mm_store_ps(static_cast<float *>(p), m_Value);
+			}
+
+			static OX_SIMD_INLINE Float4 LoadUnaligned(const void *p) { return Float4(_mm_loadu_ps(static_cast<const float *>(p))); }
+			OX_SIMD_INLINE void StoreUnaligned(void *p) const { _mm_storeu_ps(static_cast<float *>(p), m_Value); }
+
+			// Two lanes: 8 bytes in, lanes 2-3 zeroed.
+			static OX_SIMD_INLINE Float4 LoadFloat2(const void *p) { return Float4(_mm_loadl_epi64(static_cast<const __m128i *>(p))); }
+			OX_SIMD_INLINE void StoreFloat2(void *p) const { _mm_storel_epi64(static_cast<__m128i *>(p), AsInt()); }
+
+			// Three lanes as 8 + 4 bytes: a packed 12-byte element may end right at the
+			// end of a buffer (or of a mapped page), so bytes 12..15 are never touched.
+			static OX_SIMD_INLINE Float4 LoadFloat3(const void *p)
+			{
+				const __m128i xy = _mm_loadl_epi64(static_cast<const __m128i *>(p));
+				const __m128i z = _mm_loadu_si32(static_cast<const u8 *>(p) + 8);
+				return Float4(_mm_unpacklo_epi64(xy, z));	// x y z 0
+			}
+
+			OX_SIMD_INLINE void StoreFloat3(void *p) const
+			{
+				_mm_storel_epi64(static_cast<__m128i *>(p), AsInt());
+				_mm_storeu_si32(static_cast<u8 *>(p) + 8, _mm_unpackhi_epi64(AsInt(), AsInt()));
+			}
+
+			// ---- Lane access (slow path: tests, debugging)
+
+			OX_SIMD_INLINE float Lane(int i) const
+			{
+				alignas(16) float lanes[4];
+				_mm_store_ps(lanes, m_Value);
+				return lanes[i & 3];
+			}
+
+			OX_SIMD_INLINE s32 LaneInt(int i) const
+			{
+				alignas(16) s32 lanes[4];
+				_mm_store_si128(reinterpret_cast<__m128i *>(lanes), AsInt());
+				return lanes[i & 3];
+			}
+
+			OX_SIMD_INLINE u32 LaneBits(int i) const { return static_cast<u32>(LaneInt(i)); }
+
+			// ---- Swizzle: result lane 0 = lane a, lane 1 = lane b, ...
+
+			template <int a, int b, int c, int d>
+			OX_SIMD_INLINE Float4 Swizzle() const
+			{
+				static_assert(a >= 0 && a < 4 && b >= 0 && b < 4 && c >= 0 && c < 4 && d >= 0 && d < 4, "Swizzle lanes are 0..3");
+				// _MM_SHUFFLE lists the lanes from the highest down.
+				return Float4(_mm_shuffle_ps(m_Value, m_Value, _MM_SHUFFLE(d, c, b, a)));
+			}
+
+			// ---- Arithmetic (float lanes, IEEE, including the division)
+
+			friend OX_SIMD_INLINE Float4 operator+(const Float4 &a, const Float4 &b) { return Float4(_mm_add_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator-(const Float4 &a, const Float4 &b) { return Float4(_mm_sub_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator*(const Float4 &a, const Float4 &b) { return Float4(_mm_mul_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator/(const Float4 &a, const Float4 &b) { return Float4(_mm_div_ps(a.m_Value, b.m_Value)); }
+
+			// ---- Comparisons (float lanes): each lane all ones or zero
+			// Ordered, except != which is true when either side is NaN.
+
+			friend OX_SIMD_INLINE Float4 operator<(const Float4 &a, const Float4 &b) { return Float4(_mm_cmplt_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator<=(const Float4 &a, const Float4 &b) { return Float4(_mm_cmple_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator>(const Float4 &a, const Float4 &b) { return Float4(_mm_cmplt_ps(b.m_Value, a.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator>=(const Float4 &a, const Float4 &b) { return Float4(_mm_cmple_ps(b.m_Value, a.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator==(const Float4 &a, const Float4 &b) { return Float4(_mm_cmpeq_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator!=(const Float4 &a, const Float4 &b) { return Float4(_mm_cmpneq_ps(a.m_Value, b.m_Value)); }
+
+			// ---- Bitwise
+
+			friend OX_SIMD_INLINE Float4 operator&(const Float4 &a, const Float4 &b) { return Float4(_mm_and_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator|(const Float4 &a, const Float4 &b) { return Float4(_mm_or_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator^(const Float4 &a, const Float4 &b) { return Float4(_mm_xor_ps(a.m_Value, b.m_Value)); }
+			OX_SIMD_INLINE Float4 operator~() const { return Float4(_mm_xor_ps(m_Value, _AllOnes())); }
+			// this & ~mask (andnps complements its first operand).
+			OX_SIMD_INLINE Float4 AndNot(const Float4 &mask) const { return Float4(_mm_andnot_ps(mask.m_Value, m_Value)); }
+
+			// ---- Integer arithmetic and comparisons (signed 32-bit lanes, wrapping)
+
+			OX_SIMD_INLINE Float4 AddInt32(const Float4 &b) const { return Float4(_mm_add_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float4 SubInt32(const Float4 &b) const { return Float4(_mm_sub_epi32(AsInt(), b.AsInt())); }
+
+			// Low 32 bits of each product. SSE2 only multiplies lanes 0 and 2 into 64-bit
+			// results (pmuludq), so lanes 1 and 3 are shifted down and multiplied
+			// separately, then the low halves are interleaved back. The low 32 bits of a
+			// product do not depend on signedness, so the unsigned multiply is exact.
+			OX_SIMD_INLINE Float4 MulLoInt32(const Float4 &b) const
+			{
+				const __m128i even = _mm_mul_epu32(AsInt(), b.AsInt());	// 64-bit products of lanes 0, 2
+				const __m128i odd = _mm_mul_epu32(_mm_srli_si128(AsInt(), 4), _mm_srli_si128(b.AsInt(), 4));	// lanes 1, 3
+				const __m128i evenLo = _mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0));	// p0 p2 . .
+				const __m128i oddLo = _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0));	// p1 p3 . .
+				return Float4(_mm_unpacklo_epi32(evenLo, oddLo));	// p0 p1 p2 p3
+			}
+
+			OX_SIMD_INLINE Float4 CmpEqInt32(const Float4 &b) const { return Float4(_mm_cmpeq_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float4 CmpLtInt32(const Float4 &b) const { return Float4(_mm_cmplt_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float4 CmpGtInt32(const Float4 &b) const { return Float4(_mm_cmpgt_epi32(AsInt(), b.AsInt())); }
+
+			// ---- Shifts by one count for all lanes
+			// The count goes through a register: past 31 the hardware gives 0 for the
+			// left and logical right shifts and the sign fill for the arithmetic one.
+			// That is the behaviour kept when the assertion is not fatal.
+
+			OX_SIMD_INLINE Float4 ShiftLeftInt32(u32 bits) const
+			{
+				OX_ASSERT(bits <= 31);
+				return Float4(_mm_sll_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
+			}
+
+			OX_SIMD_INLINE Float4 ShiftRightArithInt32(u32 bits) const
+			{
+				OX_ASSERT(bits <= 31);
+				return Float4(_mm_sra_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
+			}
+
+			OX_SIMD_INLINE Float4 ShiftRightLogicalInt32(u32 bits) const
+			{
+				OX_ASSERT(bits <= 31);
+				return Float4(_mm_srl_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
+			}
+
+			// ---- Conversions
+
+			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000.
+			OX_SIMD_INLINE Float4 ConvertToInt32Trunc() const { return Float4(_mm_cvttps_epi32(m_Value)); }
+			OX_SIMD_INLINE Float4 ConvertInt32ToFloat() const { return Float4(_mm_cvtepi32_ps(AsInt())); }
+		};
+
+		static_assert(sizeof(Float4) == 16, "Float4 is exactly one XMM register");
+	}
+}
