@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# The main job: set up, build, then run the oxvm tool (default: the bundled demo).
+# Arguments are passed to oxvm, e.g. scripts/run.sh --help
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+
+"$root/scripts/build.sh" >/dev/null
+if [ "$#" -eq 0 ]; then
+  set -- demo
+fi
+exec "$root/build/tools/oxvm" "$@"
