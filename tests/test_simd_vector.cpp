@@ -88,7 +88,9 @@ namespace
 		}
 	}
 
-	Float4 ApplyOp(EOp op, const Float4 &a, const Float4 &b)
+	// The same operator spelling for both wrapper classes.
+	template <typename _Vector>
+	_Vector ApplyOp(EOp op, const _Vector &a, const _Vector &b)
 	{
 		switch (op)
 		{
@@ -102,25 +104,7 @@ namespace
 		case Op_Ge: return a >= b;
 		case Op_Eq: return a == b;
 		case Op_Ne: return a != b;
-		default: return Float4::Zero();
-		}
-	}
-
-	Scalar ApplyOp(EOp op, const Scalar &a, const Scalar &b)
-	{
-		switch (op)
-		{
-		case Op_Add: return a + b;
-		case Op_Sub: return a - b;
-		case Op_Mul: return a * b;
-		case Op_Div: return a / b;
-		case Op_Lt: return a < b;
-		case Op_Le: return a <= b;
-		case Op_Gt: return a > b;
-		case Op_Ge: return a >= b;
-		case Op_Eq: return a == b;
-		case Op_Ne: return a != b;
-		default: return Scalar(0.0f);
+		default: return _Vector(0.0f);
 		}
 	}
 
