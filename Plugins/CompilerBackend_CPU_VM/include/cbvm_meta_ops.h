@@ -209,6 +209,16 @@ namespace Orvex
 		static u32 EncodingSize_Specialized() { return kSpecializedSize; }
 		static u32 EncodingSize(EOp op) { return u32(op) < kSpecializedOpCount ? kSpecializedSize : kGenericSize; }
 
+		// ---- Low entry points: the plain execution path (one element per iteration,
+		// dense destination, no broadcasting stage). Each asserts its opcode byte and
+		// returns the instruction's size whatever happens inside.
+		static u32 _ExecBytecode_Low(const CBytecodeExecContext &context, const u8 *bytecode);		// 113, operator in byte 1; 14
+		static u32 _ExecBytecode_Add_Low(const CBytecodeExecContext &context, const u8 *bytecode);	// 114; 13
+		static u32 _ExecBytecode_Sub_Low(const CBytecodeExecContext &context, const u8 *bytecode);	// 115; 13
+		static u32 _ExecBytecode_Mul_Low(const CBytecodeExecContext &context, const u8 *bytecode);	// 116; 13
+		static u32 _ExecBytecode_Div_Low(const CBytecodeExecContext &context, const u8 *bytecode);	// 117; 13
+
+		// ---- Codec
 		// Writes 13 or 14 bytes at 'dst' (at least 14 must be writable) and returns the count.
 		static u32 EncodeDescToBytecode(u8 *dst, const SDesc &desc);
 		// Decode one instruction (at least its own size must be readable); return its size.

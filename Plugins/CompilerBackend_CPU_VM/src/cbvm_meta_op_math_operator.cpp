@@ -1,6 +1,9 @@
-// The math-operator meta-op: bytecode encoder and decoder.
+// The math-operator meta-op: entry points (operand resolution and dispatch) and the
+// bytecode encoder and decoder. The kernels live in the .impl headers.
 
+#include "cbvm_meta_op_math_operator.low.impl.h"
 #include "cbvm_meta_ops.h"
+#include "cbvm_registers.h"
 
 namespace Orvex
 {
@@ -106,5 +109,113 @@ namespace Orvex
 		generic.m_DstOpcode = report.m_Opcode;
 		SOp_MathOp::DescToGeneric(desc, generic.m_Desc);
 		return size;
+	}
+}
+
+//------------------------------------------------------------------------------------
+// Low entry points
+
+namespace Orvex
+{
+	namespace
+	{
+		using RegisterEntry = CCBCPUMetaRegisters::SRegister;
+
+		// Reads the three operands at bytecode + wb, resolves them in the register file and
+		// runs the selector of source 0's type. The Low path has no destination stride (the
+		// kernels write densely) and gives a source a stride by its bank alone: a Constant or
+		// Normal source is re-read (stride 0) even when only one element is evaluated.
+		void _MetaOp_MathOp_ExecBytecode_Low_Impl(const CBytecodeExecContext &context, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		{
+			OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp || bytecode[0] == CBVM::Opcode_MathOpAdd || bytecode[0] == CBVM::Opcode_MathOpSub || bytecode[0] == CBVM::Opcode_MathOpMul || bytecode[0] == CBVM::Opcode_MathOpDiv);
+			const CCBCPUMetaRegisters &registers = context.m_Registers;
+
+			const CVMRegID m_DstReg = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset))};
+			const CVMRegID m_SrcReg0 = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg0Offset))};
+			const CVMRegID m_SrcReg1 = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg1Offset))};
+
+			const EBaseTypeID m_SrcType = m_SrcReg0.ToType();
+			const RegisterEntry &reg = registers.SelectRegister(m_DstReg);
+			const RegisterEntry &reg0 = registers.SelectRegister(m_SrcReg0);
+			const Compiler::EMetaType mt = m_DstReg.ToBank();
+
+			const u32 evalCount = mt < Compiler::MetaType_Instance ? 1 : registers.m_StreamDimensions;
+			const u32 elementSize = CCBCPUMetaRegisters::DataSizeInBytes(m_SrcType);
+			const u32 stride0 = m_SrcReg0.ToBank() >= Compiler::MetaType_Instance ? elementSize : 0;
+			const u32 dstStride = CCBCPUMetaRegisters::DataSizeInBytes(m_DstReg.ToType());
+
+			OX_ASSERT(reg.m_Size >= registers.m_StreamDimensions * dstStride || (reg.m_Size >= dstStride && mt < Compiler::MetaType_Instance));
+			OX_ASSERT(reg0.m_Size >= evalCount * stride0);
+			OX_ASSERT(m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1));
+
+			const void *datasrc1 = nullptr;
+			u32 stride1 = 0;
+			if (m_SrcReg1.Valid())
+			{
+				OX_ASSERT(m_SrcReg1.ToType() == m_SrcType);
+				const RegisterEntry &reg1 = registers.SelectRegister(m_SrcReg1);
+				// Source 0's element size, deliberately: the sources are meant to share a type.
+				stride1 = m_SrcReg1.ToBank() >= Compiler::MetaType_Instance ? elementSize : 0;
+				OX_ASSERT(reg1.m_Size >= evalCount * stride1);
+				datasrc1 = reg1.m_RawData;
+			}
+
+			void *evalInto = reg.m_RawData;
+			const void *datasrc0 = reg0.m_RawData;
+			switch (m_SrcType)
+			{
+			case BaseType_Bool:
+			case BaseType_I32: MathOp::ExecOperatorInt_Low<1>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Bool2:
+			case BaseType_Int2: MathOp::ExecOperatorInt_Low<2>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Bool3:
+			case BaseType_Int3: MathOp::ExecOperatorInt_Low<3>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Bool4:
+			case BaseType_Int4: MathOp::ExecOperatorInt_Low<4>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Float: MathOp::ExecOperatorFloat_Low<1>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Float2: MathOp::ExecOperatorFloat_Low<2>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Float3: MathOp::ExecOperatorFloat_Low<3>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Float4:
+			case BaseType_Quaternion: MathOp::ExecOperatorFloat_Low<4>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			default:
+				OX_ASSERT_NOT_REACHED();
+				return;
+			}
+		}
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kGenericRegistersOffset, SOp_MathOp::EOp(bytecode[kGenericOperatorOffset]));
+		return IP_Offset;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Add_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpAdd);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Add);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Sub_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpSub);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Sub);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Mul_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpMul);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Mul);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Div_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpDiv);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
+		return kSpecializedSize;
 	}
 }

@@ -1,0 +1,80 @@
+#pragma once
+// Scalar definitions of the math operators' edge cases, in one place: the plain
+// execution path and the scalar tails of the vector kernels call these, so "division
+// by zero gives 0" and its relatives exist exactly once.
+//
+// Integer arithmetic wraps modulo 2^32 and never traps: there is no hardware divide
+// on a zero divisor, and INT_MIN / -1 (which faults on x86) is routed around.
+
+#include "kr_base_types.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace Orvex
+{
+	namespace ScalarOps
+	{
+		// ---- Wrapping arithmetic (done unsigned: signed overflow is undefined in C++)
+
+		inline s32 AddS32(s32 a, s32 b) { return s32(u32(a) + u32(b)); }
+		inline s32 SubS32(s32 a, s32 b) { return s32(u32(a) - u32(b)); }
+		inline s32 MulS32(s32 a, s32 b) { return s32(u32(a) * u32(b)); }	// low 32 bits of the product
+		inline s32 NegS32(s32 a) { return s32(0u - u32(a)); }				// INT_MIN stays INT_MIN
+
+		// ---- Div
+
+		// Truncated quotient; b == 0 gives 0. b == -1 is a wrapping negation, so
+		// INT_MIN / -1 gives INT_MIN instead of a processor fault.
+		inline s32 DivS32(s32 a, s32 b)
+		{
+			if (b == 0)
+				return 0;
+			if (b == -1)
+				return NegS32(a);
+			return a / b;
+		}
+
+		// ---- Mod
+
+		// Remainder with the sign of a; b == 0 gives a unchanged (deliberately not 0, unlike
+		// the quotient). x % -1 is 0 for every x, INT_MIN included, without dividing.
+		inline s32 ModS32(s32 a, s32 b)
+		{
+			if (b == 0)
+				return a;
+			if (b == -1)
+				return 0;
+			return a % b;
+		}
+
+		// Float modulo as the VM defines it: frac(a / b) * b, with frac taken only while the
+		// quotient fits the 32-bit truncation (|q| < 2^31); beyond that, and for a NaN or
+		// infinite quotient, frac is +0. So the result has the sign of a, x mod 0 is 0 for
+		// every finite x, and a huge quotient gives 0 rather than the exact remainder.
+		inline float ModF32(float a, float b)
+		{
+			const float q = a / b;
+			const float f = std::fabs(q) < 2147483648.0f ? q - float(s32(q)) : 0.0f;
+			return f * b;
+		}
+
+		// Negation as a sign flip, not 0 - a: 0 and -0 swap, a NaN keeps its payload.
+		inline float NegF32(float a)
+		{
+			u32 bits;
+			std::memcpy(&bits, &a, 4);
+			bits ^= 0x80000000u;
+			std::memcpy(&a, &bits, 4);
+			return a;
+		}
+
+		// ---- Shifts: only the low five bits of the count are used (a count of 33 shifts by 1)
+
+		inline s32 ShlS32(s32 a, s32 b) { return s32(u32(a) << (u32(b) & 31u)); }
+		inline s32 SarS32(s32 a, s32 b) { return a >> (u32(b) & 31u); }	// sign-filling
+		inline s32 ShrS32(s32 a, s32 b) { return s32(u32(a) >> (u32(b) & 31u)); }	// zero-filling
+
+		static_assert((s32(-8) >> 1) == -4, "signed right shift must be arithmetic");
+	}
+}
