@@ -6,9 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cmath>
@@ -137,39 +135,6 @@ namespace
 
 	// Two adjacent pages, the second one inaccessible: data placed at the end of the
 	// first page proves that a load reads nothing past its size.
-	class CGuardPage
-	{
-	public:
-		CGuardPage()
-		{
-			m_PageSize = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-			void *mem = mmap(nullptr, 2 * m_PageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-			if (mem == MAP_FAILED)
-				return;
-			m_Base = static_cast<u8 *>(mem);
-			if (mprotect(m_Base + m_PageSize, m_PageSize, PROT_NONE) != 0)
-			{
-				munmap(m_Base, 2 * m_PageSize);
-				m_Base = nullptr;
-			}
-		}
-		~CGuardPage()
-		{
-			if (m_Base != nullptr)
-				munmap(m_Base, 2 * m_PageSize);
-		}
-		CGuardPage(const CGuardPage &) = delete;
-		CGuardPage &operator=(const CGuardPage &) = delete;
-
-		bool Valid() const { return m_Base != nullptr; }
-		// The last 'size' bytes before the inaccessible page.
-		u8 *Tail(size_t size) const { return m_Base + m_PageSize - size; }
-
-	private:
-		u8 *m_Base = nullptr;
-		size_t m_PageSize = 0;
-	};
-
 	constexpr u8 kGuardByte = 0xA5;
 
 	// Every byte outside [begin, end) must still hold the guard value.
@@ -250,7 +215,7 @@ TEST(SimdScalar, ConstructLoadStore)
 
 TEST(SimdScalar, LoadReadsOnlyFourBytes)
 {
-	CGuardPage page;
+	OxTest::CGuardPage page;
 	ASSERT_TRUE(page.Valid());
 	u8 *tail = page.Tail(4);
 	const s32 value = -42;
@@ -435,7 +400,7 @@ TEST(SimdFloat4, LoadFloat2AndFloat3ZeroTheRest)
 
 TEST(SimdFloat4, PartialLoadsStopAtTheEndOfThePage)
 {
-	CGuardPage page;
+	OxTest::CGuardPage page;
 	ASSERT_TRUE(page.Valid());
 	const float xyz[3] = {4.0f, -5.0f, 6.0f};
 

@@ -1,5 +1,9 @@
 #include "test_support.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <mutex>
 
 namespace OxTest
@@ -67,5 +71,32 @@ namespace OxTest
 	{
 		std::lock_guard<std::mutex> lock(g_Lock);
 		g_Reports.clear();
+	}
+
+	CGuardPage::CGuardPage()
+	{
+		m_PageSize = std::size_t(sysconf(_SC_PAGESIZE));
+		void *mem = mmap(nullptr, 2 * m_PageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+		if (mem == MAP_FAILED)
+			return;
+		m_Base = static_cast<unsigned char *>(mem);
+		if (mprotect(m_Base + m_PageSize, m_PageSize, PROT_NONE) != 0)
+		{
+			munmap(m_Base, 2 * m_PageSize);
+			m_Base = nullptr;
+		}
+	}
+
+	CGuardPage::~CGuardPage()
+	{
+		if (m_Base != nullptr)
+			munmap(m_Base, 2 * m_PageSize);
+	}
+
+	const unsigned char *CGuardPage::PlaceAtEnd(const unsigned char *bytes, std::size_t size) const
+	{
+		unsigned char *dst = Tail(size);
+		std::memcpy(dst, bytes, size);
+		return dst;
 	}
 }

@@ -4,6 +4,7 @@
 
 #include "kr_assert.h"
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -35,5 +36,26 @@ namespace OxTest
 
 	private:
 		Orvex::Assert::FnHandler m_Previous;
+	};
+
+	// Two mapped pages, the second made inaccessible: anything placed at the end of the
+	// first one faults if code reads or writes a byte past it.
+	class CGuardPage
+	{
+	public:
+		CGuardPage();
+		~CGuardPage();
+		CGuardPage(const CGuardPage &) = delete;
+		CGuardPage &operator=(const CGuardPage &) = delete;
+
+		bool Valid() const { return m_Base != nullptr; }
+		// The last 'size' bytes before the inaccessible page.
+		unsigned char *Tail(std::size_t size) const { return m_Base + m_PageSize - size; }
+		// Copies 'bytes' so that their last one is the last readable byte.
+		const unsigned char *PlaceAtEnd(const unsigned char *bytes, std::size_t size) const;
+
+	private:
+		unsigned char *m_Base = nullptr;
+		std::size_t m_PageSize = 0;
 	};
 }
