@@ -1,6 +1,7 @@
 // The math-operator meta-op: entry points (operand resolution and dispatch) and the
 // bytecode encoder and decoder. The kernels live in the .impl headers.
 
+#include "cbvm_meta_op_math_operator.float.impl.h"
 #include "cbvm_meta_op_math_operator.low.impl.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_registers.h"

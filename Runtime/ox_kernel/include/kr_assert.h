@@ -114,13 +114,17 @@ namespace Orvex
 #define OX_ASSERT_ALIGNED32(ptr) OX_ASSERT_FORMAT(OX_NAMESPACE::Mem::IsAligned<0x20>((ptr)), "Unaligned memory! %p should be 32-bytes aligned.", static_cast<const void *>(ptr))
 
 // A verification: when 'cond' fails it is reported (unless silenced) and the
-// enclosing function returns, optionally with a value: OX_VERIFY_OR_RETURN(cond) / (cond, value).
-#define OX_VERIFY_OR_RETURN(cond, ...) \
+// statements given as the second argument run, e.g. OX_VERIFY_OR(cond, return).
+#define OX_VERIFY_OR(cond, ...) \
 	do { \
 		if (!(cond)) { \
 			static ::OX_NAMESPACE::Assert::CSiteFlag _ox_site; \
 			if (::OX_NAMESPACE::Assert::VerifyAssertFalse_Breaks(_ox_site, __FILE__, OX_FUNCTION, __LINE__, #cond, #cond, #cond)) \
 				::OX_NAMESPACE::Assert::DebugBreak(); \
-			return __VA_ARGS__; \
+			__VA_ARGS__; \
 		} \
 	} while (0)
+
+// The common form: the enclosing function returns, optionally with a value:
+// OX_VERIFY_OR_RETURN(cond) / OX_VERIFY_OR_RETURN(cond, value).
+#define OX_VERIFY_OR_RETURN(cond, ...) OX_VERIFY_OR(cond, return __VA_ARGS__)

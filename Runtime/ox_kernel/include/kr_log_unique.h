@@ -11,6 +11,12 @@
 #include <atomic>
 #include <mutex>
 
+#define OX_STRINGIZE_IMPL(x) #x
+#define OX_STRINGIZE(x) OX_STRINGIZE_IMPL(x)
+
+// The location text of the current source line: "[l.<line>] @ <file>".
+#define OX_LOG_LOCATION "[l." OX_STRINGIZE(__LINE__) "] @ " __FILE__
+
 namespace Orvex
 {
 	class CLogUniqueCollection : CNonCopyable

@@ -48,15 +48,20 @@ namespace Orvex
 			return a % b;
 		}
 
-		// Float modulo as the VM defines it: frac(a / b) * b, with frac taken only while the
-		// quotient fits the 32-bit truncation (|q| < 2^31); beyond that, and for a NaN or
-		// infinite quotient, frac is +0. So the result has the sign of a, x mod 0 is 0 for
-		// every finite x, and a huge quotient gives 0 rather than the exact remainder.
+		// Fractional part of a quotient, taken only while it fits the 32-bit truncation
+		// (|q| < 2^31); beyond that, and for a NaN or infinite q, +0. The vector kernels
+		// compute the same thing lane by lane: (q - float(trunc32(q))) masked by |q| < 2^31.
+		inline float TruncFracF32(float q)
+		{
+			return std::fabs(q) < 2147483648.0f ? q - float(s32(q)) : 0.0f;
+		}
+
+		// Float modulo as the VM defines it: frac(a / b) * b. The result has the sign of a,
+		// x mod 0 is 0 for every finite x, and a huge quotient gives 0 rather than the exact
+		// remainder.
 		inline float ModF32(float a, float b)
 		{
-			const float q = a / b;
-			const float f = std::fabs(q) < 2147483648.0f ? q - float(s32(q)) : 0.0f;
-			return f * b;
+			return TruncFracF32(a / b) * b;
 		}
 
 		// Negation as a sign flip, not 0 - a: 0 and -0 swap, a NaN keeps its payload.
