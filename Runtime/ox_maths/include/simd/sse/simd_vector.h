@@ -235,6 +235,25 @@ namespace Orvex
 				return Float4(_mm_unpacklo_epi32(evenLo, oddLo));	// p0 p1 p2 p3
 			}
 
+			// High 32 bits of each signed 64-bit product (what the magic-number division
+			// needs). SSE2 only has the unsigned 32x32->64 multiply, on lanes 0 and 2, so
+			// the high halves are taken from two pmuludq as above and then corrected for
+			// the signs: a signed lane is its unsigned reading minus 2^32 when negative, so
+			//   a * b = ua * ub - 2^32 * (ua * [b < 0] + ub * [a < 0]) + 2^64 * [a < 0][b < 0]
+			// and modulo 2^32 the high half loses b when a < 0 and a when b < 0.
+			OX_SIMD_INLINE Float4 MulHiInt32(const Float4 &b) const
+			{
+				const __m128i even = _mm_mul_epu32(AsInt(), b.AsInt());	// 64-bit products of lanes 0, 2
+				const __m128i odd = _mm_mul_epu32(_mm_srli_si128(AsInt(), 4), _mm_srli_si128(b.AsInt(), 4));	// lanes 1, 3
+				const __m128i evenHi = _mm_shuffle_epi32(even, _MM_SHUFFLE(3, 3, 3, 1));	// h0 h2 . .
+				const __m128i oddHi = _mm_shuffle_epi32(odd, _MM_SHUFFLE(3, 3, 3, 1));	// h1 h3 . .
+				const __m128i unsignedHi = _mm_unpacklo_epi32(evenHi, oddHi);	// h0 h1 h2 h3
+				const __m128i aNeg = _mm_srai_epi32(AsInt(), 31);	// all ones where a < 0
+				const __m128i bNeg = _mm_srai_epi32(b.AsInt(), 31);
+				const __m128i correction = _mm_add_epi32(_mm_and_si128(aNeg, b.AsInt()), _mm_and_si128(bNeg, AsInt()));
+				return Float4(_mm_sub_epi32(unsignedHi, correction));
+			}
+
 			OX_SIMD_INLINE Float4 CmpEqInt32(const Float4 &b) const { return Float4(_mm_cmpeq_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float4 CmpLtInt32(const Float4 &b) const { return Float4(_mm_cmplt_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float4 CmpGtInt32(const Float4 &b) const { return Float4(_mm_cmpgt_epi32(AsInt(), b.AsInt())); }

@@ -1,0 +1,77 @@
+#pragma once
+// Standard execution path: the integer operator kernels (ints and bools, 1 to 4
+// components).
+//
+// Two layers:
+//   - ExecOperatorInt<N> checks its arguments once per instruction and turns each
+//     constant operand into a 12-integer block (TBroadcaster<N>::Broadcast12);
+//   - _ExecIntOperatorPacked, one kernel for every dimension, walks the destination as
+//     a flat array of s32 in blocks of 12 (three SSE vectors) and switches on the
+//     operator. 12 is a multiple of 1, 2, 3 and 4, so a broadcast constant lines up
+//     with every block of a stream and the kernel never needs to know N.
+//
+// Integer arithmetic wraps modulo 2^32 and never faults: no hardware divide ever sees
+// a zero divisor or the pair (INT_MIN, -1). The per-lane rules are those of
+// ScalarOps (mt_scalar_ops.h): x / 0 = 0, x % 0 = x, INT_MIN / -1 = INT_MIN,
+// INT_MIN % -1 = 0, shift counts use their low five bits.
+//
+// The block paths of a uniform constant operand differ from those rules in two
+// places (see cbvm_meta_op_math_operator_int.cpp): a uniform shift count above 31
+// shifts everything out instead of using its low five bits, and INT_MIN divided by
+// the constant INT_MIN gives -1 instead of 1.
+
+#include "cbvm_stream_copier.h"
+#include "cp_ir_details.h"
+#include "kr_assert.h"
+#include "kr_base_types.h"
+
+#include <cstddef>
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		// dstPtr[i] = op(srcPtr0[i], srcPtr1[i]) over [dstPtr, dstStop). stride0 / stride1
+		// are per 12-integer block, in bytes: 48 for a packed stream, 0 for a constant
+		// given as a 12-integer block (as Broadcast12 builds it). Pointers must be 16-byte
+		// aligned; srcPtr1 is null for the unary operators (neg, not).
+		void _ExecIntOperatorPacked(Compiler::IR::SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
+
+		// 'stride' is the destination stride in bytes and must be _Dimension * 4 (anything
+		// else is refused and nothing is written); 'count' is the number of elements;
+		// stride0 / stride1 are _Dimension * 4 for a stream and 0 for a constant.
+		template <int _Dimension>
+		void ExecOperatorInt(Compiler::IR::SOp_MathOp::EOp op, void *evalInto, u32 stride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
+		{
+			static_assert(_Dimension >= 1 && _Dimension <= 4, "integer kernels handle 1 to 4 components");
+
+			OX_ASSERT_ALIGNED32(evalInto);
+			OX_ASSERT_ALIGNED32(datasrc0);
+			OX_ASSERT_ALIGNED32(datasrc1);
+			OX_ASSERT(evalInto != null);
+			OX_ASSERT(datasrc0 != null);
+			OX_ASSERT(stride0 == _Dimension * sizeof(s32) || stride0 == 0);
+			OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
+			// The kernel writes a dense stream: a destination of another element size would
+			// be overrun or left half-written, so this one is refused, not just reported.
+			OX_VERIFY_OR_RETURN(stride == _Dimension * sizeof(s32));
+
+			// One block per operand, so that two constant operands do not share a block.
+			alignas(16) s32 constantBlocks[2][12];
+			static_assert(sizeof(constantBlocks[0]) == 48, "a broadcast block is 48 bytes");
+
+			const void *src0 = datasrc0;
+			const void *src1 = datasrc1;
+			if (stride0 == 0)
+				src0 = TBroadcaster<_Dimension>::Broadcast12(datasrc0, constantBlocks[0]);
+			if (datasrc1 != null && stride1 == 0)
+				src1 = TBroadcaster<_Dimension>::Broadcast12(datasrc1, constantBlocks[1]);
+
+			s32 *dst = static_cast<s32 *>(evalInto);
+			const s32 *dstStop = dst + std::size_t(count) * _Dimension;
+			_ExecIntOperatorPacked(op, dst, dstStop,
+								   static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u,
+								   static_cast<const s32 *>(src1), stride1 != 0 ? 48u : 0u);
+		}
+	}
+}
