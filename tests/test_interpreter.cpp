@@ -243,7 +243,7 @@ TEST(InterpreterEntries, PathNames)
 
 TEST(InterpreterEntries, NoEntryOnAPathThatDoesNotExist)
 {
-	for (u32 path : {1u, 7u, 255u})
+	for (u32 path : {u32(CBVM::__MaxExecPaths), 7u, 255u})
 		for (u32 opcode : {0u, 113u, 114u, 117u, 255u})
 			EXPECT_EQ(CBVM::CInterpreter::Entry(CBVM::EExecPath(path), u8(opcode)).m_Exec, nullptr) << path << " " << opcode;
 }
@@ -435,7 +435,7 @@ TEST(InterpreterRun, ProgramEndingAtTheLastReadableByte)
 
 TEST(InterpreterRun, BadPathRunsNothing)
 {
-	for (u32 path : {1u, 2u, 255u})
+	for (u32 path : {u32(CBVM::__MaxExecPaths), 3u, 255u})
 	{
 		CAssertCapture capture;
 		CHost host(16);

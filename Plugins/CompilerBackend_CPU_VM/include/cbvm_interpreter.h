@@ -9,7 +9,7 @@
 // the buffer. It does not verify register ids, types or sizes: the entry points
 // assert on those (a bytecode verifier is the place to reject a bad program).
 //
-//   SRunResult result = CInterpreter::Run(ctx, bytes, size, ExecPath_Low);
+//   SRunResult result = CInterpreter::Run(ctx, bytes, size);   // standard path; or ExecPath_Low
 //   if (result.m_Status != RunStatus_Ok) { char text[128]; CInterpreter::FormatError(result, text, sizeof(text)); ... }
 
 #include "cbvm_meta_ops.h"
@@ -20,11 +20,12 @@ namespace Orvex
 	{
 		enum EExecPath : u8
 		{
-			ExecPath_Low = 0,	// the plain path: one element per iteration
+			ExecPath_Standard = 0,	// the SIMD stream path (the default)
+			ExecPath_Low = 1,		// the plain path: one element per iteration
 			__MaxExecPaths
 		};
 
-		// Readable name ("low"); "?" for a value outside the enumeration.
+		// Readable name ("standard", "low"); "?" for a value outside the enumeration.
 		const char *ExecPathName(EExecPath path);
 
 		using FnExecBytecode = u32 (*)(const CBytecodeExecContext &context, const u8 *bytecode);
@@ -59,7 +60,7 @@ namespace Orvex
 
 			// Runs every instruction of bytecode[0, size) in order. Sets
 			// registers.m_InstructionPointer to each instruction's offset before calling it.
-			static SRunResult Run(const CBytecodeExecContext &context, const u8 *bytecode, u32 size, EExecPath path);
+			static SRunResult Run(const CBytecodeExecContext &context, const u8 *bytecode, u32 size, EExecPath path = ExecPath_Standard);
 
 			// One line, e.g. "unknown opcode 42 at offset 13"; returns the length written.
 			static u32 FormatError(const SRunResult &result, char *buffer, u32 bufferSize);

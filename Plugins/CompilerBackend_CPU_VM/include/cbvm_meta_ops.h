@@ -209,6 +209,15 @@ namespace Orvex
 		static u32 EncodingSize_Specialized() { return kSpecializedSize; }
 		static u32 EncodingSize(EOp op) { return u32(op) < kSpecializedOpCount ? kSpecializedSize : kGenericSize; }
 
+		// ---- Standard entry points: the SIMD stream path. Each opens a profiler scope
+		// named after itself, asserts its opcode byte and returns the instruction's size
+		// whatever happens inside.
+		static u32 _ExecBytecode(const CBytecodeExecContext &execCtx, const u8 *bytecode);		// 113, operator in byte 1; 14
+		static u32 _ExecBytecode_Add(const CBytecodeExecContext &execCtx, const u8 *bytecode);	// 114; 13
+		static u32 _ExecBytecode_Sub(const CBytecodeExecContext &execCtx, const u8 *bytecode);	// 115; 13
+		static u32 _ExecBytecode_Mul(const CBytecodeExecContext &execCtx, const u8 *bytecode);	// 116; 13
+		static u32 _ExecBytecode_Div(const CBytecodeExecContext &execCtx, const u8 *bytecode);	// 117; 13
+
 		// ---- Low entry points: the plain execution path (one element per iteration,
 		// dense destination, no broadcasting stage). Each asserts its opcode byte and
 		// returns the instruction's size whatever happens inside.

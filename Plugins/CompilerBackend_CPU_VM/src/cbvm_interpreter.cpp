@@ -16,26 +16,30 @@ namespace Orvex
 				SEntry m_Entries[256];
 			};
 
-			constexpr SEntryTable _BuildLowTable()
+			// The five math-op entries of one path, in opcode order 113 .. 117.
+			constexpr SEntryTable _BuildTable(FnExecBytecode generic, FnExecBytecode add, FnExecBytecode sub, FnExecBytecode mul, FnExecBytecode div)
 			{
 				SEntryTable table = {};
-				table.m_Entries[Opcode_MathOp] = {&CMetaOp_MathOp::_ExecBytecode_Low, CMetaOp_MathOp::kGenericSize};
-				table.m_Entries[Opcode_MathOpAdd] = {&CMetaOp_MathOp::_ExecBytecode_Add_Low, CMetaOp_MathOp::kSpecializedSize};
-				table.m_Entries[Opcode_MathOpSub] = {&CMetaOp_MathOp::_ExecBytecode_Sub_Low, CMetaOp_MathOp::kSpecializedSize};
-				table.m_Entries[Opcode_MathOpMul] = {&CMetaOp_MathOp::_ExecBytecode_Mul_Low, CMetaOp_MathOp::kSpecializedSize};
-				table.m_Entries[Opcode_MathOpDiv] = {&CMetaOp_MathOp::_ExecBytecode_Div_Low, CMetaOp_MathOp::kSpecializedSize};
+				table.m_Entries[Opcode_MathOp] = {generic, CMetaOp_MathOp::kGenericSize};
+				table.m_Entries[Opcode_MathOpAdd] = {add, CMetaOp_MathOp::kSpecializedSize};
+				table.m_Entries[Opcode_MathOpSub] = {sub, CMetaOp_MathOp::kSpecializedSize};
+				table.m_Entries[Opcode_MathOpMul] = {mul, CMetaOp_MathOp::kSpecializedSize};
+				table.m_Entries[Opcode_MathOpDiv] = {div, CMetaOp_MathOp::kSpecializedSize};
 				return table;
 			}
 
-			constexpr SEntryTable kLowTable = _BuildLowTable();
+			constexpr SEntryTable kStandardTable = _BuildTable(&CMetaOp_MathOp::_ExecBytecode, &CMetaOp_MathOp::_ExecBytecode_Add, &CMetaOp_MathOp::_ExecBytecode_Sub,
+															   &CMetaOp_MathOp::_ExecBytecode_Mul, &CMetaOp_MathOp::_ExecBytecode_Div);
+			constexpr SEntryTable kLowTable = _BuildTable(&CMetaOp_MathOp::_ExecBytecode_Low, &CMetaOp_MathOp::_ExecBytecode_Add_Low, &CMetaOp_MathOp::_ExecBytecode_Sub_Low,
+														  &CMetaOp_MathOp::_ExecBytecode_Mul_Low, &CMetaOp_MathOp::_ExecBytecode_Div_Low);
 			constexpr SEntry kNoEntry = {nullptr, 0};
 
-			const SEntryTable *const kTables[__MaxExecPaths] = {&kLowTable};
+			const SEntryTable *const kTables[__MaxExecPaths] = {&kStandardTable, &kLowTable};
 		}
 
 		const char *ExecPathName(EExecPath path)
 		{
-			static constexpr const char *kNames[__MaxExecPaths] = {"low"};
+			static constexpr const char *kNames[__MaxExecPaths] = {"standard", "low"};
 			return u32(path) < __MaxExecPaths ? kNames[path] : "?";
 		}
 

@@ -2,9 +2,11 @@
 // bytecode encoder and decoder. The kernels live in the .impl headers.
 
 #include "cbvm_meta_op_math_operator.float.impl.h"
+#include "cbvm_meta_op_math_operator.int.impl.h"
 #include "cbvm_meta_op_math_operator.low.impl.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_registers.h"
+#include "kr_profiler.h"
 
 namespace Orvex
 {
@@ -217,6 +219,128 @@ namespace Orvex
 	{
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpDiv);
 		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
+		return kSpecializedSize;
+	}
+}
+
+//------------------------------------------------------------------------------------
+// Standard entry points
+
+namespace Orvex
+{
+	namespace
+	{
+		// Reads the three operands at bytecode + wb, resolves them in the register file,
+		// derives the element count and the source strides (0: one value broadcast to
+		// every element) and runs the kernel of source 0's type.
+		void _MetaOp_MathOp_ExecBytecode_Impl(const CBytecodeExecContext &execCtx, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		{
+			const CCBCPUMetaRegisters &registers = execCtx.m_Registers;
+			OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp || bytecode[0] == CBVM::Opcode_MathOpAdd || bytecode[0] == CBVM::Opcode_MathOpSub || bytecode[0] == CBVM::Opcode_MathOpMul || bytecode[0] == CBVM::Opcode_MathOpDiv);
+
+			const CVMRegID m_DstReg = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset))};
+			const CVMRegID m_SrcReg0 = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg0Offset))};
+			const CVMRegID m_SrcReg1 = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg1Offset))};
+
+			const EBaseTypeID m_DstType = m_DstReg.ToType();
+			const EBaseTypeID m_SrcType0 = m_SrcReg0.ToType();
+			const RegisterEntry &reg = registers.SelectRegister(m_DstReg);
+			const RegisterEntry &reg0 = registers.SelectRegister(m_SrcReg0);
+			const Compiler::EMetaType mt = m_DstReg.ToBank();
+			const Compiler::EMetaType mt0 = m_SrcReg0.ToBank();
+
+			const u32 stride = CCBCPUMetaRegisters::DataSizeInBytes(m_DstType);
+			void *evalInto = reg.m_RawData;
+			const u32 evalCount = mt >= Compiler::MetaType_Instance ? registers.m_StreamDimensions : 1;
+			const u32 typeSize = CCBCPUMetaRegisters::DataSizeInBytes(m_SrcType0);
+			// A single evaluation reads every source as a (one-element) stream; otherwise
+			// Constant and Normal sources are broadcast.
+			const u32 stride0 = (evalCount == 1 || mt0 >= Compiler::MetaType_Instance) ? typeSize : 0;
+			u32 stride1 = 0;
+			const void *data0 = reg0.m_RawData;
+			const void *data1 = nullptr;
+
+			OX_ASSERT(reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && mt < Compiler::MetaType_Instance));
+			OX_ASSERT(reg0.m_Size >= evalCount * stride0);
+			OX_ASSERT(m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1));
+			if (m_SrcReg1.Valid())
+			{
+				OX_ASSERT(m_SrcReg1.ToType() == m_SrcType0);
+				const RegisterEntry &reg1 = registers.SelectRegister(m_SrcReg1);
+				// Source 0's type size, deliberately: the sources are meant to share a type.
+				stride1 = (evalCount == 1 || m_SrcReg1.ToBank() >= Compiler::MetaType_Instance) ? typeSize : 0;
+				OX_ASSERT(reg1.m_Size >= evalCount * stride1);
+				data1 = reg1.m_RawData;
+			}
+
+			// Only source 0's type selects the kernel; the switch compiles to one indexed jump.
+			switch (m_SrcType0)
+			{
+			case BaseType_Float: MathOp::ExecOperatorFloat<1>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Float2: MathOp::ExecOperatorFloat<2>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Float3: MathOp::ExecOperatorFloat<3>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Float4:
+			case BaseType_Quaternion: MathOp::ExecOperatorFloat<4>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_I32:
+			case BaseType_Bool: MathOp::ExecOperatorInt<1>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Int2:
+			case BaseType_Bool2: MathOp::ExecOperatorInt<2>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Int3:
+			case BaseType_Bool3: MathOp::ExecOperatorInt<3>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Int4:
+			case BaseType_Bool4: MathOp::ExecOperatorInt<4>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			default:
+				OX_ASSERT_NOT_REACHED();
+				return;
+			}
+		}
+
+		// Each entry point is a profiler scope named after itself.
+		const TVector<float, 4> kEntryColor = {{1.0f, 0.1f, 0.5f, 1.0f}};
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode(const CBytecodeExecContext &execCtx, const u8 *bytecode)
+	{
+		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode", __FILE__, kEntryColor, 0);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp);
+		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kGenericRegistersOffset, SOp_MathOp::EOp(bytecode[kGenericOperatorOffset]));
+		return kGenericSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Add(const CBytecodeExecContext &execCtx, const u8 *bytecode)
+	{
+		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Add", __FILE__, kEntryColor, 0);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpAdd);
+		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Add);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Sub(const CBytecodeExecContext &execCtx, const u8 *bytecode)
+	{
+		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Sub", __FILE__, kEntryColor, 0);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpSub);
+		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Sub);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Mul(const CBytecodeExecContext &execCtx, const u8 *bytecode)
+	{
+		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Mul", __FILE__, kEntryColor, 0);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpMul);
+		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Mul);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Div(const CBytecodeExecContext &execCtx, const u8 *bytecode)
+	{
+		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Div", __FILE__, kEntryColor, 0);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpDiv);
+		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
 		return kSpecializedSize;
 	}
 }
