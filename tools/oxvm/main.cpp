@@ -1,8 +1,9 @@
 // oxvm: command-line front end of the math-operator meta-op.
 //
 //   oxvm demo    encode a small particle-step program, decode it back, print its
-//                disassembly, run it on the Low path over a few particles and print
-//                the results; exits non-zero on any mismatch or assertion report.
+//                disassembly, run it on the standard path over a few particles, print
+//                the results and check the Low path agrees; exits non-zero on any
+//                mismatch or assertion report.
 
 #include "cbvm_interpreter.h"
 #include "cbvm_meta_ops.h"
@@ -27,10 +28,11 @@ namespace
 		"  demo     encode a small particle-step program with the math-op encoder,\n"
 		"           decode every instruction back and print its disassembly:\n"
 		"           offset, raw bytes, opcode, size, destination bank, operator and\n"
-		"           registers. Then runs it with the interpreter on the Low path over\n"
-		"           8 particles and prints the registers it wrote. Fails (exit 1) if a\n"
-		"           decoded instruction differs from what was encoded, if the run stops\n"
-		"           early, or if any assertion is reported.\n"
+		"           registers. Then runs it with the interpreter on the standard path\n"
+		"           over 8 particles, prints the registers it wrote, runs it again on\n"
+		"           the Low path and compares. Fails (exit 1) if a decoded instruction\n"
+		"           differs from what was encoded, if a run stops early, if the two\n"
+		"           paths disagree, or if any assertion is reported.\n"
 		"  help     print this text (also -h, --help)\n";
 
 	struct SNamedRegister
@@ -51,6 +53,7 @@ namespace
 		{"dead", CRegID::Build(8, Compiler::MetaType_Stream, BaseType_I32)},
 		{"bucket", CRegID::Build(9, Compiler::MetaType_Stream, BaseType_I32)},
 		{"shift", CRegID::Build(10, Compiler::MetaType_Constant, BaseType_I32)},
+		{"gdt", CRegID::Build(11, Compiler::MetaType_Constant, BaseType_Float3)},
 	};
 
 	std::string RegisterText(const CRegID &reg)
@@ -81,8 +84,9 @@ namespace
 		return desc;
 	}
 
-	// Runs the demo program on a few particles with the Low entry table.
-	bool RunParticles(const std::vector<u8> &bytecode)
+	// Runs the demo program on a few particles on one execution path; returns every
+	// register's words (empty when the run stopped early).
+	std::vector<u32> RunParticles(const std::vector<u8> &bytecode, CBVM::EExecPath path, bool print)
 	{
 		constexpr u32 kParticles = 8;
 		CRegisterStorage storage(16);
@@ -93,7 +97,7 @@ namespace
 			if (!storage.AllocateElements(id, stream ? kParticles : 1))
 			{
 				std::fprintf(stderr, "oxvm: cannot allocate register %s\n", named.m_Name);
-				return false;
+				return {};
 			}
 		}
 		storage.Registers().m_StreamDimensions = kParticles;
@@ -125,12 +129,23 @@ namespace
 		CRuntimeCPUBindings bindings;
 		SCompilerCPUDebugCtx debugCtx;
 		const CBytecodeExecContext ctx(&program, bindings, storage.Registers(), debugCtx);
-		const CBVM::SRunResult result = CBVM::CInterpreter::Run(ctx, bytecode.data(), u32(bytecode.size()), CBVM::ExecPath_Low);
+		const CBVM::SRunResult result = CBVM::CInterpreter::Run(ctx, bytecode.data(), u32(bytecode.size()), path);
 		char status[160];
 		CBVM::CInterpreter::FormatError(result, status, sizeof(status));
-		std::printf("\nrun on the %s path over %u particles: %s\n\n", CBVM::ExecPathName(CBVM::ExecPath_Low), kParticles, status);
+		std::printf("%srun on the %s path over %u particles: %s\n", print ? "\n" : "", CBVM::ExecPathName(path), kParticles, status);
 		if (result.m_Status != CBVM::RunStatus_Ok)
-			return false;
+			return {};
+
+		std::vector<u32> words;
+		for (const SNamedRegister &named : kRegisters)
+		{
+			const CVMRegID id = CVMRegID::Build(named.m_Reg);
+			const u32 *data = storage.DataAs<u32>(id);
+			words.insert(words.end(), data, data + storage.Size(id) / 4);
+		}
+		if (!print)
+			return words;
+		std::printf("\n");
 
 		const s32 *dead = static_cast<const s32 *>(data("dead"));
 		const s32 *bucket = static_cast<const s32 *>(data("bucket"));
@@ -138,15 +153,15 @@ namespace
 		for (u32 i = 0; i < kParticles; ++i)
 			std::printf("%-4u  %8.3f %8.3f %8.3f    %8.3f %8.3f %8.3f    %4d  %5d  %6d\n", i, pos[3 * i], pos[3 * i + 1], pos[3 * i + 2], vel[3 * i],
 						vel[3 * i + 1], vel[3 * i + 2], age[i], dead[i], bucket[i]);
-		return true;
+		return words;
 	}
 
 	int RunDemo()
 	{
 		const u64 reportsBefore = Assert::ReportCount();
 		const SOp_MathOp::SDesc program[] = {
-			Instr(SOp_MathOp::Op_Mul, "tmp", "gravity", "dt"),	// tmp = g * dt
-			Instr(SOp_MathOp::Op_Add, "vel", "vel", "tmp"),		// vel += tmp
+			Instr(SOp_MathOp::Op_Mul, "gdt", "gravity", "dt"),	// gdt = g * dt, once (constant destination)
+			Instr(SOp_MathOp::Op_Add, "vel", "vel", "gdt"),		// vel += gdt
 			Instr(SOp_MathOp::Op_Mul, "tmp", "vel", "dt"),		// tmp = vel * dt
 			Instr(SOp_MathOp::Op_Add, "pos", "pos", "tmp"),		// pos += tmp
 			Instr(SOp_MathOp::Op_Neg, "tmp", "vel", nullptr),	// tmp = -vel
@@ -193,7 +208,10 @@ namespace
 		}
 		std::printf("\nround trip %s: %d mismatches\n", mismatches == 0 ? "OK" : "FAILED", mismatches);
 
-		const bool ran = RunParticles(bytecode);
+		const std::vector<u32> standard = RunParticles(bytecode, CBVM::ExecPath_Standard, true);
+		const std::vector<u32> low = RunParticles(bytecode, CBVM::ExecPath_Low, false);
+		const bool ran = !standard.empty() && standard == low;
+		std::printf("standard and low paths %s (%zu register words compared)\n", ran ? "agree" : "DIFFER", standard.size());
 		const u64 reports = Assert::ReportCount() - reportsBefore;
 		std::printf("\n%llu assertion reports\n", (unsigned long long)reports);
 		return mismatches == 0 && ran && reports == 0 ? 0 : 1;
