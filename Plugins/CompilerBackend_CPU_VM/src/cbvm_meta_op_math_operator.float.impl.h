@@ -229,6 +229,8 @@ namespace Orvex
 				OX_ASSERT(stride == sizeof(_Type));
 				OX_ASSERT(stride0 == sizeof(_Type) || stride0 == 0);
 				OX_ASSERT(stride1 == sizeof(_Type) || stride1 == 0);
+				// The end is count packed elements even after a reported bad destination
+				// stride: the sources hold count packed elements, never more.
 				float *dstStream = static_cast<float *>(dst);
 				const float *dstStop = dstStream + std::size_t(count) * _Dimension;
 				const float *srcStream0 = static_cast<const float *>(src0);
