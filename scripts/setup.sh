@@ -3,7 +3,7 @@
 # As root it uses apt-get; otherwise it says exactly what to install and fails.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libfmt-dev)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -18,6 +18,7 @@
 // Exit status: 0 when everything matched, 1 otherwise, 2 for a bad command line.
 
 #include "cbvm_interpreter.h"
+#include "cbvm_math_op_paths.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"
 #include "kr_assert.h"
@@ -301,6 +302,9 @@ namespace
 		std::vector<u8> bytecode(CMetaOp_MathOp::IP_Offset);
 		bytecode.resize(CMetaOp_MathOp::EncodeDescToBytecode(bytecode.data(), desc));
 
+		// The library's own classification must agree with this test's reading.
+		const CBVM::EPathDifference classified = CBVM::StandardPathDifference(standard.m_Storage.Registers(), bytecode.data());
+
 		const SRun runStandard = Execute(standard, bytecode, CBVM::ExecPath_Standard);
 		const SRun runLow = Execute(low, bytecode, CBVM::ExecPath_Low);
 
@@ -309,6 +313,8 @@ namespace
 			if (mismatches++ < 4 || verbose)
 				std::printf("MISMATCH seed %u instruction %llu (%s): %s %s\n", seed, (unsigned long long)index, Describe(c).c_str(), what, detail.c_str());
 		};
+		if ((classified != CBVM::PathDifference_None) != shortcut)
+			fail("classification", std::string("StandardPathDifference says '") + CBVM::PathDifferenceName(classified) + "'");
 		for (const SRun *run : {&runStandard, &runLow})
 			if (run->m_Result.m_Status != CBVM::RunStatus_Ok || run->m_Result.m_Executed != 1)
 				fail(run == &runStandard ? "standard run" : "low run", "did not execute the instruction");
