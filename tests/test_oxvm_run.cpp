@@ -1,0 +1,239 @@
+// oxvm run: the bundled example, the examples on both paths and compared, the
+// options (--frames, --elements, --seed, --dump, --csv, --profile, --strict) and
+// every command's --help.
+
+#include "oxvm_runner.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace
+{
+	using OxTest::CountLines;
+	using OxTest::SOxvmResult;
+
+	class OxvmRun : public OxTest::COxvmTest
+	{
+	};
+
+	std::vector<std::vector<std::string>> ParseCsv(const std::string &text)
+	{
+		std::vector<std::vector<std::string>> rows;
+		std::istringstream lines(text);
+		for (std::string line; std::getline(lines, line);)
+		{
+			std::vector<std::string> cells;
+			std::istringstream fields(line);
+			for (std::string cell; std::getline(fields, cell, ',');)
+				cells.push_back(cell);
+			rows.push_back(cells);
+		}
+		return rows;
+	}
+
+	// The line of 'text' that starts with 'prefix' (after leading spaces); empty when none.
+	std::string LineStarting(const std::string &text, const std::string &prefix)
+	{
+		std::istringstream lines(text);
+		for (std::string line; std::getline(lines, line);)
+			if (line.find_first_not_of(' ') != std::string::npos && line.compare(line.find_first_not_of(' '), prefix.size(), prefix) == 0)
+				return line;
+		return std::string();
+	}
+
+	const char kShiftBy40[] =
+		"stream 16\n"
+		"reg x stream 0 i32 = ramp(1, 1)\n"
+		"reg c constant 1 i32 = 40\n"
+		"reg y stream 2 i32\n"
+		"shl y, x, c\n";
+
+	TEST_F(OxvmRun, BundledExampleRuns)
+	{
+		const SOxvmResult result = Oxvm("run");
+		ASSERT_EQ(result.m_Status, 0) << result.m_Err;
+		EXPECT_EQ(result.m_Err, "");
+		EXPECT_NE(result.m_Out.find("program    particles.oxs (bundled example"), std::string::npos);
+		EXPECT_NE(result.m_Out.find("run        standard path, 4096 elements, 1 frame, seed 1"), std::string::npos);
+		EXPECT_NE(result.m_Out.find("9 instructions, 121 bytes of bytecode"), std::string::npos);	// 5 x 13 + 4 x 14
+		EXPECT_NE(result.m_Out.find("ran        9 instructions x 1 frame over 4096 elements"), std::string::npos);
+		EXPECT_NE(result.m_Out.find("time       "), std::string::npos);
+		EXPECT_NE(result.m_Out.find("elements/s"), std::string::npos);
+		EXPECT_NE(result.m_Out.find("GB/s touched"), std::string::npos);
+		for (const char *name : {"gdt", "vel", "tmp", "pos", "below", "age", "dead", "bucket"})
+			EXPECT_NE(result.m_Out.find(std::string("\n  ") + name + " ("), std::string::npos) << name;
+		EXPECT_EQ(CountLines(result.m_Out, "    checksum  "), 8);
+	}
+
+	TEST_F(OxvmRun, BundledExampleIsTheExampleFile)
+	{
+		const SOxvmResult result = Oxvm("example");
+		EXPECT_EQ(result.m_Status, 0);
+		std::ifstream in(Example("particles.oxs"));
+		std::ostringstream file;
+		file << in.rdbuf();
+		EXPECT_EQ(result.m_Out, file.str());
+	}
+
+	TEST_F(OxvmRun, ExamplesRunOnBothPathsAndAgree)
+	{
+		for (const char *example : {"particles.oxs", "integer_bits.oxs", "masks.oxs"})
+		{
+			const std::string path = "'" + Example(example) + "'";
+			for (const char *execPath : {"standard", "low"})
+			{
+				const SOxvmResult result = Oxvm("run " + path + " --strict --frames 2 --path " + execPath);
+				EXPECT_EQ(result.m_Status, 0) << example << " " << execPath << "\n" << result.m_Err;
+				EXPECT_EQ(result.m_Err, "") << example;
+			}
+			const SOxvmResult compared = Oxvm("run " + path + " --compare --strict --frames 3");
+			EXPECT_EQ(compared.m_Status, 0) << example << "\n" << compared.m_Out << compared.m_Err;
+			EXPECT_NE(compared.m_Out.find(", 0 documented differences, no difference outside the documented ones"), std::string::npos) << example << compared.m_Out;
+		}
+	}
+
+	TEST_F(OxvmRun, BothPathsGiveTheSameChecksums)
+	{
+		const std::string path = "'" + Example("integer_bits.oxs") + "'";
+		const SOxvmResult standard = Oxvm("run " + path + " --path standard");
+		const SOxvmResult low = Oxvm("run " + path + " --path low");
+		ASSERT_EQ(standard.m_Status, 0);
+		ASSERT_EQ(low.m_Status, 0);
+		const std::string written = standard.m_Out.substr(standard.m_Out.find("written registers"));
+		EXPECT_EQ(written, low.m_Out.substr(low.m_Out.find("written registers")));
+		EXPECT_EQ(CountLines(written, "    checksum  "), 19);	// 20 instructions, product written twice
+	}
+
+	TEST_F(OxvmRun, CompareListsDocumentedDifferences)
+	{
+		Write("doc.oxs", std::string(kShiftBy40) + "reg k constant 3 float = 2\nreg n stream 4 float\nneg n, k\n");
+		const SOxvmResult result = Oxvm("run doc.oxs --compare");
+		EXPECT_EQ(result.m_Status, 0) << result.m_Out;
+		// shl by 40 of 16 elements: the 12 of the whole block give 0 instead of x << 8.
+		EXPECT_NE(result.m_Out.find("documented: instruction 0 (line 5) `shl`: uniform shift count above 31: 12 words in 1 frame"), std::string::npos) << result.m_Out;
+		EXPECT_NE(result.m_Out.find("documented: instruction 1 (line 8) `neg`: float negation of a constant (refused): 16 words in 1 frame"), std::string::npos);
+		EXPECT_NE(result.m_Out.find("no difference outside the documented ones"), std::string::npos);
+		EXPECT_NE(result.m_Err.find("doc.oxs:8:1: warning: float 'neg' of a constant into a stream is refused by the standard path"), std::string::npos) << result.m_Err;
+		// Reports are counted and never flood stderr.
+		EXPECT_LE(CountLines(result.m_Err, "oxvm: VM assertion report: "), 5);
+	}
+
+	TEST_F(OxvmRun, StrictFailsOnAnAssertionReport)
+	{
+		Write("shift.oxs", kShiftBy40);
+		SOxvmResult result = Oxvm("run shift.oxs");
+		EXPECT_EQ(result.m_Status, 0);
+		EXPECT_NE(result.m_Err.find("oxvm: VM assertion report: "), std::string::npos) << result.m_Err;
+		EXPECT_NE(result.m_Err.find("bits <= 31"), std::string::npos);
+		EXPECT_NE(result.m_Err.find("oxvm: 1 VM assertion report during the run\n"), std::string::npos);
+
+		result = Oxvm("run shift.oxs --strict --csv out.csv");
+		EXPECT_EQ(result.m_Status, 1);
+		EXPECT_NE(result.m_Err.find("(--strict: failing)"), std::string::npos);
+		EXPECT_NE(result.m_Err.find("oxvm: out.csv not written: the run failed"), std::string::npos);
+		EXPECT_FALSE(Exists("out.csv"));
+		EXPECT_FALSE(Exists("out.csv.tmp"));
+
+		// The Low path uses the count's low five bits and reports nothing.
+		result = Oxvm("run shift.oxs --strict --path low --dump y");
+		EXPECT_EQ(result.m_Status, 0) << result.m_Err;
+		EXPECT_NE(result.m_Out.find("  [0] 256\n"), std::string::npos);	// 1 << (40 & 31)
+	}
+
+	TEST_F(OxvmRun, CsvIsWrittenAndReadsBack)
+	{
+		Write("tiny.oxs",
+			  "stream 5\n"
+			  "reg a    stream   0 float = ramp(1, 2)\n"
+			  "reg h    constant 1 float = 0.5\n"
+			  "reg p    stream   2 float\n"
+			  "reg i    stream   3 int2  = ramp(-3, 1)\n"
+			  "reg k    constant 4 int2  = 3, -2\n"
+			  "reg q    stream   5 int2\n"
+			  "reg four constant 7 float = 4\n"
+			  "reg m    stream   6 bool\n"
+			  "reg g    constant 8 float\n"
+			  "mul p, a, h\n"
+			  "mul q, i, k\n"
+			  "cmpgt m, a, four\n"
+			  "add g, h, four\n");
+		const SOxvmResult result = Oxvm("run tiny.oxs --csv out.csv");
+		ASSERT_EQ(result.m_Status, 0) << result.m_Err;
+		EXPECT_FALSE(Exists("out.csv.tmp"));
+		const std::vector<std::vector<std::string>> rows = ParseCsv(Read("out.csv"));
+		ASSERT_EQ(rows.size(), 6u);
+		EXPECT_EQ(rows[0], (std::vector<std::string>{"element", "p", "q.x", "q.y", "m", "g"}));
+		for (int e = 0; e < 5; ++e)
+		{
+			const std::vector<std::string> &row = rows[std::size_t(e) + 1];
+			ASSERT_EQ(row.size(), 6u);
+			const float a = 1.0f + 2.0f * float(e);
+			EXPECT_EQ(std::atoi(row[0].c_str()), e);
+			EXPECT_EQ(std::strtof(row[1].c_str(), nullptr), a * 0.5f);
+			EXPECT_EQ(std::atoi(row[2].c_str()), (e - 3) * 3);
+			EXPECT_EQ(std::atoi(row[3].c_str()), (e - 3) * -2);
+			EXPECT_EQ(row[4], a > 4.0f ? "true" : "false");
+			EXPECT_EQ(std::strtof(row[5].c_str(), nullptr), 4.5f);	// a constant repeats on every row
+		}
+		// The CSV is a valid initialiser again.
+		Write("again.oxs", "stream 5\nreg p stream 0 float = csv(\"out.csv\", p)\nreg q stream 1 int2 = csv(\"out.csv\", q.x, q.y)\n"
+						   "reg m stream 2 bool = csv(\"out.csv\", m)\nreg r stream 3 float\nadd r, p, p\n");
+		const SOxvmResult again = Oxvm("run again.oxs --dump q m r");
+		ASSERT_EQ(again.m_Status, 0) << again.m_Err;
+		EXPECT_NE(again.m_Out.find("  [4] (3, -2)\n"), std::string::npos) << again.m_Out;
+		EXPECT_NE(again.m_Out.find("dump m (stream.2:bool, 5 elements)\n  [0] false\n  [1] false\n  [2] true\n"), std::string::npos);
+		EXPECT_NE(again.m_Out.find("  [3] 7\n"), std::string::npos);	// (1 + 2 * 3) * 0.5 * 2
+	}
+
+	TEST_F(OxvmRun, FramesAndElementsAndDump)
+	{
+		// particles.oxs: age starts as ramp(0, 1) and gains one per frame.
+		const SOxvmResult result = Oxvm("run --frames 5 --elements 100 --dump age");
+		ASSERT_EQ(result.m_Status, 0) << result.m_Err;
+		EXPECT_NE(result.m_Out.find("ran        9 instructions x 5 frames over 100 elements"), std::string::npos);
+		EXPECT_EQ(CountLines(result.m_Out, "  ["), 100);
+		EXPECT_NE(result.m_Out.find("  [0] 5\n"), std::string::npos);
+		EXPECT_NE(result.m_Out.find("  [99] 104\n"), std::string::npos);
+	}
+
+	TEST_F(OxvmRun, SeedDecidesRandomValues)
+	{
+		const std::string first7 = Oxvm("run --seed 7").m_Out;
+		const std::string again7 = Oxvm("run --seed 7").m_Out;
+		const std::string other = Oxvm("run --seed 8").m_Out;
+		const std::string written7 = first7.substr(first7.find("written registers"));
+		EXPECT_EQ(written7, again7.substr(again7.find("written registers")));
+		EXPECT_NE(written7, other.substr(other.find("written registers")));
+	}
+
+	TEST_F(OxvmRun, ProfileShowsEntryPoints)
+	{
+		SOxvmResult result = Oxvm("run --profile --frames 3");
+		ASSERT_EQ(result.m_Status, 0);
+		EXPECT_NE(result.m_Out.find("\nprofile:\n"), std::string::npos);
+		// particles.oxs, 3 frames: three adds, two muls and four generic instructions per frame.
+		EXPECT_NE(LineStarting(result.m_Out, "_ExecBytecode_Add ").find(" 9 "), std::string::npos) << result.m_Out;
+		EXPECT_NE(LineStarting(result.m_Out, "_ExecBytecode_Mul ").find(" 6 "), std::string::npos);
+		EXPECT_NE(LineStarting(result.m_Out, "_ExecBytecode ").find(" 12 "), std::string::npos);
+		EXPECT_EQ(LineStarting(result.m_Out, "_ExecBytecode_Low"), "");
+		result = Oxvm("run");
+		EXPECT_EQ(result.m_Out.find("profile:"), std::string::npos);
+	}
+
+	TEST_F(OxvmRun, EveryCommandHasHelp)
+	{
+		for (const char *command : {"", "asm ", "disasm ", "run ", "example "})
+		{
+			const SOxvmResult result = Oxvm(std::string(command) + "--help");
+			EXPECT_EQ(result.m_Status, 0) << command;
+			EXPECT_NE(result.m_Out.find("Usage: "), std::string::npos) << command;
+		}
+		const SOxvmResult run = Oxvm("run --help");
+		for (const char *option : {"--elements", "--frames", "--path", "--seed", "--dump", "--csv", "--profile", "--compare", "--strict"})
+			EXPECT_NE(run.m_Out.find(option), std::string::npos) << option;
+	}
+}

@@ -1,0 +1,127 @@
+#include "assembler.h"
+
+#include "assert_scope.h"
+#include "cbvm_meta_ops.h"
+
+#include <fmt/format.h>
+
+namespace OxVm
+{
+	using Compiler::IR::CRegID;
+	using Compiler::IR::SOp_MathOp;
+
+	namespace
+	{
+		CRegID IrRegister(const SProgram &program, const SOperand &operand)
+		{
+			return operand.m_Register < 0 ? CRegID() : CRegID(u64(program.m_Registers[std::size_t(operand.m_Register)].m_Bits));
+		}
+
+		std::string RegisterName(const CRegID &reg, const SProgram *program)
+		{
+			const u32 bits = reg.Valid() ? u32(reg.m_RawBits) : 0xFFFFFFFFu;
+			const s32 index = program != nullptr && reg.Valid() ? program->FindByBits(bits) : -1;
+			return index >= 0 ? program->RegisterText(index) : InlineRegisterText(bits);
+		}
+
+		bool IsMathOpcode(u8 opcode)
+		{
+			return opcode >= CBVM::Opcode_MathOp && opcode <= CBVM::Opcode_MathOpDiv;
+		}
+
+		// Why the instruction at 'offset' cannot be decoded; empty when it can.
+		std::string DecodeProblem(const u8 *bytecode, u32 size, u32 offset)
+		{
+			const u8 opcode = bytecode[offset];
+			if (!IsMathOpcode(opcode))
+				return CBVM::OpcodeName(opcode)[0] != '?' ? fmt::format("opcode {} ({}) is not a math-op instruction (113 to 117)", opcode, CBVM::OpcodeName(opcode))
+														  : fmt::format("unknown opcode {} (math-op opcodes are 113 to 117)", opcode);
+			const u32 need = CMetaOp_MathOp::EncodingSize(opcode == CBVM::Opcode_MathOp ? SOp_MathOp::Op_Mod : SOp_MathOp::Op_Add);
+			if (size - offset < need)
+				return fmt::format("truncated instruction: opcode {} ({}) needs {} bytes, {} left", opcode, CBVM::OpcodeName(opcode), need, size - offset);
+			if (opcode == CBVM::Opcode_MathOp && bytecode[offset + CMetaOp_MathOp::kGenericOperatorOffset] >= SOp_MathOp::__MaxOps)
+				return fmt::format("unknown operator {} (operators are 0 to {})", bytecode[offset + CMetaOp_MathOp::kGenericOperatorOffset], SOp_MathOp::__MaxOps - 1);
+			return std::string();
+		}
+	}
+
+	std::vector<u8> Assemble(const SProgram &program)
+	{
+		std::vector<u8> bytecode;
+		for (const SInstruction &instruction : program.m_Instructions)
+		{
+			SOp_MathOp::SDesc desc;
+			desc.m_Op = instruction.m_Op;
+			desc.m_DstReg = IrRegister(program, instruction.m_Dst);
+			desc.m_SrcReg0 = IrRegister(program, instruction.m_Src[0]);
+			desc.m_SrcReg1 = instruction.m_SourceCount > 1 ? IrRegister(program, instruction.m_Src[1]) : CRegID();
+			u8 encoded[CMetaOp_MathOp::IP_Offset];
+			const u32 size = CMetaOp_MathOp::EncodeDescToBytecode(encoded, desc);
+			if (instruction.m_Generic && size == CMetaOp_MathOp::kSpecializedSize)
+			{
+				// The generic form of add .. div: opcode 113, the operator byte, then the same registers.
+				bytecode.push_back(CBVM::Opcode_MathOp);
+				bytecode.push_back(u8(instruction.m_Op));
+				bytecode.insert(bytecode.end(), encoded + CMetaOp_MathOp::kSpecializedRegistersOffset, encoded + size);
+			}
+			else
+				bytecode.insert(bytecode.end(), encoded, encoded + size);
+		}
+		return bytecode;
+	}
+
+	std::string DisassembleOne(const u8 *bytecode, u32 offset, const SProgram *program)
+	{
+		SOp_MathOp::SDesc desc;
+		CBVM::SOpcodeDisasReport report;
+		report.m_BytecodeOffset = offset;
+		u32 size = 0;
+		{
+			CSilentAsserts silent;
+			size = CMetaOp_MathOp::DecodeBytecodeToDesc(bytecode, desc, report);
+		}
+		const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(desc.m_Op);
+		std::string mnemonic = traits.m_Name;
+		if (report.m_Opcode == CBVM::Opcode_MathOp && u32(desc.m_Op) < CMetaOp_MathOp::kSpecializedOpCount)
+			mnemonic += ".generic";
+		std::string operands = RegisterName(desc.m_DstReg, program) + ", " + RegisterName(desc.m_SrcReg0, program);
+		if (desc.m_SrcReg1.Valid() || traits.m_ParameterCount > 1)
+			operands += ", " + RegisterName(desc.m_SrcReg1, program);
+		std::string raw;
+		for (u32 i = 0; i < size; ++i)
+			raw += fmt::format("{}{:02x}", i == 0 ? "" : " ", bytecode[i]);
+		return fmt::format("{:<12} {:<44} ; {:06} | {:<41} | {:<9} | {:2} bytes | dst {}", mnemonic, operands, report.m_BytecodeOffset, raw,
+						   CBVM::OpcodeName(report.m_Opcode), report.m_InstructionSize, Compiler::MetaTypeName(report.m_MetaType));
+	}
+
+	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program)
+	{
+		SDisassembly out;
+		if (program != nullptr)
+		{
+			out.m_Text += fmt::format("stream {}\n", program->m_Stream);
+			for (const SRegisterDecl &decl : program->m_Registers)
+				if (!decl.m_Name.empty())
+					out.m_Text += decl.m_Text + "\n";
+		}
+		else
+			out.m_Text += "stream 16    ; bytecode carries no stream size: set the one to run with\n";
+		out.m_Text += "\n";
+		u32 offset = 0;
+		while (offset < size)
+		{
+			const std::string problem = DecodeProblem(bytecode, size, offset);
+			if (!problem.empty())
+			{
+				out.m_Ok = false;
+				out.m_ErrorOffset = offset;
+				out.m_Error = problem;
+				return out;
+			}
+			out.m_Text += DisassembleOne(bytecode + offset, offset, program) + "\n";
+			offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+			++out.m_Instructions;
+		}
+		return out;
+	}
+}

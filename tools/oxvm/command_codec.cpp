@@ -1,0 +1,88 @@
+// oxvm asm, oxvm disasm, oxvm example.
+
+#include "assembler.h"
+#include "bundled_example.h"
+#include "commands.h"
+#include "program_loader.h"
+#include "source_file.h"
+
+#include <fmt/format.h>
+
+namespace OxVm
+{
+	namespace
+	{
+		// Re-assembles a listing of raw bytecode; empty when it gives 'bytes' back,
+		// otherwise the reason.
+		std::string RoundTripProblem(const std::string &listing, const std::string &bytes)
+		{
+			std::string messages;
+			CDiagnostics diagnostics(nullptr);
+			diagnostics.CaptureInto(&messages);
+			SProgram program;
+			if (!ParseProgram(listing, "listing", program, diagnostics) || !CheckProgram(program, 0, diagnostics))
+			{
+				diagnostics.Flush();
+				return messages.substr(0, messages.find('\n'));
+			}
+			const std::vector<u8> again = Assemble(program);
+			return std::string(again.begin(), again.end()) == bytes ? std::string() : std::string("it assembles to other bytes");
+		}
+	}
+
+	int CommandAsm(const std::string &programPath, const std::string &outputPath)
+	{
+		SProgram program;
+		if (!LoadProgram(programPath, 0, program))
+			return Exit_BadInput;
+		const std::vector<u8> bytecode = Assemble(program);
+		std::string error;
+		if (!WriteFileAtomically(outputPath, bytecode.data(), bytecode.size(), error))
+		{
+			fmt::print(stderr, "oxvm: error: {}\n", error);
+			return Exit_RunFailed;
+		}
+		fmt::print("{}: {} instructions, {} bytes of bytecode -> {}\n", programPath, program.m_Instructions.size(), bytecode.size(), outputPath);
+		return Exit_Ok;
+	}
+
+	int CommandDisasm(const std::string &path, EInputFormat format)
+	{
+		std::string bytes;
+		std::string error;
+		if (!ReadFile(path, bytes, error))
+		{
+			fmt::print(stderr, "oxvm: error: {}\n", error);
+			return Exit_BadInput;
+		}
+		const bool text = format == Input_Text || (format == Input_Auto && LooksLikeText(bytes));
+		if (text)
+		{
+			SProgram program;
+			if (!LoadProgram(path, 0, program))
+				return Exit_BadInput;
+			const std::vector<u8> bytecode = Assemble(program);
+			fmt::print("{}", Disassemble(bytecode.data(), u32(bytecode.size()), &program).m_Text);
+			return Exit_Ok;
+		}
+		const u8 *data = reinterpret_cast<const u8 *>(bytes.data());
+		const SDisassembly listing = Disassemble(data, u32(bytes.size()), nullptr);
+		fmt::print("{}", listing.m_Text);
+		std::fflush(stdout);
+		if (!listing.m_Ok)
+		{
+			fmt::print(stderr, "{}: error: offset {}: {}\n", path, listing.m_ErrorOffset, listing.m_Error);
+			return Exit_BadInput;
+		}
+		const std::string problem = RoundTripProblem(listing.m_Text, bytes);
+		if (!problem.empty())
+			fmt::print(stderr, "{}: warning: this listing does not assemble back to the same bytes: {}\n", path, problem);
+		return Exit_Ok;
+	}
+
+	int CommandExample()
+	{
+		fmt::print("{}", kBundledExampleText);
+		return Exit_Ok;
+	}
+}

@@ -1,0 +1,45 @@
+#pragma once
+// The oxvm commands, as main.cpp's command line hands them over. Each returns the
+// process exit status: 0 done, 1 the run failed, 2 bad input (nothing run or written).
+
+#include "kr_base_types.h"
+
+#include <string>
+#include <vector>
+
+namespace OxVm
+{
+	enum EExitStatus : int
+	{
+		Exit_Ok = 0,
+		Exit_RunFailed = 1,		// a difference between paths, an assertion under --strict, an output not written
+		Exit_BadInput = 2,		// a program or bytecode error, an unreadable file, a bad option
+	};
+
+	enum EInputFormat : Orvex::u8
+	{
+		Input_Auto,
+		Input_Text,
+		Input_Bytecode,
+	};
+
+	int CommandAsm(const std::string &programPath, const std::string &outputPath);
+	int CommandDisasm(const std::string &path, EInputFormat format);
+	int CommandExample();
+
+	struct SRunCommand
+	{
+		std::string m_Program;			// empty: the bundled example
+		Orvex::u32 m_Elements = 0;		// 0: the program's stream size
+		Orvex::u32 m_Frames = 1;
+		std::string m_Path = "standard";
+		Orvex::u32 m_Seed = 1;
+		std::vector<std::string> m_Dump;
+		std::string m_Csv;
+		bool m_Profile = false;
+		bool m_Compare = false;
+		bool m_Strict = false;
+	};
+
+	int CommandRun(const SRunCommand &options);
+}

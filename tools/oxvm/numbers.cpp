@@ -1,0 +1,133 @@
+#include "numbers.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <cstring>
+
+namespace OxVm
+{
+	namespace
+	{
+		bool IsHex(std::string_view text)
+		{
+			return text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+		}
+
+		bool ParseHex(std::string_view text, u64 &value)
+		{
+			const char *begin = text.data() + 2;
+			const char *end = text.data() + text.size();
+			const auto result = std::from_chars(begin, end, value, 16);
+			return result.ec == std::errc() && result.ptr == end;
+		}
+
+		// from_chars takes no leading '+'; accept it, like a human would write it.
+		std::string_view SkipPlus(std::string_view text)
+		{
+			return text.size() > 1 && text[0] == '+' && text[1] != '-' ? text.substr(1) : text;
+		}
+	}
+
+	bool ParseDouble(std::string_view text, double &value)
+	{
+		text = SkipPlus(text);
+		const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+		return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size();
+	}
+
+	bool ParseInt64(std::string_view text, s64 &value)
+	{
+		text = SkipPlus(text);
+		if (IsHex(text))
+		{
+			u64 bits = 0;
+			if (!ParseHex(text, bits) || bits > 0xFFFFFFFFu)
+				return false;
+			value = s64(bits);
+			return true;
+		}
+		const auto result = std::from_chars(text.data(), text.data() + text.size(), value, 10);
+		return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size();
+	}
+
+	bool ParseWord(std::string_view text, EValueKind kind, u32 &word, std::string &error)
+	{
+		if (kind == ValueKind_Bool && (text == "true" || text == "false"))
+		{
+			word = text == "true" ? 0xFFFFFFFFu : 0u;
+			return true;
+		}
+		if (IsHex(SkipPlus(text)))
+		{
+			u64 bits = 0;
+			if (!ParseHex(SkipPlus(text), bits) || bits > 0xFFFFFFFFu)
+			{
+				error = fmt::format("malformed number '{}': a hex word has at most 8 digits", text);
+				return false;
+			}
+			word = u32(bits);
+			return true;
+		}
+		if (kind == ValueKind_Float)
+		{
+			const std::string_view digits = SkipPlus(text);
+			float value = 0.0f;
+			const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+			if (digits.empty() || result.ptr != digits.data() + digits.size() || result.ec == std::errc::invalid_argument)
+			{
+				error = fmt::format("malformed number '{}'", text);
+				return false;
+			}
+			if (result.ec == std::errc::result_out_of_range)
+			{
+				error = fmt::format("number '{}' is out of the float range", text);
+				return false;
+			}
+			std::memcpy(&word, &value, 4);
+			return true;
+		}
+		s64 value = 0;
+		if (!ParseInt64(text, value))
+		{
+			error = kind == ValueKind_Bool ? fmt::format("malformed value '{}': expected true, false or an integer", text)
+										   : fmt::format("malformed integer '{}'", text);
+			return false;
+		}
+		if (value < -2147483648LL || value > 2147483647LL)
+		{
+			error = fmt::format("integer '{}' does not fit in 32 bits (use 0x... for raw bits)", text);
+			return false;
+		}
+		word = u32(s32(value));
+		return true;
+	}
+
+	bool ParseCount(std::string_view text, u64 max, u32 &value)
+	{
+		u64 parsed = 0;
+		const auto result = std::from_chars(text.data(), text.data() + text.size(), parsed, 10);
+		if (text.empty() || result.ec != std::errc() || result.ptr != text.data() + text.size() || parsed == 0 || parsed > max)
+			return false;
+		value = u32(parsed);
+		return true;
+	}
+
+	std::string FormatWord(u32 word, EValueKind kind)
+	{
+		switch (kind)
+		{
+		case ValueKind_Float:
+		{
+			float value;
+			std::memcpy(&value, &word, 4);
+			// NaNs (comparison masks among them) keep their bits: the text reads back exactly.
+			return value != value ? fmt::format("{:#010x}", word) : fmt::format("{}", value);
+		}
+		case ValueKind_Bool:
+			return word == 0xFFFFFFFFu ? "true" : (word == 0 ? "false" : fmt::format("{:#010x}", word));
+		default:
+			return fmt::format("{}", s32(word));
+		}
+	}
+}

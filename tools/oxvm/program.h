@@ -1,0 +1,106 @@
+#pragma once
+// The oxvm program: what a text file says (stream size, named registers with their
+// initialisers, instructions), before and after checking.
+//
+//   ParseProgram   text -> SProgram (syntax, names, numbers)          program_parser.cpp
+//   CheckProgram   SProgram -> ready to assemble and run              program_check.cpp
+//
+// Both report through CDiagnostics and go on after an error, so that one run lists
+// every mistake; a program is usable only when no error was reported.
+
+#include "diagnostics.h"
+#include "value_types.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace OxVm
+{
+	enum EInitKind : u8
+	{
+		Init_Zero,		// no initialiser
+		Init_Literal,	// v0, v1, ...: repeated over the register's words
+		Init_Ramp,		// ramp(start, step): element i = start + i * step, every component
+		Init_Random,	// random(lo, hi): seeded, uniform, one draw per word
+		Init_Csv,		// csv("file", column...): row i -> element i
+	};
+
+	struct SCsvColumn
+	{
+		std::string m_Name;		// header name, or empty when given by index
+		u32 m_Index = 0;		// 1-based index when given by number
+		SLocation m_Where;
+	};
+
+	struct SInitialiser
+	{
+		EInitKind m_Kind = Init_Zero;
+		SLocation m_Where;
+		std::vector<u32> m_Words;			// Init_Literal: the values as 32-bit words
+		double m_FloatArgs[2] = {0, 0};		// Init_Ramp, Init_Random on float registers
+		s64 m_IntArgs[2] = {0, 0};			// Init_Ramp, Init_Random on int and bool registers
+		std::string m_CsvPath;				// Init_Csv: as written (relative to the program's folder)
+		std::vector<SCsvColumn> m_CsvColumns;
+		std::vector<u32> m_CsvWords;		// Init_Csv: filled by CheckProgram, rows x components
+	};
+
+	struct SRegisterDecl
+	{
+		std::string m_Name;			// empty for a register named inline (stream.3:float3)
+		u32 m_Bits = 0;				// CVMRegID raw bits: slot, bank, type
+		u32 m_DeclaredCount = 0;	// [N]; 0: the default (the stream for per-element banks, else 1)
+		u32 m_Count = 0;			// elements allocated: set by CheckProgram
+		SInitialiser m_Init;
+		SLocation m_Where;
+		std::string m_Text;			// the declaration as written, comment removed
+
+		Compiler::EMetaType Bank() const { return RawBank(m_Bits); }
+		u32 Slot() const { return RawSlot(m_Bits); }
+		EBaseTypeID Type() const { return RawType(m_Bits); }
+	};
+
+	struct SOperand
+	{
+		s32 m_Register = -1;		// index into SProgram::m_Registers; -1: none
+		SLocation m_Where;
+		std::string m_Text;
+	};
+
+	struct SInstruction
+	{
+		Compiler::IR::SOp_MathOp::EOp m_Op = Compiler::IR::SOp_MathOp::__MaxOps;
+		bool m_Generic = false;		// ".generic": the 14-byte form even for add .. div
+		SLocation m_Where;			// the mnemonic
+		SOperand m_Dst;
+		SOperand m_Src[2];
+		u32 m_SourceCount = 0;
+	};
+
+	struct SProgram
+	{
+		std::unique_ptr<std::string> m_File = std::make_unique<std::string>();	// stable address for SLocation
+		std::string m_Folder;		// where CSV paths are looked up
+		u32 m_Stream = 0;
+		SLocation m_StreamWhere;
+		std::vector<SRegisterDecl> m_Registers;
+		std::vector<SInstruction> m_Instructions;
+
+		// Index of the register with these bits; -1 when none.
+		s32 FindByBits(u32 bits) const;
+		s32 FindByName(const std::string &name) const;
+		// Name, or the inline form "bank.slot:type".
+		std::string RegisterText(s32 index) const;
+	};
+
+	// Inline form of any register id: "stream.3:float3"; "-" for the invalid id and
+	// "0x%08x" when the id has bits the text cannot name (meta bit, top bits, no type name).
+	std::string InlineRegisterText(u32 bits);
+
+	// 'fileName' is used in messages and to find CSV files.
+	bool ParseProgram(const std::string &text, const std::string &fileName, SProgram &program, CDiagnostics &diagnostics);
+
+	// Resolves element counts for a run of 'elements' (0: the program's stream size),
+	// loads CSV initialisers and checks every instruction.
+	bool CheckProgram(SProgram &program, u32 elements, CDiagnostics &diagnostics);
+}

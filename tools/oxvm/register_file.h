@@ -1,0 +1,34 @@
+#pragma once
+// The register file of a run: one CRegisterStorage allocation per declared register
+// (aligned, padded, zero-filled by the VM's owner), filled from the initialisers.
+
+#include "cbvm_register_storage.h"
+#include "program.h"
+
+#include <string>
+
+namespace OxVm
+{
+	class CRegisterFile : public CNonCopyable
+	{
+	public:
+		// Allocates every register of a checked program for 'elements' elements and runs
+		// the initialisers; random values come from one generator seeded with 'seed',
+		// drawn in declaration order. False with 'error' set when memory runs out.
+		bool Build(const SProgram &program, u32 elements, u32 seed, std::string &error);
+
+		// Same registers and contents as 'other' (for running a second path).
+		bool CopyFrom(const SProgram &program, const CRegisterFile &other, std::string &error);
+
+		CRegisterStorage &Storage() { return m_Storage; }
+		const CRegisterStorage &Storage() const { return m_Storage; }
+		// The register's words (count x components of them).
+		u32 *Words(const SProgram &program, s32 index) const;
+		u32 WordCount(const SProgram &program, s32 index) const;
+
+	private:
+		bool _Allocate(const SProgram &program, u32 elements, std::string &error);
+
+		CRegisterStorage m_Storage;
+	};
+}

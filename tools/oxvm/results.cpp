@@ -1,0 +1,174 @@
+#include "results.h"
+
+#include "numbers.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace OxVm
+{
+	namespace
+	{
+		constexpr u32 kShown = 3;	// elements shown at each end
+		const char *const kComponentNames[4] = {"x", "y", "z", "w"};
+
+		std::string Element(const u32 *words, u32 components, EValueKind kind)
+		{
+			if (components == 1)
+				return FormatWord(words[0], kind);
+			std::string text = "(";
+			for (u32 c = 0; c < components; ++c)
+				text += (c == 0 ? "" : ", ") + FormatWord(words[c], kind);
+			return text + ")";
+		}
+
+		std::string Elements(const u32 *words, u32 first, u32 end, u32 components, EValueKind kind)
+		{
+			std::string text;
+			for (u32 i = first; i < end; ++i)
+				text += (i == first ? "" : "  ") + Element(words + std::size_t(i) * components, components, kind);
+			return text;
+		}
+
+		u64 Fnv1a(const u32 *words, std::size_t count)
+		{
+			u64 hash = 0xcbf29ce484222325ull;
+			const u8 *bytes = reinterpret_cast<const u8 *>(words);
+			for (std::size_t i = 0; i < count * 4; ++i)
+				hash = (hash ^ bytes[i]) * 0x100000001b3ull;
+			return hash;
+		}
+
+		// min, max, mean of one component; "n/a" when it has no number.
+		std::string ComponentStats(const u32 *words, u32 count, u32 components, u32 component, EValueKind kind)
+		{
+			double lo = std::numeric_limits<double>::infinity(), hi = -lo, sum = 0;
+			u32 numbers = 0, nans = 0, trues = 0;
+			for (u32 i = 0; i < count; ++i)
+			{
+				const u32 word = words[std::size_t(i) * components + component];
+				double value = double(s32(word));
+				if (kind == ValueKind_Float)
+				{
+					float f;
+					std::memcpy(&f, &word, 4);
+					value = f;
+				}
+				trues += word != 0 ? 1 : 0;
+				if (value != value)
+				{
+					++nans;
+					continue;
+				}
+				lo = std::min(lo, value);
+				hi = std::max(hi, value);
+				sum += value;
+				++numbers;
+			}
+			if (kind == ValueKind_Bool)
+				return fmt::format("true {}/{}", trues, count);
+			if (numbers == 0)
+				return fmt::format("all NaN ({})", nans);
+			std::string text = kind == ValueKind_Float ? fmt::format("min {} max {} mean {:.6g}", float(lo), float(hi), sum / numbers)
+													   : fmt::format("min {} max {} mean {:.6g}", s64(lo), s64(hi), sum / numbers);
+			return nans != 0 ? text + fmt::format(" (NaN {})", nans) : text;
+		}
+
+		std::string Title(const SProgram &program, s32 index)
+		{
+			const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
+			return fmt::format("{} ({}, {} element{})", program.RegisterText(index), InlineRegisterText(decl.m_Bits), decl.m_Count, decl.m_Count == 1 ? "" : "s");
+		}
+	}
+
+	std::vector<s32> WrittenRegisters(const SProgram &program)
+	{
+		std::vector<s32> written;
+		for (const SInstruction &instruction : program.m_Instructions)
+			if (std::find(written.begin(), written.end(), instruction.m_Dst.m_Register) == written.end())
+				written.push_back(instruction.m_Dst.m_Register);
+		return written;
+	}
+
+	void PrintRegisterStats(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers)
+	{
+		for (s32 index : registers)
+		{
+			const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
+			const STypeInfo type = TypeInfo(decl.Type());
+			const u32 *words = file.Words(program, index);
+			const u32 count = decl.m_Count;
+			fmt::print(out, "  {}\n", Title(program, index));
+			if (count <= 2 * kShown)
+				fmt::print(out, "    values    {}\n", Elements(words, 0, count, type.m_Components, type.m_Kind));
+			else
+			{
+				fmt::print(out, "    first     {}\n", Elements(words, 0, kShown, type.m_Components, type.m_Kind));
+				fmt::print(out, "    last      {}\n", Elements(words, count - kShown, count, type.m_Components, type.m_Kind));
+			}
+			for (u32 c = 0; c < type.m_Components; ++c)
+				fmt::print(out, "    {:<9} {}\n", type.m_Components == 1 ? "stats" : kComponentNames[c], ComponentStats(words, count, type.m_Components, c, type.m_Kind));
+			fmt::print(out, "    checksum  {:016x}\n", Fnv1a(words, std::size_t(count) * type.m_Components));
+		}
+	}
+
+	void DumpRegisters(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers)
+	{
+		for (s32 index : registers)
+		{
+			const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
+			const STypeInfo type = TypeInfo(decl.Type());
+			const u32 *words = file.Words(program, index);
+			fmt::print(out, "dump {}\n", Title(program, index));
+			for (u32 i = 0; i < decl.m_Count; ++i)
+				fmt::print(out, "  [{}] {}\n", i, Element(words + std::size_t(i) * type.m_Components, type.m_Components, type.m_Kind));
+		}
+	}
+
+	bool WriteCsv(const std::string &path, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, std::string &error)
+	{
+		const std::string temporary = path + ".tmp";
+		std::FILE *out = std::fopen(temporary.c_str(), "wb");
+		if (out == nullptr)
+		{
+			error = fmt::format("cannot write '{}': {}", temporary, std::strerror(errno));
+			return false;
+		}
+		std::string header = "element";
+		for (s32 index : registers)
+		{
+			const u32 components = TypeInfo(program.m_Registers[std::size_t(index)].Type()).m_Components;
+			for (u32 c = 0; c < components; ++c)
+				header += "," + program.RegisterText(index) + (components == 1 ? "" : std::string(".") + kComponentNames[c]);
+		}
+		fmt::print(out, "{}\n", header);
+		std::string row;
+		for (u32 i = 0; i < elements; ++i)
+		{
+			row = fmt::format("{}", i);
+			for (s32 index : registers)
+			{
+				const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
+				const STypeInfo type = TypeInfo(decl.Type());
+				const u32 *element = file.Words(program, index) + std::size_t(IsPerElement(decl.Bank()) ? i : 0) * type.m_Components;
+				for (u32 c = 0; c < type.m_Components; ++c)
+					row += "," + FormatWord(element[c], type.m_Kind);
+			}
+			row += "\n";
+			std::fputs(row.c_str(), out);
+		}
+		const bool written = std::ferror(out) == 0;
+		if (std::fclose(out) != 0 || !written || std::rename(temporary.c_str(), path.c_str()) != 0)
+		{
+			error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
+			std::remove(temporary.c_str());
+			return false;
+		}
+		return true;
+	}
+}

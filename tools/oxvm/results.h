@@ -1,0 +1,28 @@
+#pragma once
+// What a run shows of the registers it wrote: statistics, full dumps and a CSV file.
+
+#include "program.h"
+#include "register_file.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace OxVm
+{
+	// Destinations of the program's instructions, in order of first write.
+	std::vector<s32> WrittenRegisters(const SProgram &program);
+
+	// Per register: its first and last few elements, and per component min, max and
+	// mean (floats: NaNs counted apart; bools: how many are true), and the FNV-1a
+	// checksum of its bytes.
+	void PrintRegisterStats(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers);
+
+	// Every element of each register, one line per element.
+	void DumpRegisters(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers);
+
+	// One row per element of the stream, a column per component of each register
+	// (name, or name.x name.y ...); a Constant or Normal register repeats its value.
+	// Written to 'path'.tmp, then renamed, so a failed write leaves no partial file.
+	bool WriteCsv(const std::string &path, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, std::string &error);
+}

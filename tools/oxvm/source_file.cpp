@@ -1,0 +1,65 @@
+#include "source_file.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace OxVm
+{
+	bool ReadFile(const std::string &path, std::string &bytes, std::string &error)
+	{
+		std::ifstream in(path, std::ios::binary);
+		if (!in)
+		{
+			error = fmt::format("cannot read '{}': {}", path, std::strerror(errno));
+			return false;
+		}
+		std::ostringstream content;
+		content << in.rdbuf();
+		if (in.bad())
+		{
+			error = fmt::format("cannot read '{}'", path);
+			return false;
+		}
+		bytes = content.str();
+		return true;
+	}
+
+	bool WriteFileAtomically(const std::string &path, const void *data, std::size_t size, std::string &error)
+	{
+		const std::string temporary = path + ".tmp";
+		std::FILE *out = std::fopen(temporary.c_str(), "wb");
+		if (out == nullptr)
+		{
+			error = fmt::format("cannot write '{}': {}", temporary, std::strerror(errno));
+			return false;
+		}
+		const bool written = std::fwrite(data, 1, size, out) == size;
+		if (std::fclose(out) != 0 || !written || std::rename(temporary.c_str(), path.c_str()) != 0)
+		{
+			error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
+			std::remove(temporary.c_str());
+			return false;
+		}
+		return true;
+	}
+
+	bool LooksLikeText(const std::string &bytes)
+	{
+		if (bytes.empty())
+			return false;
+		for (char c : bytes)
+		{
+			const unsigned char byte = static_cast<unsigned char>(c);
+			if (byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r')
+				return false;
+			if (byte == 0x7F)
+				return false;
+		}
+		return true;
+	}
+}
