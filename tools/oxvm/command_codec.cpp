@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "program_loader.h"
 #include "source_file.h"
+#include "verification.h"
 
 #include <fmt/format.h>
 
@@ -63,12 +64,16 @@ namespace OxVm
 				return Exit_BadInput;
 			const std::vector<u8> bytecode = Assemble(program);
 			fmt::print("{}", Disassemble(bytecode.data(), u32(bytecode.size()), &program).m_Text);
+			std::fflush(stdout);
+			VerifyForListing(path, bytecode.data(), u32(bytecode.size()), u32(bytecode.size()));
 			return Exit_Ok;
 		}
 		const u8 *data = reinterpret_cast<const u8 *>(bytes.data());
 		const SDisassembly listing = Disassemble(data, u32(bytes.size()), nullptr);
 		fmt::print("{}", listing.m_Text);
 		std::fflush(stdout);
+		// What the VM would refuse in the bytes decoded so far (the listing's own stop is reported below).
+		VerifyForListing(path, data, u32(bytes.size()), listing.m_Ok ? u32(bytes.size()) : listing.m_ErrorOffset);
 		if (!listing.m_Ok)
 		{
 			fmt::print(stderr, "{}: error: offset {}: {}\n", path, listing.m_ErrorOffset, listing.m_Error);

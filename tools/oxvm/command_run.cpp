@@ -10,6 +10,7 @@
 #include "register_file.h"
 #include "results.h"
 #include "runner.h"
+#include "verification.h"
 
 #include <fmt/format.h>
 
@@ -103,6 +104,9 @@ namespace OxVm
 			fmt::print(stderr, "oxvm: error: {}\n", error);
 			return Exit_RunFailed;
 		}
+		// The VM's own verifier, against the register file the program runs on.
+		if (!VerifyForRun(*program.m_File, bytecode.data(), u32(bytecode.size()), file.Storage()))
+			return Exit_BadInput;
 		fmt::print("program    {}{}\n", *program.m_File, options.m_Program.empty() ? " (bundled example; see oxvm example)" : "");
 		fmt::print("run        {} path{}, {} elements, {} frame{}, seed {}\n", options.m_Compare ? "standard and low" : CBVM::ExecPathName(path),
 				   options.m_Compare ? "s compared" : "", elements, options.m_Frames, options.m_Frames == 1 ? "" : "s", options.m_Seed);

@@ -230,12 +230,26 @@ namespace Orvex
 {
 	namespace
 	{
-		// Reads the three operands at bytecode + wb, resolves them in the register file,
-		// derives the element count and the source strides (0: one value broadcast to
-		// every element) and runs the kernel of source 0's type.
-		void _MetaOp_MathOp_ExecBytecode_Impl(const CBytecodeExecContext &execCtx, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		// What the kernels need of one instruction: its operands resolved in the register
+		// file, the element count and the source strides (0: one value broadcast to every
+		// element).
+		struct SResolvedMathOp
 		{
-			const CCBCPUMetaRegisters &registers = execCtx.m_Registers;
+			void *m_EvalInto;
+			u32 m_Stride;
+			u32 m_EvalCount;
+			const void *m_Data0;
+			u32 m_Stride0;
+			const void *m_Data1;
+			u32 m_Stride1;
+			EBaseTypeID m_SrcType0;
+		};
+
+		// Reads the three operands at bytecode + wb and resolves them, every check of the
+		// instruction an assertion (each reports, and execution goes on with the values at
+		// hand). Out of line: well-formed instructions never come here.
+		__attribute__((noinline, cold)) void _ResolveChecked(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op, SResolvedMathOp &out)
+		{
 			OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp || bytecode[0] == CBVM::Opcode_MathOpAdd || bytecode[0] == CBVM::Opcode_MathOpSub || bytecode[0] == CBVM::Opcode_MathOpMul || bytecode[0] == CBVM::Opcode_MathOpDiv);
 
 			const CVMRegID m_DstReg = {s32(OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset))};
@@ -272,26 +286,127 @@ namespace Orvex
 				OX_ASSERT(reg1.m_Size >= evalCount * stride1);
 				data1 = reg1.m_RawData;
 			}
+			out = {evalInto, stride, evalCount, data0, stride0, data1, stride1, m_SrcType0};
+		}
 
-			// Only source 0's type selects the kernel; the switch compiles to one indexed jump.
-			switch (m_SrcType0)
+		// OperatorTraits(op).m_ParameterCount > 1, read once per operator from the traits
+		// (any value past the operator set reads as a two-operand operator, as there).
+		inline bool _TakesTwoOperands(SOp_MathOp::EOp op)
+		{
+			static const struct STwoOperands
 			{
-			case BaseType_Float: MathOp::ExecOperatorFloat<1>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
-			case BaseType_Float2: MathOp::ExecOperatorFloat<2>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
-			case BaseType_Float3: MathOp::ExecOperatorFloat<3>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+				bool m_Value[SOp_MathOp::__MaxOps];
+				STwoOperands()
+				{
+					for (u32 i = 0; i < u32(SOp_MathOp::__MaxOps); ++i)
+						m_Value[i] = Compiler::IR::SOp_MathOp::OperatorTraits(SOp_MathOp::EOp(i)).m_ParameterCount > 1;
+				}
+			} s_TwoOperands;
+			return u32(op) < u32(SOp_MathOp::__MaxOps) ? s_TwoOperands.m_Value[op] : Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1;
+		}
+
+		// The resolution of an instruction that nothing is wrong with: it tests, in one go
+		// and without the per-site flags, exactly the conditions that _ResolveChecked
+		// asserts, and returns false as soon as one fails, leaving the instruction to
+		// _ResolveChecked (which then reports it). When it returns true none of those
+		// assertions could have reported, and 'out' holds the values _ResolveChecked
+		// computes.
+		inline __attribute__((always_inline)) bool _ResolveWellFormed(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op, SResolvedMathOp &out)
+		{
+			if (u32(bytecode[0]) - CBVM::Opcode_MathOp > u32(CBVM::Opcode_MathOpDiv - CBVM::Opcode_MathOp))
+				return false;
+			const u32 dstBits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset);
+			const u32 src0Bits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg0Offset);
+			const u32 src1Bits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg1Offset);
+			// Well-formed (valid, top bits clear): what ToType, ToSlot and ToBank assert.
+			if ((dstBits | src0Bits) >= 0x40000000u)
+				return false;
+			const bool hasSrc1 = CVMRegID{s32(src1Bits)}.Valid();
+			if (hasSrc1 && src1Bits >= 0x40000000u)
+				return false;
+			if (hasSrc1 != _TakesTwoOperands(op))
+				return false;
+
+			// Element sizes: a zero size is reported by DataSizeInBytes (but for BaseType_Evolved,
+			// which is left to the checked path altogether).
+			const u32 dstTypeIndex = (dstBits >> 24) & 63u;	// type + 1
+			const u32 src0TypeIndex = (src0Bits >> 24) & 63u;
+			if (dstTypeIndex >= kBaseTypeTableSize || src0TypeIndex >= kBaseTypeTableSize)
+				return false;
+			const u32 stride = CCBCPUMetaRegisters::m_DataTypeSizeInBytes[dstTypeIndex];
+			const u32 typeSize = CCBCPUMetaRegisters::m_DataTypeSizeInBytes[src0TypeIndex];
+			if (stride == 0 || typeSize == 0)
+				return false;
+
+			const RegisterEntry &reg = registers.m_Registers[std::size_t(dstBits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((dstBits >> 21) & 3u)];
+			const RegisterEntry &reg0 = registers.m_Registers[std::size_t(src0Bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((src0Bits >> 21) & 3u)];
+			// Bank field: bank - 1, so Instance and Stream are 2 and 3.
+			const auto isInstanceOrStream = [](u32 bits) { return ((bits >> 21) & 3u) + 1 >= Compiler::MetaType_Instance; };
+			const bool dstIsStream = isInstanceOrStream(dstBits);
+			const u32 evalCount = dstIsStream ? registers.m_StreamDimensions : 1;
+			const u32 stride0 = (evalCount == 1 || isInstanceOrStream(src0Bits)) ? typeSize : 0;
+			if (!(reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && !dstIsStream)))
+				return false;
+			if (!(reg0.m_Size >= evalCount * stride0))
+				return false;
+
+			u32 stride1 = 0;
+			const void *data1 = nullptr;
+			if (hasSrc1)
+			{
+				if (((src1Bits >> 24) & 63u) != src0TypeIndex)
+					return false;
+				const RegisterEntry &reg1 = registers.m_Registers[std::size_t(src1Bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((src1Bits >> 21) & 3u)];
+				stride1 = (evalCount == 1 || isInstanceOrStream(src1Bits)) ? typeSize : 0;
+				if (!(reg1.m_Size >= evalCount * stride1))
+					return false;
+				data1 = reg1.m_RawData;
+			}
+			out = {reg.m_RawData, stride, evalCount, reg0.m_RawData, stride0, data1, stride1, EBaseTypeID(s32(src0TypeIndex) - 1)};
+			return true;
+		}
+
+		// Runs the kernel of source 0's type: only that type selects it, and the switch
+		// compiles to one indexed jump.
+		inline __attribute__((always_inline)) void _Dispatch(SOp_MathOp::EOp op, const SResolvedMathOp &r)
+		{
+			switch (r.m_SrcType0)
+			{
+			case BaseType_Float: MathOp::ExecOperatorFloat<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case BaseType_Float2: MathOp::ExecOperatorFloat<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case BaseType_Float3: MathOp::ExecOperatorFloat<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			case BaseType_Float4:
-			case BaseType_Quaternion: MathOp::ExecOperatorFloat<4>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Quaternion: MathOp::ExecOperatorFloat<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			case BaseType_I32:
-			case BaseType_Bool: MathOp::ExecOperatorInt<1>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Bool: MathOp::ExecOperatorInt<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			case BaseType_Int2:
-			case BaseType_Bool2: MathOp::ExecOperatorInt<2>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Bool2: MathOp::ExecOperatorInt<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			case BaseType_Int3:
-			case BaseType_Bool3: MathOp::ExecOperatorInt<3>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Bool3: MathOp::ExecOperatorInt<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			case BaseType_Int4:
-			case BaseType_Bool4: MathOp::ExecOperatorInt<4>(op, evalInto, stride, evalCount, data0, stride0, data1, stride1); break;
+			case BaseType_Bool4: MathOp::ExecOperatorInt<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			default:
 				OX_ASSERT_NOT_REACHED();
 				return;
+			}
+		}
+
+		// Reads the three operands at bytecode + wb, resolves them in the register file
+		// (_ResolveWellFormed, or _ResolveChecked for anything it does not accept) and runs
+		// the kernel of source 0's type.
+		void _MetaOp_MathOp_ExecBytecode_Impl(const CBytecodeExecContext &execCtx, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		{
+			const CCBCPUMetaRegisters &registers = execCtx.m_Registers;
+			// Two calls of the same dispatch, so that the resolved operands of a well-formed
+			// instruction stay in registers.
+			SResolvedMathOp r;
+			if (_ResolveWellFormed(registers, bytecode, wb, op, r))
+				_Dispatch(op, r);
+			else
+			{
+				SResolvedMathOp checked;
+				_ResolveChecked(registers, bytecode, wb, op, checked);
+				_Dispatch(op, checked);
 			}
 		}
 

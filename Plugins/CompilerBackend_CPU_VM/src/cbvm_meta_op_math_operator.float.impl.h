@@ -10,6 +10,10 @@
 //     loop (three rotations of it for N = 3, whose 12-byte period spans 3 vectors);
 //   - anything else (a non-packed destination, two constants) takes a per-component
 //     scalar loop, counted as a hazard and reported once as a performance warning.
+// Each vector loop checks its stream pointers for 16-byte alignment once, on entry:
+// aligned pointers (always, from the register file) run the loop without a check per
+// access (SIMD_SSE::TAlignedAccess<true>); a misaligned one runs the same loop with the
+// vector library's checked accesses, which report every misaligned access as before.
 //
 // Every kernel has the signature of FnOp2Stream and computes src0 op src1. Modulo and
 // negation have kernels of their own at the end of the file.
@@ -117,12 +121,37 @@ namespace Orvex
 		inline Scalar _Lane0(const Float4 &value) { return Scalar(value.m_Value); }
 
 		// Vector form of ScalarOps::TruncFracF32: (q - float(trunc32(q))) where |q| < 2^31,
-		// else +0 (the comparison is false for a NaN, which clears the lane).
+		// else +0. The truncation itself tells the two apart: it gives 0x80000000 for every
+		// lane with |q| >= 2^31 or a NaN (-2^31 included, which is out of the range too) and
+		// for no lane inside the range, whose truncations all lie in (-2^31, 2^31).
 		inline Float4 _TruncFrac(const Float4 &q)
 		{
-			const Float4 absQ = q & Float4::LoadAligned16(SIMD_SSE::Constants::_Constant_Fp32_InvSignMasks);
-			const Float4 inRange = absQ < Float4(2147483648.0f);
-			return (q - q.ConvertToInt32Trunc().ConvertInt32ToFloat()) & inRange;
+			const Float4 truncated = q.ConvertToInt32Trunc();
+			const Float4 outOfRange = truncated.CmpEqInt32(Float4::LoadAligned16(SIMD_SSE::Constants::_Constant_Fp32_SignMasks));
+			return (q - truncated.ConvertInt32ToFloat()).AndNot(outOfRange);
+		}
+
+		// _TruncFrac for the body of a loop (the 0x80000000 pattern loaded once, outside).
+		struct STruncFrac
+		{
+			Float4 m_Indefinite = Float4::LoadAligned16(SIMD_SSE::Constants::_Constant_Fp32_SignMasks);
+			Float4 operator()(const Float4 &q) const
+			{
+				const Float4 truncated = q.ConvertToInt32Trunc();
+				return (q - truncated.ConvertInt32ToFloat()).AndNot(truncated.CmpEqInt32(m_Indefinite));
+			}
+		};
+
+		using SIMD_SSE::TAlignedAccess;
+		using SIMD_SSE::_AreAligned;
+
+		// Floats of [first, last) that whole groups of _Group floats cover: the loops run
+		// while their index is below this (one compare, no end arithmetic per iteration).
+		template <std::ptrdiff_t _Group>
+		inline std::ptrdiff_t _WholeGroups(const float *first, const float *last)
+		{
+			const std::ptrdiff_t floats = last - first;
+			return floats > 0 ? floats - floats % _Group : 0;
 		}
 
 		//--------------------------------------------------------------------------------
@@ -158,9 +187,12 @@ namespace Orvex
 				if (stride0 == kElementBytes && stride1 == kElementBytes)
 				{
 					// Element borders do not matter to a lane-wise operator: walk flat floats.
-					for (; dstStream + 4 <= dstEnd; dstStream += 4, srcStream0 += 4, srcStream1 += 4)
-						TOp2Impl<_Op, false>::Op(Float4::LoadAligned16(srcStream0), Float4::LoadAligned16(srcStream1)).StoreAligned16(dstStream);
-					_Tail(dstStream, dstEnd, [&] { return TOp2Impl<_Op, false>::Op(Float4::LoadAligned16(srcStream0), Float4::LoadAligned16(srcStream1)); });
+					using Impl = TOp2Impl<_Op, false>;
+					auto vector = [=](std::ptrdiff_t i, auto access) { return Impl::Op(decltype(access)::Load(srcStream0 + i), decltype(access)::Load(srcStream1 + i)); };
+					if (_AreAligned<16>(dstStream, srcStream0, srcStream1))
+						_VectorLoopAndTail<TAlignedAccess<true>>(dstStream, dstEnd, vector);
+					else
+						_VectorLoopAndTail<TAlignedAccess<false>>(dstStream, dstEnd, vector);
 				}
 				else if (stride1 != kElementBytes)
 					Op2StreamImpl_PartiallyVarying<_Op, false>(srcStream1, srcStream0, dstStream, dstEnd);
@@ -173,12 +205,16 @@ namespace Orvex
 			static void Op2StreamImpl_PartiallyVarying(const float *constant, const float *srcStream, float *dstStream, const float *dstEnd)
 			{
 				using Impl = TOp2Impl<_Op, _FlipArgs>;
+				// The constant is read once, outside the loop: only the two streams move.
+				const bool aligned = _AreAligned<16>(dstStream, srcStream);
 				if constexpr (_Dimension != 3)
 				{
 					const Float4 c = TDimBroadcastRouter<_Dimension>::Broadcast(constant);
-					for (; dstStream + 4 <= dstEnd; dstStream += 4, srcStream += 4)
-						Impl::Op(Float4::LoadAligned16(srcStream), c).StoreAligned16(dstStream);
-					_Tail(dstStream, dstEnd, [&] { return Impl::Op(Float4::LoadAligned16(srcStream), c); });
+					auto vector = [=](std::ptrdiff_t i, auto access) { return Impl::Op(decltype(access)::Load(srcStream + i), c); };
+					if (aligned)
+						_VectorLoopAndTail<TAlignedAccess<true>>(dstStream, dstEnd, vector);
+					else
+						_VectorLoopAndTail<TAlignedAccess<false>>(dstStream, dstEnd, vector);
 				}
 				else
 				{
@@ -187,12 +223,11 @@ namespace Orvex
 					const Float4 c0 = c.Swizzle<0, 1, 2, 0>();	// x y z x
 					const Float4 c1 = c.Swizzle<1, 2, 0, 1>();	// y z x y
 					const Float4 c2 = c.Swizzle<2, 0, 1, 2>();	// z x y z
-					for (; dstStream + 12 <= dstEnd; dstStream += 12, srcStream += 12)
-					{
-						Impl::Op(Float4::LoadAligned16(srcStream + 0), c0).StoreAligned16(dstStream + 0);
-						Impl::Op(Float4::LoadAligned16(srcStream + 4), c1).StoreAligned16(dstStream + 4);
-						Impl::Op(Float4::LoadAligned16(srcStream + 8), c2).StoreAligned16(dstStream + 8);
-					}
+					const std::ptrdiff_t done = aligned
+						? _Rotated3Loop<Impl, TAlignedAccess<true>>(dstStream, dstEnd, srcStream, c0, c1, c2)
+						: _Rotated3Loop<Impl, TAlignedAccess<false>>(dstStream, dstEnd, srcStream, c0, c1, c2);
+					dstStream += done;
+					srcStream += done;
 					// 0 to 3 elements left. Whole vectors only where they end inside the
 					// stream, scalars for the rest: nothing is read or written past dstEnd.
 					const std::ptrdiff_t left = dstEnd - dstStream;
@@ -222,6 +257,39 @@ namespace Orvex
 				}
 			}
 
+		private:
+			// dstStream[i .. i + 3] = vector(i, _Access()) for every whole vector before
+			// dstEnd, then the tail (see _Tail). 'vector' loads through the access type it is
+			// given.
+			template <typename _Access, typename _FnVector>
+			static void _VectorLoopAndTail(float *dstStream, const float *dstEnd, const _FnVector &vector)
+			{
+				const std::ptrdiff_t whole = _WholeGroups<4>(dstStream, dstEnd);
+				std::ptrdiff_t i = 0;
+				for (; i < whole; i += 4)
+					_Access::Store(dstStream + i, vector(i, _Access()));
+				if constexpr (_Dimension == 4)
+					_Tail(dstStream + i, dstEnd, Float4::Zero());
+				else
+					_Tail(dstStream + i, dstEnd, vector(i, _Access()));
+			}
+
+			// N = 3 with one constant: 12 floats (4 elements, 3 vectors) per iteration.
+			template <typename _Impl, typename _Access>
+			static std::ptrdiff_t _Rotated3Loop(float *dstStream, const float *dstEnd, const float *srcStream, const Float4 &c0, const Float4 &c1, const Float4 &c2)
+			{
+				const std::ptrdiff_t whole = _WholeGroups<12>(dstStream, dstEnd);
+				std::ptrdiff_t i = 0;
+				for (; i < whole; i += 12)
+				{
+					_Access::Store(dstStream + i + 0, _Impl::Op(_Access::Load(srcStream + i + 0), c0));
+					_Access::Store(dstStream + i + 4, _Impl::Op(_Access::Load(srcStream + i + 4), c1));
+					_Access::Store(dstStream + i + 8, _Impl::Op(_Access::Load(srcStream + i + 8), c2));
+				}
+				return i;
+			}
+
+		public:
 			// ---- Modulo: frac(a / b) * b, the sign of a; see ScalarOps::ModF32.
 
 			static void Op2StreamImpl_Op2_Mod(void *dst, u32 stride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
@@ -265,14 +333,10 @@ namespace Orvex
 			static void Op2StreamImpl_Op2_Mod_Packed(float *dstStream, const float *dstStop, const float *srcStream0, const float *srcStream1)
 			{
 				OX_ASSERT(srcStream0 != null && srcStream1 != null);
-				for (; dstStream + 4 <= dstStop; dstStream += 4, srcStream0 += 4, srcStream1 += 4)
-				{
-					const Float4 a = Float4::LoadAligned16(srcStream0);
-					const Float4 b = Float4::LoadAligned16(srcStream1);
-					(_TruncFrac(a / b) * b).StoreAligned16(dstStream);
-				}
-				for (; dstStream < dstStop; ++dstStream, ++srcStream0, ++srcStream1)
-					*dstStream = ScalarOps::ModF32(*srcStream0, *srcStream1);
+				if (_AreAligned<16>(dstStream, srcStream0, srcStream1))
+					_ModPacked<TAlignedAccess<true>>(dstStream, dstStop, srcStream0, srcStream1);
+				else
+					_ModPacked<TAlignedAccess<false>>(dstStream, dstStop, srcStream0, srcStream1);
 			}
 
 			// One constant operand, N = 1, 2, 4: 'cst' holds it repeated over four lanes, so
@@ -280,6 +344,47 @@ namespace Orvex
 			static void Op2StreamImpl_Op2_Mod_V124(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1, Float4 cst)
 			{
 				OX_ASSERT(srcStream0 != null && srcStream1 != null);
+				// Only the destination and the stream operand move (a constant has stride 0).
+				if (_AreAligned<16>(dstStream, stride0 != 0 ? srcStream0 : nullptr, stride1 != 0 ? srcStream1 : nullptr))
+					_ModV124<TAlignedAccess<true>>(dstStream, dstStop, srcStream0, stride0, srcStream1, stride1, cst);
+				else
+					_ModV124<TAlignedAccess<false>>(dstStream, dstStop, srcStream0, stride0, srcStream1, stride1, cst);
+			}
+
+			// One constant operand, N = 3: the constant (and the reciprocal of a constant
+			// divisor) as three rotated vectors, 12 floats (4 elements) per iteration.
+			static void Op2StreamImpl_Op2_Mod_V3(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1)
+			{
+				OX_ASSERT(srcStream0 != null && srcStream1 != null);
+				if (_AreAligned<16>(dstStream, stride0 != 0 ? srcStream0 : nullptr, stride1 != 0 ? srcStream1 : nullptr))
+					_ModV3<TAlignedAccess<true>>(dstStream, dstStop, srcStream0, stride0, srcStream1, stride1);
+				else
+					_ModV3<TAlignedAccess<false>>(dstStream, dstStop, srcStream0, stride0, srcStream1, stride1);
+			}
+
+		private:
+			template <typename _Access>
+			static void _ModPacked(float *dstStream, const float *dstStop, const float *srcStream0, const float *srcStream1)
+			{
+				const STruncFrac truncFrac;
+				const std::ptrdiff_t whole = _WholeGroups<4>(dstStream, dstStop);
+				for (std::ptrdiff_t i = 0; i < whole; i += 4)
+				{
+					const Float4 a = _Access::Load(srcStream0 + i);
+					const Float4 b = _Access::Load(srcStream1 + i);
+					_Access::Store(dstStream + i, truncFrac(a / b) * b);
+				}
+				dstStream += whole;
+				srcStream0 += whole;
+				srcStream1 += whole;
+				for (; dstStream < dstStop; ++dstStream, ++srcStream0, ++srcStream1)
+					*dstStream = ScalarOps::ModF32(*srcStream0, *srcStream1);
+			}
+
+			template <typename _Access>
+			static void _ModV124(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1, Float4 cst)
+			{
+				const STruncFrac truncFrac;
 				alignas(16) float cstLanes[4];
 				cst.StoreAligned16(cstLanes);
 				if (stride1 == 0)
@@ -289,8 +394,11 @@ namespace Orvex
 					const Float4 r = Float4(1.0f) / cst;
 					alignas(16) float rLanes[4];
 					r.StoreAligned16(rLanes);
-					for (; dstStream + 4 <= dstStop; dstStream += 4, srcStream0 += 4)
-						(_TruncFrac(Float4::LoadAligned16(srcStream0) * r) * cst).StoreAligned16(dstStream);
+					const std::ptrdiff_t whole = _WholeGroups<4>(dstStream, dstStop);
+					for (std::ptrdiff_t i = 0; i < whole; i += 4)
+						_Access::Store(dstStream + i, truncFrac(_Access::Load(srcStream0 + i) * r) * cst);
+					dstStream += whole;
+					srcStream0 += whole;
 					// The tail starts on a vector boundary: float j takes lane j of r and cst.
 					for (int j = 0; dstStream < dstStop; ++dstStream, ++srcStream0, ++j)
 						*dstStream = ScalarOps::TruncFracF32(*srcStream0 * rLanes[j]) * cstLanes[j];
@@ -298,22 +406,24 @@ namespace Orvex
 				else if (stride0 == 0)
 				{
 					// Constant dividend: a true division per vector.
-					for (; dstStream + 4 <= dstStop; dstStream += 4, srcStream1 += 4)
+					const std::ptrdiff_t whole = _WholeGroups<4>(dstStream, dstStop);
+					for (std::ptrdiff_t i = 0; i < whole; i += 4)
 					{
-						const Float4 b = Float4::LoadAligned16(srcStream1);
-						(_TruncFrac(cst / b) * b).StoreAligned16(dstStream);
+						const Float4 b = _Access::Load(srcStream1 + i);
+						_Access::Store(dstStream + i, truncFrac(cst / b) * b);
 					}
+					dstStream += whole;
+					srcStream1 += whole;
 					for (int j = 0; dstStream < dstStop; ++dstStream, ++srcStream1, ++j)
 						*dstStream = ScalarOps::ModF32(cstLanes[j], *srcStream1);
 				}
 				// Both strides non-zero: that case belongs to the packed function.
 			}
 
-			// One constant operand, N = 3: the constant (and the reciprocal of a constant
-			// divisor) as three rotated vectors, 12 floats (4 elements) per iteration.
-			static void Op2StreamImpl_Op2_Mod_V3(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1)
+			template <typename _Access>
+			static void _ModV3(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1)
 			{
-				OX_ASSERT(srcStream0 != null && srcStream1 != null);
+				const STruncFrac truncFrac;
 				const bool constantDivisor = stride1 == 0;
 				const Float4 cst = Float4::LoadFloat3(constantDivisor ? srcStream1 : srcStream0);
 				const Float4 c[3] = {cst.Swizzle<0, 1, 2, 0>(), cst.Swizzle<1, 2, 0, 1>(), cst.Swizzle<2, 0, 1, 2>()};
@@ -322,9 +432,12 @@ namespace Orvex
 				{
 					const Float4 r = Float4(1.0f) / cst;
 					const Float4 rc[3] = {r.Swizzle<0, 1, 2, 0>(), r.Swizzle<1, 2, 0, 1>(), r.Swizzle<2, 0, 1, 2>()};
-					for (; dstStream + 12 <= dstStop; dstStream += 12, srcStream0 += 12)
+					const std::ptrdiff_t whole = _WholeGroups<12>(dstStream, dstStop);
+					for (std::ptrdiff_t i = 0; i < whole; i += 12)
 						for (int v = 0; v < 3; ++v)
-							(_TruncFrac(Float4::LoadAligned16(srcStream0 + 4 * v) * rc[v]) * c[v]).StoreAligned16(dstStream + 4 * v);
+							_Access::Store(dstStream + i + 4 * v, truncFrac(_Access::Load(srcStream0 + i + 4 * v) * rc[v]) * c[v]);
+					dstStream += whole;
+					srcStream0 += whole;
 					// Whole elements are left: float j is component j % 3.
 					alignas(16) float rLanes[4];
 					r.StoreAligned16(rLanes);
@@ -333,17 +446,21 @@ namespace Orvex
 				}
 				else if (stride0 == 0)
 				{
-					for (; dstStream + 12 <= dstStop; dstStream += 12, srcStream1 += 12)
+					const std::ptrdiff_t whole = _WholeGroups<12>(dstStream, dstStop);
+					for (std::ptrdiff_t i = 0; i < whole; i += 12)
 						for (int v = 0; v < 3; ++v)
 						{
-							const Float4 b = Float4::LoadAligned16(srcStream1 + 4 * v);
-							(_TruncFrac(c[v] / b) * b).StoreAligned16(dstStream + 4 * v);
+							const Float4 b = _Access::Load(srcStream1 + i + 4 * v);
+							_Access::Store(dstStream + i + 4 * v, truncFrac(c[v] / b) * b);
 						}
+					dstStream += whole;
+					srcStream1 += whole;
 					for (int j = 0; dstStream < dstStop; ++dstStream, ++srcStream1, ++j)
 						*dstStream = ScalarOps::ModF32(constant[j % 3], *srcStream1);
 				}
 			}
 
+		public:
 			// ---- Negation: a sign flip, so 0 and -0 swap and a NaN keeps its payload.
 
 			static void Op2StreamImpl_Op2_Neg(void *dst, u32 stride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 /*stride1*/)
@@ -356,8 +473,11 @@ namespace Orvex
 				const float *dstStreamStop = dstStream + std::size_t(count) * _Dimension;
 				const float *srcStream = static_cast<const float *>(datasrc0);
 				const Float4 signs = Float4::LoadAligned16(SIMD_SSE::Constants::_Constant_Fp32_SignMasks);
-				for (; dstStream + 4 <= dstStreamStop; dstStream += 4, srcStream += 4)
-					(Float4::LoadAligned16(srcStream) ^ signs).StoreAligned16(dstStream);
+				if (_AreAligned<16>(dstStream, srcStream))
+					dstStream = _NegVectors<TAlignedAccess<true>>(dstStream, dstStreamStop, srcStream, signs);
+				else
+					dstStream = _NegVectors<TAlignedAccess<false>>(dstStream, dstStreamStop, srcStream, signs);
+				srcStream += dstStream - static_cast<float *>(dst);
 				if constexpr (_Dimension == 4)
 					OX_ASSERT(dstStream == dstStreamStop);
 				else
@@ -366,11 +486,21 @@ namespace Orvex
 			}
 
 		private:
+			// Whole vectors of a negation; returns where the destination stopped.
+			template <typename _Access>
+			static float *_NegVectors(float *dstStream, const float *dstStreamStop, const float *srcStream, const Float4 &signs)
+			{
+				const std::ptrdiff_t whole = _WholeGroups<4>(dstStream, dstStreamStop);
+				for (std::ptrdiff_t i = 0; i < whole; i += 4)
+					_Access::Store(dstStream + i, _Access::Load(srcStream + i) ^ signs);
+				return dstStream + whole;
+			}
+
 			// The packed loops end here: N = 4 always ends on dstEnd; otherwise 0 to 3
 			// floats are left, computed from one more full vector of each source, always
-			// (padding makes the over-read safe), and stored partially.
-			template <typename _FnLastVector>
-			static void _Tail(float *dstStream, const float *dstEnd, const _FnLastVector &lastVector)
+			// (padding makes the over-read safe), and stored partially. 'lastVector' is
+			// that vector (unused for N = 4).
+			static __attribute__((always_inline)) void _Tail(float *dstStream, const float *dstEnd, const Float4 &lastVector)
 			{
 				if constexpr (_Dimension == 4)
 				{
@@ -381,7 +511,7 @@ namespace Orvex
 				{
 					const std::ptrdiff_t left = dstEnd - dstStream;
 					OX_ASSERT(left < 4);
-					_StorePartial(dstStream, lastVector(), left);
+					_StorePartial(dstStream, lastVector, left);
 				}
 			}
 
@@ -458,21 +588,33 @@ namespace Orvex
 		static_assert(_CountFloatKernels(SOp_MathOp::Op_Bitwise_ShiftLeft, SOp_MathOp::Op_Bitwise_Not) == 0, "no float bitwise kernels");
 		static_assert(_CountFloatKernels(SOp_MathOp::Op_Cmp_Lower, SOp_MathOp::Op_Cmp_NotEqual) == 24, "comparisons: every dimension");
 
-		// The float selector: alignment and null checks, then one table lookup. An operator
-		// without a kernel (bitwise, or any value past the set) writes nothing.
+		// The selector's checks, each an assertion, then the kernel when there is one. Out
+		// of line: ExecOperatorFloat comes here only when one of the checks fails.
 		template <int _Dimension>
-		void ExecOperatorFloat(SOp_MathOp::EOp op, void *evalInto, u32 dstStride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
+		__attribute__((noinline, cold)) void _ExecOperatorFloatChecked(FnOp2Stream fnPtr, void *evalInto, u32 dstStride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
 		{
 			OX_ASSERT_ALIGNED32(evalInto);
 			OX_ASSERT_ALIGNED32(datasrc0);
 			OX_ASSERT_ALIGNED32(datasrc1);
 			OX_ASSERT(evalInto != null);
-			// The operator byte can hold any value: look up only inside the table.
-			const FnOp2Stream fnPtr = u32(op) < u32(SOp_MathOp::__MaxOps) ? _FnMathOpLookup[u32(op) * 4 + (_Dimension - 1)] : nullptr;
 			OX_ASSERT_FORMAT(fnPtr != null, "[Backend CPU-VM]: Invalid Operation: logical ops cannot be applied to 'float' type");
 			if (fnPtr == nullptr)
 				return;
 			fnPtr(evalInto, dstStride, count, datasrc0, stride0, datasrc1, stride1);
+		}
+
+		// The float selector: alignment and null checks, then one table lookup. An operator
+		// without a kernel (bitwise, or any value past the set) writes nothing.
+		template <int _Dimension>
+		void ExecOperatorFloat(SOp_MathOp::EOp op, void *evalInto, u32 dstStride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
+		{
+			// The operator byte can hold any value: look up only inside the table.
+			const FnOp2Stream fnPtr = u32(op) < u32(SOp_MathOp::__MaxOps) ? _FnMathOpLookup[u32(op) * 4 + (_Dimension - 1)] : nullptr;
+			// When everything the checks test holds, none of them can report: straight to the kernel.
+			if (fnPtr != nullptr && evalInto != null && SIMD_SSE::_AreAligned<32>(evalInto, datasrc0, datasrc1))
+				fnPtr(evalInto, dstStride, count, datasrc0, stride0, datasrc1, stride1);
+			else
+				_ExecOperatorFloatChecked<_Dimension>(fnPtr, evalInto, dstStride, count, datasrc0, stride0, datasrc1, stride1);
 		}
 	}
 }

@@ -24,6 +24,7 @@
 #include "cp_ir_details.h"
 #include "kr_assert.h"
 #include "kr_base_types.h"
+#include "simd/sse/simd_vector.h"
 
 #include <cstddef>
 
@@ -37,14 +38,11 @@ namespace Orvex
 		// aligned; srcPtr1 is null for the unary operators (neg, not).
 		void _ExecIntOperatorPacked(Compiler::IR::SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
 
-		// 'stride' is the destination stride in bytes and must be _Dimension * 4 (anything
-		// else is refused and nothing is written); 'count' is the number of elements;
-		// stride0 / stride1 are _Dimension * 4 for a stream and 0 for a constant.
+		// The checks of ExecOperatorInt, each an assertion; false when the destination
+		// stride is refused. Out of line: only reached when one of them fails.
 		template <int _Dimension>
-		void ExecOperatorInt(Compiler::IR::SOp_MathOp::EOp op, void *evalInto, u32 stride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
+		__attribute__((noinline, cold)) bool _CheckIntOperands(const void *evalInto, u32 stride, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
 		{
-			static_assert(_Dimension >= 1 && _Dimension <= 4, "integer kernels handle 1 to 4 components");
-
 			OX_ASSERT_ALIGNED32(evalInto);
 			OX_ASSERT_ALIGNED32(datasrc0);
 			OX_ASSERT_ALIGNED32(datasrc1);
@@ -54,7 +52,24 @@ namespace Orvex
 			OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
 			// The kernel writes a dense stream: a destination of another element size would
 			// be overrun or left half-written, so this one is refused, not just reported.
-			OX_VERIFY_OR_RETURN(stride == _Dimension * sizeof(s32));
+			OX_VERIFY_OR_RETURN(stride == _Dimension * sizeof(s32), false);
+			return true;
+		}
+
+		// 'stride' is the destination stride in bytes and must be _Dimension * 4 (anything
+		// else is refused and nothing is written); 'count' is the number of elements;
+		// stride0 / stride1 are _Dimension * 4 for a stream and 0 for a constant.
+		template <int _Dimension>
+		void ExecOperatorInt(Compiler::IR::SOp_MathOp::EOp op, void *evalInto, u32 stride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
+		{
+			static_assert(_Dimension >= 1 && _Dimension <= 4, "integer kernels handle 1 to 4 components");
+
+			constexpr u32 kElementBytes = _Dimension * sizeof(s32);
+			// The checks of _CheckIntOperands in one test: when it holds, none of them can report.
+			const bool wellFormed = evalInto != null && datasrc0 != null && SIMD_SSE::_AreAligned<32>(evalInto, datasrc0, datasrc1) &&
+									(stride0 == kElementBytes || stride0 == 0) && (stride1 == kElementBytes || stride1 == 0) && stride == kElementBytes;
+			if (!wellFormed && !_CheckIntOperands<_Dimension>(evalInto, stride, datasrc0, stride0, datasrc1, stride1))
+				return;
 
 			// One block per operand, so that two constant operands do not share a block.
 			alignas(16) s32 constantBlocks[2][12];

@@ -11,6 +11,14 @@
 // equal); otherwise they go per lane, block by block, through the scalar definitions of
 // ScalarOps, so that each edge-case rule (x / 0, x % 0, INT_MIN / -1, count & 31) is
 // written exactly once.
+//
+// Every block loop exists in two forms, chosen once per call: when the three pointers
+// are 16-byte aligned (they always are, from the register file) and a uniform shift
+// count is at most 31, no check inside the loop could fail, so the loop runs without
+// the per-access alignment test and the per-vector shift-count test (TAlignedAccess<true>
+// and the *_Prechecked shifts). Otherwise it runs with the vector library's checked
+// forms, which report exactly as before. The choice is a run-time flag ('prechecked')
+// passed down to the loops, so that no assertion site is duplicated.
 
 #include "cbvm_meta_op_math_operator.int.impl.h"
 
@@ -20,6 +28,7 @@
 #include "simd/sse/simd_vector.h"
 
 #include <cstring>
+#include <type_traits>
 
 namespace Orvex
 {
@@ -28,6 +37,7 @@ namespace Orvex
 		namespace
 		{
 			using SIMD_SSE::Float4;
+			using SIMD_SSE::TAlignedAccess;
 			using SOp_MathOp = Compiler::IR::SOp_MathOp;
 			using Profiler::CHazards;
 
@@ -84,33 +94,102 @@ namespace Orvex
 			// Loop shapes shared by the operators.
 
 			// Vector form over whole blocks: fn(a, b) on each of the three vectors.
-			template <typename _Fn>
-			void _BinaryBlocks(SPackedCursor &c, const _Fn &fn)
+			// (The loops walk a copy of the cursor, which stays in registers: stores through
+			// the destination could otherwise alias the caller's cursor.)
+			template <typename _Access, typename _Fn>
+			void _BinaryBlocksWith(SPackedCursor &cursor, const _Fn &fn)
 			{
-				while (c.HasBlock())
+				SPackedCursor c = cursor;
+				for (std::ptrdiff_t blocks = c.Remaining() / kBlockInts; blocks > 0; --blocks)
 				{
-					const Float4 a0 = Float4::LoadAligned16(c.m_Src0), a1 = Float4::LoadAligned16(c.m_Src0 + 4), a2 = Float4::LoadAligned16(c.m_Src0 + 8);
-					const Float4 b0 = Float4::LoadAligned16(c.m_Src1), b1 = Float4::LoadAligned16(c.m_Src1 + 4), b2 = Float4::LoadAligned16(c.m_Src1 + 8);
-					fn(a0, b0).StoreAligned16(c.m_Dst);
-					fn(a1, b1).StoreAligned16(c.m_Dst + 4);
-					fn(a2, b2).StoreAligned16(c.m_Dst + 8);
+					if constexpr (_Access::kPrechecked)
+					{
+						// Nothing here can report: each vector goes load, operation, store,
+						// which keeps the stores close behind the loads.
+						for (int v = 0; v < 12; v += 4)
+						{
+							const Float4 a = _Access::Load(c.m_Src0 + v);
+							const Float4 b = _Access::Load(c.m_Src1 + v);
+							_Access::Store(c.m_Dst + v, fn(a, b));
+						}
+					}
+					else
+					{
+						// The checked accesses keep the order in which they report.
+						const Float4 a0 = _Access::Load(c.m_Src0), a1 = _Access::Load(c.m_Src0 + 4), a2 = _Access::Load(c.m_Src0 + 8);
+						const Float4 b0 = _Access::Load(c.m_Src1), b1 = _Access::Load(c.m_Src1 + 4), b2 = _Access::Load(c.m_Src1 + 8);
+						_Access::Store(c.m_Dst, fn(a0, b0));
+						_Access::Store(c.m_Dst + 4, fn(a1, b1));
+						_Access::Store(c.m_Dst + 8, fn(a2, b2));
+					}
 					c.NextBlock();
 				}
+				cursor = c;
+			}
+
+			template <typename _Fn>
+			void _BinaryBlocks(SPackedCursor &c, bool prechecked, const _Fn &fn)
+			{
+				if (prechecked)
+					_BinaryBlocksWith<TAlignedAccess<true>>(c, fn);
+				else
+					_BinaryBlocksWith<TAlignedAccess<false>>(c, fn);
 			}
 
 			// Vector form over whole blocks reading source 0 only: the unary operators, and
 			// the uniform-constant paths whose right operand already sits in registers.
-			template <typename _Fn>
-			void _UnaryBlocks(SPackedCursor &c, const _Fn &fn)
+			template <typename _Access, typename _Fn>
+			void _UnaryBlocksWith(SPackedCursor &cursor, const _Fn &fn)
 			{
-				while (c.HasBlock())
+				SPackedCursor c = cursor;
+				for (std::ptrdiff_t blocks = c.Remaining() / kBlockInts; blocks > 0; --blocks)
 				{
-					const Float4 a0 = Float4::LoadAligned16(c.m_Src0), a1 = Float4::LoadAligned16(c.m_Src0 + 4), a2 = Float4::LoadAligned16(c.m_Src0 + 8);
-					fn(a0).StoreAligned16(c.m_Dst);
-					fn(a1).StoreAligned16(c.m_Dst + 4);
-					fn(a2).StoreAligned16(c.m_Dst + 8);
+					if constexpr (_Access::kPrechecked)
+					{
+						for (int v = 0; v < 12; v += 4)
+							_Access::Store(c.m_Dst + v, fn(_Access::Load(c.m_Src0 + v)));
+					}
+					else
+					{
+						const Float4 a0 = _Access::Load(c.m_Src0), a1 = _Access::Load(c.m_Src0 + 4), a2 = _Access::Load(c.m_Src0 + 8);
+						_Access::Store(c.m_Dst, fn(a0));
+						_Access::Store(c.m_Dst + 4, fn(a1));
+						_Access::Store(c.m_Dst + 8, fn(a2));
+					}
 					c.NextBlockSrc0Only();
 				}
+				cursor = c;
+			}
+
+			// 'fn' is a generic lambda taking std::true_type when the loop is prechecked
+			// (aligned pointers, shift counts known to be at most 31), std::false_type else.
+			template <typename _Fn>
+			void _UnaryBlocks(SPackedCursor &c, bool prechecked, const _Fn &fn)
+			{
+				if (prechecked)
+					_UnaryBlocksWith<TAlignedAccess<true>>(c, [&fn](const Float4 &a) { return fn(a, std::true_type()); });
+				else
+					_UnaryBlocksWith<TAlignedAccess<false>>(c, [&fn](const Float4 &a) { return fn(a, std::false_type()); });
+			}
+
+			// Shifts by one count for every lane: the checked forms of Float4, or the
+			// *_Prechecked ones once the count is known to be at most 31.
+			enum EShiftKind
+			{
+				Shift_Left,
+				Shift_RightArith,
+				Shift_RightLogical,
+			};
+
+			template <EShiftKind _Kind, bool _Prechecked>
+			inline Float4 _Shift(const Float4 &a, u32 bits)
+			{
+				if constexpr (_Kind == Shift_Left)
+					return _Prechecked ? a.ShiftLeftInt32_Prechecked(bits) : a.ShiftLeftInt32(bits);
+				else if constexpr (_Kind == Shift_RightArith)
+					return _Prechecked ? a.ShiftRightArithInt32_Prechecked(bits) : a.ShiftRightArithInt32(bits);
+				else
+					return _Prechecked ? a.ShiftRightLogicalInt32_Prechecked(bits) : a.ShiftRightLogicalInt32(bits);
 			}
 
 			// Fewer than 12 integers left, indexed within the current block.
@@ -135,16 +214,16 @@ namespace Orvex
 			}
 
 			template <s32 (*_Scalar)(s32, s32), typename _Vector>
-			void _Lanewise(SPackedCursor &c, const _Vector &vectorFn)
+			void _Lanewise(SPackedCursor &c, bool prechecked, const _Vector &vectorFn)
 			{
-				_BinaryBlocks(c, vectorFn);
+				_BinaryBlocks(c, prechecked, vectorFn);
 				_Tail<_Scalar>(c);
 			}
 
 			template <s32 (*_Scalar)(s32), typename _Vector>
-			void _LanewiseUnary(SPackedCursor &c, const _Vector &vectorFn)
+			void _LanewiseUnary(SPackedCursor &c, bool prechecked, const _Vector &vectorFn)
 			{
-				_UnaryBlocks(c, vectorFn);
+				_UnaryBlocks(c, prechecked, [&vectorFn](const Float4 &a, auto) { return vectorFn(a); });
 				_TailUnary<_Scalar>(c);
 			}
 
@@ -212,6 +291,15 @@ namespace Orvex
 			// the final logical shift adds 1 to negative t, turning floor into truncation.
 			// A divisor of 0 gets M = 0, s = 0: both masks are off and q is 0 for every a,
 			// which is also what the per-lane rule gives for x / 0 (and a - 0 * 0 = a for x % 0).
+			//
+			// The vector form computes the same t with fewer operations. The signed high half
+			// is the unsigned one minus two corrections, mulhi(a, M) = mulhu(a, M) - (a < 0 ? M : 0)
+			// - (M < 0 ? a : 0), and every term in a then adds up to either 0 or -a (all of
+			// it modulo 2^32, so the result is bit for bit the same):
+			//   d > 0, M >= 0:  0               d < 0, M > 0:  -(a & subMask) = -a
+			//   d > 0, M < 0:   -a + a = 0      d < 0, M < 0:  -a
+			//   d = 0 (M = 0):  0
+			// so t = mulhu(a, M) - (a < 0 ? M : 0), minus a once more for a negative divisor.
 			class CMagicDivisor
 			{
 			public:
@@ -220,38 +308,60 @@ namespace Orvex
 					// +-1 have no multiplier; the sign trick handles them before we get here.
 					OX_ASSERT(divisor != 1 && divisor != -1);
 					const IntegerTools::SMulDivisor md = IntegerTools::ComputeMul32Divisor(divisor);
+					const bool addDividend = divisor > 0 && md.m_Multiplier < 0;	// the addMask of the formula
+					const bool subDividend = divisor < 0 && md.m_Multiplier > 0;	// the subMask
+					const bool negativeMultiplier = md.m_Multiplier < 0;		// the signed high half's correction
 					m_Multiplier = Float4::SplatInt(md.m_Multiplier);
-					m_AddMask = Float4::SplatInt(divisor > 0 && md.m_Multiplier < 0 ? -1 : 0);
-					m_SubMask = Float4::SplatInt(divisor < 0 && md.m_Multiplier > 0 ? -1 : 0);
+					m_SubtractDividend = int(addDividend) - int(subDividend) - int(negativeMultiplier) != 0;
 					m_Shift = md.m_Shifter;
 				}
 
+				// At most 31 by construction; a loop checks it once with this.
+				bool ShiftInRange() const { return m_Shift <= 31; }
+				bool SubtractsDividend() const { return m_SubtractDividend; }
+
+				// _Prechecked: the shift count is known to be in range (ShiftInRange).
+				// _SubtractDividend: SubtractsDividend(), as a constant of the loop.
+				template <bool _Prechecked, bool _SubtractDividend>
 				Float4 Quotient(const Float4 &a) const
 				{
-					Float4 t = a.MulHiInt32(m_Multiplier);
-					t = t.AddInt32(a & m_AddMask).SubInt32(a & m_SubMask);
-					t = t.ShiftRightArithInt32(m_Shift);
-					return t.AddInt32(t.ShiftRightLogicalInt32(31));
+					const Float4 aNegative = a.ShiftRightArithInt32_Prechecked(31);	// all ones where a < 0
+					Float4 t = a.MulHiUInt32(m_Multiplier).SubInt32(aNegative & m_Multiplier);
+					if constexpr (_SubtractDividend)
+						t = t.SubInt32(a);
+					t = _Shift<Shift_RightArith, _Prechecked>(t, m_Shift);
+					return t.AddInt32(_Shift<Shift_RightLogical, _Prechecked>(t, 31));
 				}
 
 			private:
 				Float4 m_Multiplier;
-				Float4 m_AddMask;
-				Float4 m_SubMask;
+				bool m_SubtractDividend;
 				u32 m_Shift;
 			};
 
+			// _UnaryBlocks with fn(a, quotient of a by 'magic') on every vector.
+			template <typename _Fn>
+			void _MagicBlocks(SPackedCursor &c, bool aligned, const CMagicDivisor &magic, const _Fn &fn)
+			{
+				const bool prechecked = aligned && magic.ShiftInRange();
+				if (magic.SubtractsDividend())
+					_UnaryBlocks(c, prechecked, [&magic, &fn](const Float4 &a, auto p) { return fn(a, magic.Quotient<decltype(p)::value, true>(a)); });
+				else
+					_UnaryBlocks(c, prechecked, [&magic, &fn](const Float4 &a, auto p) { return fn(a, magic.Quotient<decltype(p)::value, false>(a)); });
+			}
+
 			// ---- Div
 
-			// Whole blocks divided by the uniform constant 'divisor'.
-			void _DivideBlocksByUniform(SPackedCursor &c, s32 divisor)
+			// Whole blocks divided by the uniform constant 'divisor'. 'aligned': the three
+			// pointers are 16-byte aligned.
+			void _DivideBlocksByUniform(SPackedCursor &c, bool aligned, s32 divisor)
 			{
 				if (divisor == 1 || divisor == -1)
 				{
 					// s = 0 or -1: (a ^ s) - s is a for 1 and the wrapping negation for -1, so
 					// INT_MIN / -1 gives INT_MIN here as it does per lane.
 					const Float4 sign = Float4::SplatInt(divisor >> 31);
-					_UnaryBlocks(c, [&sign](const Float4 &a) { return (a ^ sign).SubInt32(sign); });
+					_UnaryBlocks(c, aligned, [&sign](const Float4 &a, auto) { return (a ^ sign).SubInt32(sign); });
 					return;
 				}
 				if (_IsPowerOfTwo(divisor))
@@ -263,25 +373,29 @@ namespace Orvex
 					// that one quotient is kept as it is.
 					const u32 k = _Log2OfPowerOfTwo(divisor);
 					const Float4 biasMask = Float4::SplatInt(s32(u32(divisor) - 1u));
-					_UnaryBlocks(c, [&biasMask, k](const Float4 &a) { return a.AddInt32(a.ShiftRightArithInt32(31) & biasMask).ShiftRightArithInt32(k); });
+					_UnaryBlocks(c, aligned && k <= 31, [&biasMask, k](const Float4 &a, auto prechecked)
+					{
+						constexpr bool kPrechecked = decltype(prechecked)::value;
+						return _Shift<Shift_RightArith, kPrechecked>(a.AddInt32(_Shift<Shift_RightArith, kPrechecked>(a, 31) & biasMask), k);
+					});
 					return;
 				}
 				const CMagicDivisor magic(divisor);
-				_UnaryBlocks(c, [&magic](const Float4 &a) { return magic.Quotient(a); });
+				_MagicBlocks(c, aligned, magic, [](const Float4 &, const Float4 &quotient) { return quotient; });
 			}
 
-			void _ExecDiv(SPackedCursor &c)
+			void _ExecDiv(SPackedCursor &c, bool aligned)
 			{
 				// The uniform test reads the constant block only once a whole block remains.
 				if (c.m_Stride1 == 0 && c.HasBlock() && _IsUniform(c.m_Src1))
-					_DivideBlocksByUniform(c, c.m_Src1[0]);
+					_DivideBlocksByUniform(c, aligned, c.m_Src1[0]);
 				_PerLane<&ScalarOps::DivS32>(c, kDivModHazardFrom);
 			}
 
 			// ---- Mod
 
 			// Whole blocks: remainder by the uniform constant 'divisor' (not +-1).
-			void _ModBlocksByUniform(SPackedCursor &c, s32 divisor)
+			void _ModBlocksByUniform(SPackedCursor &c, bool aligned, s32 divisor)
 			{
 				if (_IsPowerOfTwo(divisor))
 				{
@@ -290,9 +404,9 @@ namespace Orvex
 					// INT_MIN, and 0 for INT_MIN (INT_MIN + 0x7FFFFFFF = -1, masked to INT_MIN).
 					// All three are the exact remainders: the division quirk does not show here.
 					const Float4 lowBits = Float4::SplatInt(s32(u32(divisor) - 1u));
-					_UnaryBlocks(c, [&lowBits](const Float4 &a)
+					_UnaryBlocks(c, aligned, [&lowBits](const Float4 &a, auto prechecked)
 					{
-						const Float4 biased = a.AddInt32(a.ShiftRightArithInt32(31) & lowBits);
+						const Float4 biased = a.AddInt32(_Shift<Shift_RightArith, decltype(prechecked)::value>(a, 31) & lowBits);
 						return a.SubInt32(biased.AndNot(lowBits));
 					});
 					return;
@@ -300,10 +414,10 @@ namespace Orvex
 				// r = a - q * d, wrapping. Covers d = 0 too: q = 0, so r = a.
 				const CMagicDivisor magic(divisor);
 				const Float4 d = Float4::SplatInt(divisor);
-				_UnaryBlocks(c, [&magic, &d](const Float4 &a) { return a.SubInt32(magic.Quotient(a).MulLoInt32(d)); });
+				_MagicBlocks(c, aligned, magic, [&d](const Float4 &a, const Float4 &quotient) { return a.SubInt32(quotient.MulLoInt32(d)); });
 			}
 
-			void _ExecMod(SPackedCursor &c)
+			void _ExecMod(SPackedCursor &c, bool aligned)
 			{
 				if (c.m_Dst <= c.m_DstStop && c.m_Stride1 == 0 && _IsUniform(c.m_Src1))
 				{
@@ -317,7 +431,7 @@ namespace Orvex
 						return;
 					}
 					if (c.HasBlock())
-						_ModBlocksByUniform(c, divisor);
+						_ModBlocksByUniform(c, aligned, divisor);
 				}
 				_PerLane<&ScalarOps::ModS32>(c, kDivModHazardFrom);
 			}
@@ -331,13 +445,13 @@ namespace Orvex
 			// 8 there. Both behaviours are kept: the block path reports the bad count, and
 			// costs nothing per lane.
 
-			template <s32 (*_Scalar)(s32, s32), typename _VectorShift>
-			void _ExecShift(SPackedCursor &c, const _VectorShift &shift)
+			template <s32 (*_Scalar)(s32, s32), EShiftKind _Kind>
+			void _ExecShift(SPackedCursor &c, bool aligned)
 			{
 				if (c.m_Stride1 == 0 && c.HasBlock() && _IsUniform(c.m_Src1))
 				{
 					const u32 bits = u32(c.m_Src1[0]);
-					_UnaryBlocks(c, [&shift, bits](const Float4 &a) { return shift(a, bits); });
+					_UnaryBlocks(c, aligned && bits <= 31, [bits](const Float4 &a, auto prechecked) { return _Shift<_Kind, decltype(prechecked)::value>(a, bits); });
 				}
 				_PerLane<_Scalar>(c, kShiftHazardFrom);
 			}
@@ -345,50 +459,55 @@ namespace Orvex
 
 		void _ExecIntOperatorPacked(SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)
 		{
-			OX_ASSERT_ALIGNED16(dstPtr);
-			OX_ASSERT_ALIGNED16(srcPtr0);
-			OX_ASSERT_ALIGNED16(srcPtr1);
+			// Blocks move by 48 bytes (0 for a constant block): aligned pointers stay aligned.
+			const bool aligned = SIMD_SSE::_AreAligned<16>(dstPtr, srcPtr0, srcPtr1);
+			if (!aligned)
+			{
+				OX_ASSERT_ALIGNED16(dstPtr);
+				OX_ASSERT_ALIGNED16(srcPtr0);
+				OX_ASSERT_ALIGNED16(srcPtr1);
+			}
 
 			SPackedCursor c = {dstPtr, dstStop, srcPtr0, stride0, srcPtr1, stride1};
 			switch (op)
 			{
 			// ---- Add, Sub, Mul (wrapping; SSE2 has no 32-bit multiply, MulLoInt32 builds it)
-			case SOp_MathOp::Op_Add: _Lanewise<&ScalarOps::AddS32>(c, [](const Float4 &a, const Float4 &b) { return a.AddInt32(b); }); return;
-			case SOp_MathOp::Op_Sub: _Lanewise<&ScalarOps::SubS32>(c, [](const Float4 &a, const Float4 &b) { return a.SubInt32(b); }); return;
-			case SOp_MathOp::Op_Mul: _Lanewise<&ScalarOps::MulS32>(c, [](const Float4 &a, const Float4 &b) { return a.MulLoInt32(b); }); return;
+			case SOp_MathOp::Op_Add: _Lanewise<&ScalarOps::AddS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.AddInt32(b); }); return;
+			case SOp_MathOp::Op_Sub: _Lanewise<&ScalarOps::SubS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.SubInt32(b); }); return;
+			case SOp_MathOp::Op_Mul: _Lanewise<&ScalarOps::MulS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.MulLoInt32(b); }); return;
 
 			// ---- Div, Mod
-			case SOp_MathOp::Op_Div: _ExecDiv(c); return;
-			case SOp_MathOp::Op_Mod: _ExecMod(c); return;
+			case SOp_MathOp::Op_Div: _ExecDiv(c, aligned); return;
+			case SOp_MathOp::Op_Mod: _ExecMod(c, aligned); return;
 
 			// ---- Neg (0 - a: INT_MIN stays INT_MIN), Not; source 1 is never read
 			case SOp_MathOp::Op_Neg:
 				OX_ASSERT(srcPtr1 == null);
-				_LanewiseUnary<&ScalarOps::NegS32>(c, [](const Float4 &a) { return Float4::Zero().SubInt32(a); });
+				_LanewiseUnary<&ScalarOps::NegS32>(c, aligned, [](const Float4 &a) { return Float4::Zero().SubInt32(a); });
 				return;
 			case SOp_MathOp::Op_Bitwise_Not:
 				OX_ASSERT(srcPtr1 == null);
-				_LanewiseUnary<&_NotS32>(c, [](const Float4 &a) { return ~a; });
+				_LanewiseUnary<&_NotS32>(c, aligned, [](const Float4 &a) { return ~a; });
 				return;
 
 			// ---- Shifts
-			case SOp_MathOp::Op_Bitwise_ShiftLeft: _ExecShift<&ScalarOps::ShlS32>(c, [](const Float4 &a, u32 bits) { return a.ShiftLeftInt32(bits); }); return;
-			case SOp_MathOp::Op_Bitwise_ShiftRight: _ExecShift<&ScalarOps::SarS32>(c, [](const Float4 &a, u32 bits) { return a.ShiftRightArithInt32(bits); }); return;
-			case SOp_MathOp::Op_Bitwise_ShiftRightLogical: _ExecShift<&ScalarOps::ShrS32>(c, [](const Float4 &a, u32 bits) { return a.ShiftRightLogicalInt32(bits); }); return;
+			case SOp_MathOp::Op_Bitwise_ShiftLeft: _ExecShift<&ScalarOps::ShlS32, Shift_Left>(c, aligned); return;
+			case SOp_MathOp::Op_Bitwise_ShiftRight: _ExecShift<&ScalarOps::SarS32, Shift_RightArith>(c, aligned); return;
+			case SOp_MathOp::Op_Bitwise_ShiftRightLogical: _ExecShift<&ScalarOps::ShrS32, Shift_RightLogical>(c, aligned); return;
 
 			// ---- And, Or, Xor
-			case SOp_MathOp::Op_Bitwise_And: _Lanewise<&_AndS32>(c, [](const Float4 &a, const Float4 &b) { return a & b; }); return;
-			case SOp_MathOp::Op_Bitwise_Or: _Lanewise<&_OrS32>(c, [](const Float4 &a, const Float4 &b) { return a | b; }); return;
-			case SOp_MathOp::Op_Bitwise_Xor: _Lanewise<&_XorS32>(c, [](const Float4 &a, const Float4 &b) { return a ^ b; }); return;
+			case SOp_MathOp::Op_Bitwise_And: _Lanewise<&_AndS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a & b; }); return;
+			case SOp_MathOp::Op_Bitwise_Or: _Lanewise<&_OrS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a | b; }); return;
+			case SOp_MathOp::Op_Bitwise_Xor: _Lanewise<&_XorS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a ^ b; }); return;
 
 			// ---- Comparisons (signed). SSE2 only compares for <, > and ==: the other three
 			// are their complements.
-			case SOp_MathOp::Op_Cmp_Lower: _Lanewise<&_CmpLtS32>(c, [](const Float4 &a, const Float4 &b) { return a.CmpLtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_LowerOrEqual: _Lanewise<&_CmpLeS32>(c, [](const Float4 &a, const Float4 &b) { return ~a.CmpGtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_Greater: _Lanewise<&_CmpGtS32>(c, [](const Float4 &a, const Float4 &b) { return a.CmpGtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_GreaterOrEqual: _Lanewise<&_CmpGeS32>(c, [](const Float4 &a, const Float4 &b) { return ~a.CmpLtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_Equal: _Lanewise<&_CmpEqS32>(c, [](const Float4 &a, const Float4 &b) { return a.CmpEqInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_NotEqual: _Lanewise<&_CmpNeS32>(c, [](const Float4 &a, const Float4 &b) { return ~a.CmpEqInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_Lower: _Lanewise<&_CmpLtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpLtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_LowerOrEqual: _Lanewise<&_CmpLeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpGtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_Greater: _Lanewise<&_CmpGtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpGtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_GreaterOrEqual: _Lanewise<&_CmpGeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpLtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_Equal: _Lanewise<&_CmpEqS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpEqInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_NotEqual: _Lanewise<&_CmpNeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpEqInt32(b); }); return;
 
 			default:	// past the operator set: nothing is written
 				OX_ASSERT_NOT_REACHED();

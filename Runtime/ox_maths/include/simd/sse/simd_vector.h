@@ -13,6 +13,8 @@
 #include "kr_assert.h"
 #include "kr_base_types.h"
 
+#include <cstdint>
+
 #include <emmintrin.h>
 #include <xmmintrin.h>
 
@@ -141,6 +143,13 @@ namespace Orvex
 				_mm_store_ps(static_cast<float *>(p), m_Value);
 			}
 
+			// The same aligned accesses without the report, for loops that checked their
+			// pointers once before starting: a pointer found 16-byte aligned that moves by
+			// whole vectors stays aligned, so checking every access again could never
+			// report anything (see TAlignedAccess below).
+			static OX_SIMD_INLINE Float4 LoadAligned16_Prechecked(const void *p) { return Float4(_mm_load_ps(static_cast<const float *>(p))); }
+			OX_SIMD_INLINE void StoreAligned16_Prechecked(void *p) const { _mm_store_ps(static_cast<float *>(p), m_Value); }
+
 			static OX_SIMD_INLINE Float4 LoadUnaligned(const void *p) { return Float4(_mm_loadu_ps(static_cast<const float *>(p))); }
 			OX_SIMD_INLINE void StoreUnaligned(void *p) const { _mm_storeu_ps(static_cast<float *>(p), m_Value); }
 
@@ -254,6 +263,17 @@ namespace Orvex
 				return Float4(_mm_sub_epi32(unsignedHi, correction));
 			}
 
+			// High 32 bits of each unsigned 64-bit product: the two pmuludq above without
+			// the sign correction.
+			OX_SIMD_INLINE Float4 MulHiUInt32(const Float4 &b) const
+			{
+				const __m128i even = _mm_mul_epu32(AsInt(), b.AsInt());	// 64-bit products of lanes 0, 2
+				const __m128i odd = _mm_mul_epu32(_mm_srli_si128(AsInt(), 4), _mm_srli_si128(b.AsInt(), 4));	// lanes 1, 3
+				const __m128i evenHi = _mm_shuffle_epi32(even, _MM_SHUFFLE(3, 3, 3, 1));	// h0 h2 . .
+				const __m128i oddHi = _mm_shuffle_epi32(odd, _MM_SHUFFLE(3, 3, 3, 1));	// h1 h3 . .
+				return Float4(_mm_unpacklo_epi32(evenHi, oddHi));	// h0 h1 h2 h3
+			}
+
 			OX_SIMD_INLINE Float4 CmpEqInt32(const Float4 &b) const { return Float4(_mm_cmpeq_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float4 CmpLtInt32(const Float4 &b) const { return Float4(_mm_cmplt_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float4 CmpGtInt32(const Float4 &b) const { return Float4(_mm_cmpgt_epi32(AsInt(), b.AsInt())); }
@@ -281,6 +301,12 @@ namespace Orvex
 				return Float4(_mm_srl_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
 			}
 
+			// The same shifts without the check, for loops that checked their count
+			// (bits <= 31) once before starting; any other count takes the forms above.
+			OX_SIMD_INLINE Float4 ShiftLeftInt32_Prechecked(u32 bits) const { return Float4(_mm_sll_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits)))); }
+			OX_SIMD_INLINE Float4 ShiftRightArithInt32_Prechecked(u32 bits) const { return Float4(_mm_sra_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits)))); }
+			OX_SIMD_INLINE Float4 ShiftRightLogicalInt32_Prechecked(u32 bits) const { return Float4(_mm_srl_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits)))); }
+
 			// ---- Conversions
 
 			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000.
@@ -289,5 +315,46 @@ namespace Orvex
 		};
 
 		static_assert(sizeof(Float4) == 16, "Float4 is exactly one XMM register");
+
+		//----------------------------------------------------------------------------
+		// Checking a loop's pointers once, before the loop.
+
+		// True when every pointer given is a multiple of _Alignment (null is).
+		template <std::uintptr_t _Alignment>
+		inline bool _AreAligned(const void *a, const void *b = nullptr, const void *c = nullptr)
+		{
+			static_assert((_Alignment & (_Alignment - 1)) == 0, "a power of two");
+			return ((reinterpret_cast<std::uintptr_t>(a) | reinterpret_cast<std::uintptr_t>(b) | reinterpret_cast<std::uintptr_t>(c)) & (_Alignment - 1)) == 0;
+		}
+
+		// Memory access of a vector loop, chosen once per loop:
+		//   TAlignedAccess<true>   every pointer of the loop was found 16-byte aligned on
+		//                          entry and moves by whole vectors: no access can be
+		//                          misaligned, none is checked again;
+		//   TAlignedAccess<false>  each access checks and reports, as LoadAligned16 and
+		//                          StoreAligned16 do.
+		// Both perform the same aligned accesses and report exactly the same things; the
+		// first one only leaves the per-access test out of the loop.
+		template <bool _Prechecked>
+		struct TAlignedAccess
+		{
+			static constexpr bool kPrechecked = _Prechecked;
+
+			static OX_SIMD_INLINE Float4 Load(const void *p)
+			{
+				if constexpr (_Prechecked)
+					return Float4::LoadAligned16_Prechecked(p);
+				else
+					return Float4::LoadAligned16(p);
+			}
+
+			static OX_SIMD_INLINE void Store(void *p, const Float4 &value)
+			{
+				if constexpr (_Prechecked)
+					value.StoreAligned16_Prechecked(p);
+				else
+					value.StoreAligned16(p);
+			}
+		};
 	}
 }

@@ -1,0 +1,59 @@
+#pragma once
+// The baselines of the benchmark: the same work as each workload, written the way an
+// engine developer would write it without the VM. Each implementation is one set of
+// kernels; a null entry means the implementation has no version of that workload.
+//
+// All pointers are 32-byte aligned and padded (they come from CRegisterStorage, like
+// the VM's registers). Float3 and float4 streams are packed (12 and 16 bytes per
+// element). Every kernel is compiled in its own translation unit, so a divisor or a
+// constant passed as an argument is a run-time value there, as it is for the VM.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace OxBench
+{
+	struct SBaselineSet
+	{
+		const char *m_Name;	// short name used in benchmark names ("scalar", "autovec", ...)
+
+		// W1  o[i] = a[i] + b[i], float
+		void (*m_W1)(float *o, const float *a, const float *b, std::size_t n) = nullptr;
+		// W2  o[i] = a[i] * c, float3 elements, c one float3
+		void (*m_W2)(float *o, const float *a, const float *c, std::size_t n) = nullptr;
+		// W3  o[i] = a[i] / b[i], float4 elements
+		void (*m_W3)(float *o, const float *a, const float *b, std::size_t n) = nullptr;
+		// W4  o[i] = a[i] < b[i] ? 0xFFFFFFFF : 0, float in, mask out
+		void (*m_W4)(std::uint32_t *o, const float *a, const float *b, std::size_t n) = nullptr;
+		// W5  o[i] = a[i] mod c, float, c one float (sign of a, frac(a / c) * c)
+		void (*m_W5)(float *o, const float *a, float c, std::size_t n) = nullptr;
+		// W6  o[i] = a[i] + b[i], int32 (wrapping)
+		void (*m_W6)(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n) = nullptr;
+		// W7  o[i] = a[i] * b[i], int32 (wrapping)
+		void (*m_W7)(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n) = nullptr;
+		// W8  o[i] = a[i] / d, int32, d one run-time divisor (truncating)
+		void (*m_W8)(std::int32_t *o, const std::int32_t *a, std::int32_t d, std::size_t n) = nullptr;
+		// W9  o[i] = a[i] / b[i], int32 (truncating; the inputs hold no 0 and no INT_MIN / -1)
+		void (*m_W9)(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n) = nullptr;
+		// W10 particle step on float3: v += g * dt; p += v * dt (g, dt one float3 each)
+		void (*m_W10)(float *p, float *v, const float *g, const float *dt, std::size_t n) = nullptr;
+	};
+
+	// The plain loops of baseline_loops.h, built twice: without the vectoriser and at -O3.
+	extern const SBaselineSet kBaselineScalar;
+	extern const SBaselineSet kBaselineAutoVec;
+	// Hand-written SSE2 intrinsics.
+	extern const SBaselineSet kBaselineSSE2;
+	// Eigen 3.4 array expressions over mapped buffers.
+	extern const SBaselineSet kBaselineEigen;
+	// libdivide 3.0, SSE2 vector division by a run-time divisor (W8 only): the default
+	// (branchfull) divider and the branchfree one.
+	extern const SBaselineSet kBaselineLibdivide;
+	extern const SBaselineSet kBaselineLibdivideBranchfree;
+	// The C library's fmodf (W5 only).
+	extern const SBaselineSet kBaselineFmodf;
+
+	// Versions of the libraries as built in ("3.4.0", "3.0").
+	const char *EigenVersion();
+	const char *LibdivideVersion();
+}

@@ -1,0 +1,214 @@
+// ox_bench: the math-op's standard and Low paths against the baselines an engine
+// developer would otherwise use, for every workload of bench_workloads.h.
+//
+//   ox_bench [Google Benchmark flags]      benchmarks named <workload>/<implementation>/<size>
+//   ox_bench --list                         the workload ids and titles
+//   ox_bench --caches                       the data cache sizes CPUID reports
+//   ox_bench --icount <workload> <impl> <n> one checked run, then one more run with
+//                                           callgrind collecting (run it under
+//                                           valgrind --tool=callgrind --collect-atstart=no)
+//
+// Every implementation other than the standard path is checked against the standard
+// path's results on the same inputs before it is timed; a disagreement skips that
+// benchmark with an error that names the first differing word. The scope profiler is
+// disabled for every benchmark except W11/standard_profiler.
+
+#include "bench_workloads.h"
+
+#include "kr_profiler.h"
+
+#include <benchmark/benchmark.h>
+#include <cpuid.h>
+#include <valgrind/callgrind.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace OxBench
+{
+	namespace
+	{
+		constexpr std::uint32_t kSizes[] = {16, 256, 4096, 65536, 1048576};
+		constexpr std::uint32_t kW11Instructions = 64;
+		// W1, W4 and W6 also at the sizes either side of 4,096, where three streams of 16 KiB
+		// fill a 48 KiB level-1 data cache, against the SSE2 baselines.
+		constexpr std::uint32_t kNeighbourSizes[] = {2048, 8192};
+		constexpr EWorkload kNeighbourWorkloads[] = {Workload_W1, Workload_W4, Workload_W6};
+		constexpr EImpl kNeighbourImpls[] = {Impl_Standard, Impl_AutoVec, Impl_SSE2, Impl_Eigen};
+
+		// Every workload is built once, on first use, and kept: benchmarks of the same
+		// workload and size share it, in whatever order they run (the report interleaves
+		// repetitions at random). All of them together take a few hundred megabytes.
+		CWorkload &Workload(EWorkload workload, std::uint32_t count)
+		{
+			static std::map<std::pair<int, std::uint32_t>, std::unique_ptr<CWorkload>> s_Workloads;
+			std::unique_ptr<CWorkload> &w = s_Workloads[{int(workload), count}];
+			if (w == nullptr)
+				w = std::make_unique<CWorkload>(workload, count);
+			return *w;
+		}
+
+		void Benchmark(benchmark::State &state, EWorkload workload, EImpl impl, std::uint32_t count)
+		{
+			CWorkload &w = Workload(workload, count);
+			if (impl != Impl_Standard)
+			{
+				const std::string error = w.Check(impl);
+				if (!error.empty())
+				{
+					state.SkipWithError(error.c_str());
+					return;
+				}
+			}
+			Orvex::Profiler::MainEngineProfiler()->SetEnabled(impl == Impl_StandardProfiler);
+			for (auto _ : state)
+			{
+				w.Run(impl);
+				benchmark::ClobberMemory();
+			}
+			Orvex::Profiler::MainEngineProfiler()->SetEnabled(false);
+
+			const SWorkloadInfo &info = WorkloadInfo(workload);
+			state.SetItemsProcessed(std::int64_t(state.iterations()) * count);
+			if (info.m_BytesPerItem != 0)
+				state.SetBytesProcessed(std::int64_t(state.iterations()) * count * info.m_BytesPerItem);
+		}
+
+		void Register(EWorkload workload, EImpl impl, std::uint32_t count)
+		{
+			const std::string name = std::string(WorkloadInfo(workload).m_Id) + "/" + ImplName(impl) + "/" + std::to_string(count);
+			benchmark::RegisterBenchmark(name.c_str(), &Benchmark, workload, impl, count)->UseRealTime();
+		}
+
+		void RegisterAll()
+		{
+			for (int wi = 0; wi < __MaxWorkloads; ++wi)
+			{
+				const EWorkload workload = EWorkload(wi);
+				const SWorkloadInfo &info = WorkloadInfo(workload);
+				for (const std::uint32_t size : kSizes)
+				{
+					const std::uint32_t count = info.m_Instructions ? kW11Instructions : size;
+					for (int ii = 0; ii < __MaxImpls; ++ii)
+					{
+						const EImpl impl = EImpl(ii);
+						if (CWorkload::Supports(workload, impl))
+							Register(workload, impl, count);
+					}
+					if (info.m_Instructions)
+						break;	// one program size only
+				}
+			}
+			for (const EWorkload workload : kNeighbourWorkloads)
+				for (const std::uint32_t count : kNeighbourSizes)
+					for (const EImpl impl : kNeighbourImpls)
+						Register(workload, impl, count);
+		}
+
+		// Data cache sizes from CPUID, for the report when the system does not list them:
+		// leaf 4 (deterministic cache parameters), else AMD's leaves 0x80000005 / 6.
+		std::string DataCaches()
+		{
+			unsigned a, b, c, d;
+			std::string text;
+			if (__get_cpuid(0, &a, &b, &c, &d) && a >= 4)
+				for (unsigned index = 0; index < 8; ++index)
+				{
+					__cpuid_count(4, index, a, b, c, d);
+					const unsigned type = a & 31;
+					if (type == 0)
+						break;
+					if (type == 2)	// instruction cache
+						continue;
+					const unsigned bytes = (((b >> 22) & 0x3FF) + 1) * (((b >> 12) & 0x3FF) + 1) * ((b & 0xFFF) + 1) * (c + 1);
+					text += (text.empty() ? "" : ", ") + std::string("L") + std::to_string((a >> 5) & 7) + (((a >> 5) & 7) == 1 ? "d " : " ") + std::to_string(bytes / 1024) + " KiB";
+				}
+			if (text.empty() && __get_cpuid(0x80000005, &a, &b, &c, &d) && (c >> 24) != 0)
+			{
+				text = "L1d " + std::to_string(c >> 24) + " KiB";
+				if (__get_cpuid(0x80000006, &a, &b, &c, &d) && (c >> 16) != 0)
+					text += ", L2 " + std::to_string(c >> 16) + " KiB";
+			}
+			return text.empty() ? "not reported" : text;
+		}
+
+		int ListWorkloads()
+		{
+			for (int wi = 0; wi < __MaxWorkloads; ++wi)
+			{
+				const SWorkloadInfo &info = WorkloadInfo(EWorkload(wi));
+				std::printf("%s\t%u\t%s\t%s\n", info.m_Id, info.m_BytesPerItem, info.m_Instructions ? "instructions" : "elements", info.m_Title);
+			}
+			return 0;
+		}
+
+		// One checked warm-up run outside collection, then exactly one run inside it.
+		int InstructionCount(const std::string &workloadId, const std::string &implName, const std::string &countText)
+		{
+			EWorkload workload;
+			EImpl impl;
+			if (!WorkloadFromId(workloadId, workload) || !ImplFromName(implName, impl) || !CWorkload::Supports(workload, impl))
+			{
+				std::fprintf(stderr, "ox_bench: --icount: unknown workload or implementation: %s %s\n", workloadId.c_str(), implName.c_str());
+				return 2;
+			}
+			const std::uint32_t count = std::uint32_t(std::strtoul(countText.c_str(), nullptr, 10));
+			CWorkload w(workload, count);
+			if (impl != Impl_Standard)
+			{
+				const std::string error = w.Check(impl);
+				if (!error.empty())
+				{
+					std::fprintf(stderr, "ox_bench: %s\n", error.c_str());
+					return 1;
+				}
+			}
+			Orvex::Profiler::MainEngineProfiler()->SetEnabled(impl == Impl_StandardProfiler);
+			w.Run(impl);
+			CALLGRIND_TOGGLE_COLLECT;
+			w.Run(impl);
+			CALLGRIND_TOGGLE_COLLECT;
+			std::printf("icount %s %s %u items\n", workloadId.c_str(), implName.c_str(), count);
+			return 0;
+		}
+	}
+}
+
+int main(int argc, char **argv)
+{
+	using namespace OxBench;
+	Orvex::Profiler::MainEngineProfiler()->SetEnabled(false);
+
+	if (argc >= 2 && std::string(argv[1]) == "--list")
+		return ListWorkloads();
+	if (argc >= 2 && std::string(argv[1]) == "--caches")
+	{
+		std::printf("%s\n", DataCaches().c_str());
+		return 0;
+	}
+	if (argc >= 2 && std::string(argv[1]) == "--icount")
+	{
+		if (argc != 5)
+		{
+			std::fprintf(stderr, "usage: ox_bench --icount <workload> <implementation> <count>\n");
+			return 2;
+		}
+		return InstructionCount(argv[2], argv[3], argv[4]);
+	}
+
+	benchmark::AddCustomContext("compiler", "g++ " __VERSION__);
+	benchmark::AddCustomContext("eigen", EigenVersion());
+	benchmark::AddCustomContext("libdivide", LibdivideVersion());
+	benchmark::AddCustomContext("profiler", "disabled (enabled only for W11/standard_profiler)");
+	benchmark::AddCustomContext("data_caches", DataCaches());
+	RegisterAll();
+	benchmark::Initialize(&argc, argv);
+	if (benchmark::ReportUnrecognizedArguments(argc, argv))
+		return 1;
+	benchmark::RunSpecifiedBenchmarks();
+	benchmark::Shutdown();
+	return 0;
+}

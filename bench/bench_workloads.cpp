@@ -1,0 +1,427 @@
+#include "bench_workloads.h"
+
+#include "cbvm_registers.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace OxBench
+{
+	using namespace Orvex;
+	using Compiler::IR::SOp_MathOp;
+
+	namespace
+	{
+		constexpr const char *kImplNames[__MaxImpls] = {
+			"standard", "low", "standard_profiler", "standard_interpreter",
+			"scalar", "autovec", "sse2", "eigen", "libdivide", "libdivide_bf", "fmodf",
+		};
+
+		constexpr SWorkloadInfo kWorkloads[__MaxWorkloads] = {
+			{"W1", "float add, 1 component, stream + stream", 12, false},
+			{"W2", "float mul, 3 components, stream x constant float3", 24, false},
+			{"W3", "float div, 4 components, stream / stream", 48, false},
+			{"W4", "float compare-less, 1 component, mask result", 12, false},
+			{"W5", "float modulo by a constant scalar", 8, false},
+			{"W6", "int add, 1 component", 12, false},
+			{"W7", "int mul, 1 component", 12, false},
+			{"W8by7", "int division by the uniform constant 7", 8, false},
+			{"W8by8", "int division by the uniform constant 8", 8, false},
+			{"W9", "int division by a stream of divisors", 12, false},
+			{"W10", "particle step on float3 streams, four instructions", 48, false},
+			{"W11", "one-element instructions (Constant destination)", 0, true},
+		};
+
+		// Deterministic inputs: a 64-bit LCG, high bits out.
+		class CRandom
+		{
+		public:
+			explicit CRandom(std::uint64_t seed) : m_State(seed * 0x9E3779B97F4A7C15ull + 1) {}
+			std::uint32_t Next()
+			{
+				m_State = m_State * 6364136223846793005ull + 1442695040888963407ull;
+				return std::uint32_t(m_State >> 32);
+			}
+			float Uniform(float lo, float hi) { return lo + (hi - lo) * float(Next() >> 8) * (1.0f / 16777216.0f); }
+
+		private:
+			std::uint64_t m_State;
+		};
+	}
+
+	const char *ImplName(EImpl impl)
+	{
+		return impl < __MaxImpls ? kImplNames[impl] : nullptr;
+	}
+
+	bool ImplFromName(const std::string &name, EImpl &impl)
+	{
+		for (int i = 0; i < __MaxImpls; ++i)
+			if (name == kImplNames[i])
+			{
+				impl = EImpl(i);
+				return true;
+			}
+		return false;
+	}
+
+	const SWorkloadInfo &WorkloadInfo(EWorkload workload)
+	{
+		return kWorkloads[workload < __MaxWorkloads ? workload : 0];
+	}
+
+	bool WorkloadFromId(const std::string &id, EWorkload &workload)
+	{
+		for (int i = 0; i < __MaxWorkloads; ++i)
+			if (id == kWorkloads[i].m_Id)
+			{
+				workload = EWorkload(i);
+				return true;
+			}
+		return false;
+	}
+
+	const SBaselineSet *BaselineSet(EImpl impl)
+	{
+		switch (impl)
+		{
+		case Impl_Scalar: return &kBaselineScalar;
+		case Impl_AutoVec: return &kBaselineAutoVec;
+		case Impl_SSE2: return &kBaselineSSE2;
+		case Impl_Eigen: return &kBaselineEigen;
+		case Impl_Libdivide: return &kBaselineLibdivide;
+		case Impl_LibdivideBranchfree: return &kBaselineLibdivideBranchfree;
+		case Impl_Fmodf: return &kBaselineFmodf;
+		default: return nullptr;
+		}
+	}
+
+	//------------------------------------------------------------------------------------
+	// Construction: registers, inputs and the program of each workload.
+
+	CWorkload::CWorkload(EWorkload workload, std::uint32_t count)
+	: m_Workload(workload), m_Count(count), m_Storage(16), m_Context(&m_Program, m_Bindings, m_Storage.Registers(), m_DebugCtx)
+	{
+		using Compiler::MetaType_Constant;
+		using Compiler::MetaType_Stream;
+		CRandom random(std::uint64_t(workload) * 1000003u + count);
+		const std::uint32_t n = count;
+		m_Storage.Registers().m_StreamDimensions = n;
+
+		auto fillFloat = [&](CVMRegID id, std::uint32_t floats, float lo, float hi) {
+			float *data = _F(id);
+			for (std::uint32_t i = 0; i < floats; ++i)
+				data[i] = random.Uniform(lo, hi);
+		};
+		auto fillInt = [&](CVMRegID id, std::uint32_t ints) {
+			std::int32_t *data = _I(id);
+			for (std::uint32_t i = 0; i < ints; ++i)
+				data[i] = std::int32_t(random.Next());
+		};
+
+		// The common shape: dst = src0 op src1. Every implementation reads and writes the
+		// same registers, so that all of them see the same memory layout.
+		auto binary = [&](SOp_MathOp::EOp op, EBaseTypeID type, bool constantSrc1) {
+			m_Dst = _Declare(0, MetaType_Stream, type, n);
+			m_Src0 = _Declare(1, MetaType_Stream, type, n);
+			m_Src1 = _Declare(2, constantSrc1 ? MetaType_Constant : MetaType_Stream, type, constantSrc1 ? 1 : n);
+			_Emit(op, m_Dst, m_Src0, m_Src1);
+			m_Outputs = {m_Dst};
+		};
+
+		switch (workload)
+		{
+		case Workload_W1:
+			binary(SOp_MathOp::Op_Add, BaseType_Float, false);
+			fillFloat(m_Src0, n, -100.0f, 100.0f);
+			fillFloat(m_Src1, n, -100.0f, 100.0f);
+			break;
+		case Workload_W2:
+			binary(SOp_MathOp::Op_Mul, BaseType_Float3, true);
+			fillFloat(m_Src0, 3 * n, -100.0f, 100.0f);
+			_F(m_Src1)[0] = 0.5f;
+			_F(m_Src1)[1] = -1.25f;
+			_F(m_Src1)[2] = 3.0f;
+			break;
+		case Workload_W3:
+		{
+			binary(SOp_MathOp::Op_Div, BaseType_Float4, false);
+			fillFloat(m_Src0, 4 * n, -100.0f, 100.0f);
+			float *b = _F(m_Src1);
+			for (std::uint32_t i = 0; i < 4 * n; ++i)
+				b[i] = (random.Next() & 1 ? 1.0f : -1.0f) * random.Uniform(0.5f, 4.0f);
+			break;
+		}
+		case Workload_W4:
+		{
+			binary(SOp_MathOp::Op_Cmp_Lower, BaseType_Float, false);
+			fillFloat(m_Src0, n, -100.0f, 100.0f);
+			fillFloat(m_Src1, n, -100.0f, 100.0f);
+			break;
+		}
+		case Workload_W5:
+		{
+			// a = (k + f) * c with f in [0.1, 0.9]: far from the points where a remainder
+			// computed through a reciprocal may round to the other side of a multiple.
+			binary(SOp_MathOp::Op_Mod, BaseType_Float, true);
+			m_ModDivisor = 2.5f;
+			_F(m_Src1)[0] = m_ModDivisor;
+			float *a = _F(m_Src0);
+			for (std::uint32_t i = 0; i < n; ++i)
+			{
+				const float k = float(std::int32_t(random.Next() % 2001u) - 1000);
+				const float f = random.Uniform(0.1f, 0.9f);
+				a[i] = (k < 0.0f ? k - f : k + f) * m_ModDivisor;
+			}
+			break;
+		}
+		case Workload_W6:
+			binary(SOp_MathOp::Op_Add, BaseType_I32, false);
+			fillInt(m_Src0, n);
+			fillInt(m_Src1, n);
+			break;
+		case Workload_W7:
+			binary(SOp_MathOp::Op_Mul, BaseType_I32, false);
+			fillInt(m_Src0, n);
+			fillInt(m_Src1, n);
+			break;
+		case Workload_W8by7:
+		case Workload_W8by8:
+			binary(SOp_MathOp::Op_Div, BaseType_I32, true);
+			fillInt(m_Src0, n);
+			m_IntDivisor = workload == Workload_W8by7 ? 7 : 8;
+			_I(m_Src1)[0] = m_IntDivisor;
+			break;
+		case Workload_W9:
+		{
+			// Divisors of magnitude 2 to 65536: no 0 and no INT_MIN / -1, which the plain
+			// loops could not divide (the VM defines both).
+			binary(SOp_MathOp::Op_Div, BaseType_I32, false);
+			fillInt(m_Src0, n);
+			std::int32_t *b = _I(m_Src1);
+			for (std::uint32_t i = 0; i < n; ++i)
+			{
+				const std::int32_t magnitude = std::int32_t(2 + random.Next() % 65535u);
+				b[i] = random.Next() & 1 ? magnitude : -magnitude;
+			}
+			break;
+		}
+		case Workload_W10:
+		{
+			// gdt = g * dt (one element, Constant destination); v = v + gdt; t = v * dt; p = p + t
+			m_P = _Declare(0, MetaType_Stream, BaseType_Float3, n);
+			m_V = _Declare(1, MetaType_Stream, BaseType_Float3, n);
+			const CVMRegID t = _Declare(2, MetaType_Stream, BaseType_Float3, n);
+			m_G = _Declare(3, MetaType_Constant, BaseType_Float3, 1);
+			m_Dt = _Declare(4, MetaType_Constant, BaseType_Float3, 1);
+			const CVMRegID gdt = _Declare(5, MetaType_Constant, BaseType_Float3, 1);
+			_Emit(SOp_MathOp::Op_Mul, gdt, m_G, m_Dt);
+			_Emit(SOp_MathOp::Op_Add, m_V, m_V, gdt);
+			_Emit(SOp_MathOp::Op_Mul, t, m_V, m_Dt);
+			_Emit(SOp_MathOp::Op_Add, m_P, m_P, t);
+			fillFloat(m_P, 3 * n, -10.0f, 10.0f);
+			fillFloat(m_V, 3 * n, -10.0f, 10.0f);
+			const float g[3] = {0.0f, -9.81f, 0.0f}, dt[3] = {1.0f / 60.0f, 1.0f / 60.0f, 1.0f / 60.0f};
+			std::memcpy(_F(m_G), g, sizeof(g));
+			std::memcpy(_F(m_Dt), dt, sizeof(dt));
+			m_Outputs = {m_P, m_V};
+			break;
+		}
+		case Workload_W11:
+		{
+			// 'count' instructions c = a + b on one float each: Constant destination and
+			// sources, so every instruction evaluates exactly one element.
+			m_Dst = _Declare(0, MetaType_Constant, BaseType_Float, 1);
+			m_Src0 = _Declare(1, MetaType_Constant, BaseType_Float, 1);
+			m_Src1 = _Declare(2, MetaType_Constant, BaseType_Float, 1);
+			_F(m_Src0)[0] = 1.5f;
+			_F(m_Src1)[0] = 2.25f;
+			for (std::uint32_t i = 0; i < count; ++i)
+				_Emit(SOp_MathOp::Op_Add, m_Dst, m_Src0, m_Src1);
+			m_Outputs = {m_Dst};
+			break;
+		}
+		default:
+			break;
+		}
+		_Snapshot();
+	}
+
+	CVMRegID CWorkload::_Declare(std::uint32_t slot, Compiler::EMetaType bank, EBaseTypeID type, std::uint32_t elements)
+	{
+		const CVMRegID id = CVMRegID::Build(slot, bank, type);
+		if (!m_Storage.AllocateElements(id, elements))
+		{
+			std::fprintf(stderr, "ox_bench: cannot allocate %u elements\n", elements);
+			std::abort();
+		}
+		return id;
+	}
+
+	void CWorkload::_Emit(SOp_MathOp::EOp op, CVMRegID dst, CVMRegID src0, CVMRegID src1)
+	{
+		SOp_MathOp::SDesc desc;
+		desc.m_Op = op;
+		desc.m_DstReg = dst.ToIRRegID();
+		desc.m_SrcReg0 = src0.ToIRRegID();
+		desc.m_SrcReg1 = src1.ToIRRegID();
+		std::uint8_t bytes[CMetaOp_MathOp::IP_Offset];
+		const std::uint32_t size = CMetaOp_MathOp::EncodeDescToBytecode(bytes, desc);
+		m_Bytecode.insert(m_Bytecode.end(), bytes, bytes + size);
+	}
+
+	void CWorkload::_Snapshot()
+	{
+		m_Initial.clear();
+		for (std::uint32_t slot = 0; slot < m_Storage.SlotCount(); ++slot)
+			for (std::uint32_t bank = Compiler::MetaType_Constant; bank <= Compiler::MetaType_Stream; ++bank)
+			{
+				// Storage is per (slot, bank): any type finds it.
+				const CVMRegID id = CVMRegID::Build(slot, Compiler::EMetaType(bank), BaseType_Float);
+				const std::uint8_t *data = m_Storage.DataAs<std::uint8_t>(id);
+				if (data != nullptr)
+					m_Initial.emplace_back(id, std::vector<std::uint8_t>(data, data + m_Storage.Size(id)));
+			}
+	}
+
+	void CWorkload::_Restore()
+	{
+		for (const auto &entry : m_Initial)
+			std::memcpy(m_Storage.Data(entry.first), entry.second.data(), entry.second.size());
+	}
+
+	//------------------------------------------------------------------------------------
+	// Execution
+
+	bool CWorkload::Supports(EWorkload workload, EImpl impl)
+	{
+		switch (impl)
+		{
+		case Impl_Standard:
+		case Impl_Low: return true;
+		case Impl_StandardProfiler:
+		case Impl_StandardInterpreter: return workload == Workload_W11;
+		default: break;
+		}
+		const SBaselineSet *set = BaselineSet(impl);
+		if (set == nullptr)
+			return false;
+		switch (workload)
+		{
+		case Workload_W1: return set->m_W1 != nullptr;
+		case Workload_W2: return set->m_W2 != nullptr;
+		case Workload_W3: return set->m_W3 != nullptr;
+		case Workload_W4: return set->m_W4 != nullptr;
+		case Workload_W5: return set->m_W5 != nullptr;
+		case Workload_W6: return set->m_W6 != nullptr;
+		case Workload_W7: return set->m_W7 != nullptr;
+		case Workload_W8by7:
+		case Workload_W8by8: return set->m_W8 != nullptr;
+		case Workload_W9: return set->m_W9 != nullptr;
+		case Workload_W10: return set->m_W10 != nullptr;
+		default: return false;
+		}
+	}
+
+	void CWorkload::_RunBaseline(const SBaselineSet &set)
+	{
+		const std::size_t n = m_Count;
+		switch (m_Workload)
+		{
+		case Workload_W1: set.m_W1(_F(m_Dst), _F(m_Src0), _F(m_Src1), n); return;
+		case Workload_W2: set.m_W2(_F(m_Dst), _F(m_Src0), _F(m_Src1), n); return;
+		case Workload_W3: set.m_W3(_F(m_Dst), _F(m_Src0), _F(m_Src1), n); return;
+		case Workload_W4: set.m_W4(reinterpret_cast<std::uint32_t *>(_I(m_Dst)), _F(m_Src0), _F(m_Src1), n); return;
+		case Workload_W5: set.m_W5(_F(m_Dst), _F(m_Src0), m_ModDivisor, n); return;
+		case Workload_W6: set.m_W6(_I(m_Dst), _I(m_Src0), _I(m_Src1), n); return;
+		case Workload_W7: set.m_W7(_I(m_Dst), _I(m_Src0), _I(m_Src1), n); return;
+		case Workload_W8by7:
+		case Workload_W8by8: set.m_W8(_I(m_Dst), _I(m_Src0), m_IntDivisor, n); return;
+		case Workload_W9: set.m_W9(_I(m_Dst), _I(m_Src0), _I(m_Src1), n); return;
+		case Workload_W10: set.m_W10(_F(m_P), _F(m_V), _F(m_G), _F(m_Dt), n); return;
+		default: return;
+		}
+	}
+
+	void CWorkload::_RunEntryPoints(CBVM::EExecPath path)
+	{
+		const std::uint8_t *ip = m_Bytecode.data();
+		const std::uint8_t *end = ip + m_Bytecode.size();
+		while (ip < end)
+			ip += CBVM::CInterpreter::Entry(path, *ip).m_Exec(m_Context, ip);
+	}
+
+	void CWorkload::Run(EImpl impl)
+	{
+		switch (impl)
+		{
+		case Impl_Standard:
+		case Impl_StandardProfiler:
+			_RunEntryPoints(CBVM::ExecPath_Standard);
+			return;
+		case Impl_Low:
+			_RunEntryPoints(CBVM::ExecPath_Low);
+			return;
+		case Impl_StandardInterpreter:
+			CBVM::CInterpreter::Run(m_Context, m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), CBVM::ExecPath_Standard);
+			return;
+		default:
+			_RunBaseline(*BaselineSet(impl));
+			return;
+		}
+	}
+
+	std::string CWorkload::Check(EImpl impl)
+	{
+		if (!Has(impl))
+			return std::string("no such implementation for ") + WorkloadInfo(m_Workload).m_Id;
+
+		// The reference: the standard path from the initial inputs.
+		_Restore();
+		Run(Impl_Standard);
+		std::vector<std::vector<std::uint8_t>> reference;
+		for (const CVMRegID id : m_Outputs)
+		{
+			const std::uint8_t *data = m_Storage.DataAs<std::uint8_t>(id);
+			const std::uint32_t bytes = (m_Workload == Workload_W11 ? 1 : m_Count) * CCBCPUMetaRegisters::DataSizeInBytes(id.ToType());
+			reference.emplace_back(data, data + bytes);
+		}
+
+		_Restore();
+		Run(impl);
+		const std::vector<CVMRegID> &outputs = m_Outputs;
+		std::string error;
+		for (std::size_t o = 0; o < outputs.size() && error.empty(); ++o)
+		{
+			const std::uint8_t *data = m_Storage.DataAs<std::uint8_t>(outputs[o]);
+			const std::vector<std::uint8_t> &expected = reference[o];
+			for (std::size_t word = 0; word < expected.size() / 4; ++word)
+			{
+				std::uint32_t got, want;
+				std::memcpy(&got, data + 4 * word, 4);
+				std::memcpy(&want, expected.data() + 4 * word, 4);
+				if (got == want)
+					continue;
+				if (m_Workload == Workload_W5)
+				{
+					// A remainder through a reciprocal and an exact one (fmodf, the Low path's
+					// division) may differ by rounding: accept 1/1000 of the divisor, far
+					// below any misplaced multiple of it.
+					float g, w;
+					std::memcpy(&g, &got, 4);
+					std::memcpy(&w, &want, 4);
+					if (std::fabs(g - w) <= 1.0e-3f * std::fabs(m_ModDivisor))
+						continue;
+				}
+				char text[200];
+				std::snprintf(text, sizeof(text), "%s/%s: output %zu word %zu is 0x%08X, the standard path wrote 0x%08X",
+							  WorkloadInfo(m_Workload).m_Id, ImplName(impl), o, word, got, want);
+				error = text;
+				break;
+			}
+		}
+		_Restore();
+		return error;
+	}
+}
