@@ -29,7 +29,7 @@ namespace
 {
 	using namespace Orvex;
 
-	struct SRegisterSpec
+	struct SRegisterDecl
 	{
 		CVMRegID m_Id;
 		u32 m_Elements = 0;
@@ -43,7 +43,7 @@ namespace
 		std::string m_Name;
 		u32 m_Stream = 16;
 		u32 m_Slots = 0;	// 0: highest slot + 1
-		std::vector<SRegisterSpec> m_Registers;
+		std::vector<SRegisterDecl> m_Registers;
 		std::vector<u8> m_Code;
 		std::vector<std::string> m_Expected;	// "OFFSET CODE: MESSAGE"
 	};
@@ -103,20 +103,20 @@ namespace
 			{
 				std::string bankName, typeName, option;
 				u32 slot = 0;
-				SRegisterSpec spec;
+				SRegisterDecl decl;
 				Compiler::EMetaType bank = Compiler::MetaType_Transparent;
 				EBaseTypeID type = BaseType_Void;
-				words >> bankName >> slot >> typeName >> spec.m_Elements;
+				words >> bankName >> slot >> typeName >> decl.m_Elements;
 				EXPECT_TRUE(FindBank(bankName, bank) && FindType(typeName, type)) << where << ": " << line;
-				spec.m_Id = CVMRegID::Build(slot, bank, type);
+				decl.m_Id = CVMRegID::Build(slot, bank, type);
 				while (words >> option && option != "=")
 				{
-					spec.m_Null = spec.m_Null || option == "null";
-					spec.m_Misaligned = spec.m_Misaligned || option == "misaligned";
+					decl.m_Null = decl.m_Null || option == "null";
+					decl.m_Misaligned = decl.m_Misaligned || option == "misaligned";
 				}
 				for (std::string word; std::getline(words, word, ',');)
-					spec.m_Words.push_back(u32(std::stoul(word, nullptr, 0)));
-				c.m_Registers.push_back(spec);
+					decl.m_Words.push_back(u32(std::stoul(word, nullptr, 0)));
+				c.m_Registers.push_back(decl);
 			}
 			else
 				ADD_FAILURE() << where << ": unknown statement '" << keyword << "'";
@@ -146,21 +146,21 @@ namespace
 	std::vector<std::string> VerifyCase(const SCase &c, CBVM::SVerifyResult &result)
 	{
 		u32 slots = c.m_Slots;
-		for (const SRegisterSpec &spec : c.m_Registers)
-			slots = std::max(slots, spec.m_Id.ToSlot() + 1);
+		for (const SRegisterDecl &decl : c.m_Registers)
+			slots = std::max(slots, decl.m_Id.ToSlot() + 1);
 		CRegisterStorage storage(slots);
 		storage.Registers().m_StreamDimensions = c.m_Stream;
 		std::vector<CCBCPUMetaRegisters::SRegister *> skewed;
-		for (const SRegisterSpec &spec : c.m_Registers)
+		for (const SRegisterDecl &decl : c.m_Registers)
 		{
-			if (spec.m_Null)
+			if (decl.m_Null)
 				continue;
-			const u32 bytes = spec.m_Elements * CCBCPUMetaRegisters::DataSizeInBytes(spec.m_Id.ToType());
-			EXPECT_TRUE(storage.Allocate(spec.m_Id, bytes + (spec.m_Misaligned ? 16 : 0)));
-			std::copy(spec.m_Words.begin(), spec.m_Words.end(), storage.DataAs<u32>(spec.m_Id));
-			if (spec.m_Misaligned)
+			const u32 bytes = decl.m_Elements * CCBCPUMetaRegisters::DataSizeInBytes(decl.m_Id.ToType());
+			EXPECT_TRUE(storage.Allocate(decl.m_Id, bytes + (decl.m_Misaligned ? 16 : 0)));
+			std::copy(decl.m_Words.begin(), decl.m_Words.end(), storage.DataAs<u32>(decl.m_Id));
+			if (decl.m_Misaligned)
 			{
-				CCBCPUMetaRegisters::SRegister &entry = storage.Registers().SelectRegister(spec.m_Id);
+				CCBCPUMetaRegisters::SRegister &entry = storage.Registers().SelectRegister(decl.m_Id);
 				entry = {static_cast<u8 *>(entry.m_RawData) + 16, bytes};
 				skewed.push_back(&entry);
 			}
