@@ -241,15 +241,15 @@ namespace
 		EXPECT_EQ(result.m_Err.find("assert"), std::string::npos);
 	}
 
-	TEST_F(OxvmCodec, RawBytecodeThatNoProgramWritesIsShownWithAWarning)
+	TEST_F(OxvmCodec, RawBytecodeTheVerifierRejectsIsListedThenRefused)
 	{
-		// Sources of different types: decodable, but the assembler refuses it.
+		// Sources of different types: decodable, so it is listed, but the VM's verifier
+		// rejects it, so disasm reports the offset and exits 2.
 		Write("mixed.bin", Encode(0, false, RegisterId(0, 4, 25), RegisterId(0, 4, 25), RegisterId(1, 4, 31)));
 		const SOxvmResult result = Oxvm("disasm mixed.bin");
-		EXPECT_EQ(result.m_Status, 0);
+		EXPECT_EQ(result.m_Status, 2);
 		EXPECT_NE(result.m_Out.find("add          stream.0:i32, stream.0:i32, stream.1:float"), std::string::npos) << result.m_Out;
-		EXPECT_NE(result.m_Err.find("mixed.bin: warning: this listing does not assemble back to the same bytes: listing:3:"), std::string::npos) << result.m_Err;
-		EXPECT_NE(result.m_Err.find("source types differ"), std::string::npos);
+		EXPECT_NE(result.m_Err.find("mixed.bin: error: offset 0: source types differ"), std::string::npos) << result.m_Err;
 		EXPECT_EQ(result.m_Err.find("assert"), std::string::npos);
 	}
 

@@ -477,8 +477,8 @@ namespace
 		const OxTest::SOxvmResult result = Oxvm("disasm bad.bin");
 		EXPECT_EQ(result.m_Status, 2);
 		EXPECT_EQ(result.m_Err,
-				  "bad.bin: warning: offset 13: 'or' is a bitwise operator: it takes int and bool operands, source 0 is stream.0:float2\n"
-				  "bad.bin: warning: offset 27: source type of stream.0:double has no math kernel (kernels: float..float4, quaternion, i32..int4, bool..bool4)\n"
+				  "bad.bin: error: offset 13: 'or' is a bitwise operator: it takes int and bool operands, source 0 is stream.0:float2\n"
+				  "bad.bin: error: offset 27: source type of stream.0:double has no math kernel (kernels: float..float4, quaternion, i32..int4, bool..bool4)\n"
 				  "bad.bin: error: offset 40: unknown opcode 42 (math-op opcodes are 113 to 117)\n");
 	}
 }

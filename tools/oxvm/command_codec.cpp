@@ -65,20 +65,21 @@ namespace OxVm
 			const std::vector<u8> bytecode = Assemble(program);
 			fmt::print("{}", Disassemble(bytecode.data(), u32(bytecode.size()), &program).m_Text);
 			std::fflush(stdout);
-			VerifyForListing(path, bytecode.data(), u32(bytecode.size()), u32(bytecode.size()));
-			return Exit_Ok;
+			return VerifyForListing(path, bytecode.data(), u32(bytecode.size()), u32(bytecode.size())) ? Exit_Ok : Exit_BadInput;
 		}
 		const u8 *data = reinterpret_cast<const u8 *>(bytes.data());
 		const SDisassembly listing = Disassemble(data, u32(bytes.size()), nullptr);
 		fmt::print("{}", listing.m_Text);
 		std::fflush(stdout);
 		// What the VM would refuse in the bytes decoded so far (the listing's own stop is reported below).
-		VerifyForListing(path, data, u32(bytes.size()), listing.m_Ok ? u32(bytes.size()) : listing.m_ErrorOffset);
+		const bool verified = VerifyForListing(path, data, u32(bytes.size()), listing.m_Ok ? u32(bytes.size()) : listing.m_ErrorOffset);
 		if (!listing.m_Ok)
 		{
 			fmt::print(stderr, "{}: error: offset {}: {}\n", path, listing.m_ErrorOffset, listing.m_Error);
 			return Exit_BadInput;
 		}
+		if (!verified)
+			return Exit_BadInput;
 		const std::string problem = RoundTripProblem(listing.m_Text, bytes);
 		if (!problem.empty())
 			fmt::print(stderr, "{}: warning: this listing does not assemble back to the same bytes: {}\n", path, problem);

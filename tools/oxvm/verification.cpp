@@ -40,13 +40,19 @@ namespace OxVm
 		return result.Accepted();
 	}
 
-	void VerifyForListing(const std::string &file, const u8 *bytecode, u32 size, u32 stopOffset)
+	bool VerifyForListing(const std::string &file, const u8 *bytecode, u32 size, u32 stopOffset)
 	{
 		CBVM::SVerifyProblem problems[kShown];
 		const CBVM::SVerifyResult result = CBVM::CVerifier::VerifyStructure(bytecode, size, problems, kShown);
 		u32 shown = 0;
+		bool errors = false;
 		for (u32 i = 0; i < result.Problems() && i < kShown && problems[i].m_Offset < stopOffset; ++i, ++shown)
-			Print(file, problems[i], "warning");
+		{
+			const bool error = problems[i].m_Severity == CBVM::VerifySeverity_Error;
+			errors = errors || error;
+			Print(file, problems[i], error ? "error" : "warning");
+		}
 		PrintMore(result, shown);
+		return !errors;
 	}
 }

@@ -17,8 +17,9 @@ namespace OxVm
 	// --compare deal with the reports). False after printing the errors, if any.
 	bool VerifyForRun(const std::string &file, const u8 *bytecode, u32 size, const CRegisterStorage &registers);
 
-	// 'disasm': what can be checked without a register file, printed as warnings (the
-	// listing is shown either way). Only findings before 'stopOffset' are printed: the
-	// disassembler reports the instruction it stopped at itself.
-	void VerifyForListing(const std::string &file, const u8 *bytecode, u32 size, u32 stopOffset);
+	// 'disasm': what can be checked without a register file (the listing is shown either
+	// way). Only findings before 'stopOffset' are printed: the disassembler reports the
+	// instruction it stopped at itself. False when an error was found: disasm then refuses
+	// the bytecode (exit status 2), as the VM's verifier would.
+	bool VerifyForListing(const std::string &file, const u8 *bytecode, u32 size, u32 stopOffset);
 }
