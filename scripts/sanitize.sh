@@ -15,26 +15,8 @@ if [ -n "${OX_JOBS:-}" ]; then
   export CMAKE_BUILD_PARALLEL_LEVEL="$OX_JOBS"
 fi
 
-# The fuzzers need clang and its libFuzzer runtime; install them as scripts/setup.sh does.
-packages=(clang libclang-rt-14-dev)
-missing=()
-for package in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("$package")
-  fi
-done
-if [ "${#missing[@]}" -ne 0 ]; then
-  if [ "$(id -u)" -eq 0 ]; then
-    echo "sanitize: installing ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -q
-    apt-get install -y -q --no-install-recommends "${missing[@]}"
-  else
-    echo "sanitize: missing Debian packages: ${missing[*]}" >&2
-    echo "sanitize: install them with:  sudo apt-get install ${missing[*]}" >&2
-    exit 1
-  fi
-fi
+# The fuzzers need clang and its libFuzzer runtime.
+"$root/scripts/setup.sh" clang libclang-rt-14-dev
 
 export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"

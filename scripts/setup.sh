@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds with, when any is missing.
+# Installs the Debian packages the project builds with, when any is missing, plus any
+# package named on the command line (scripts/sanitize.sh and bench/report pass theirs).
 # As root it uses apt-get; otherwise it says exactly what to install and fails.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libfmt-dev)
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libfmt-dev "$@")
 
 missing=()
 for package in "${packages[@]}"; do
