@@ -4,6 +4,7 @@
 #include "cbvm_meta_op_math_operator.float.impl.h"
 #include "cbvm_meta_op_math_operator.int.impl.h"
 #include "cbvm_meta_op_math_operator.low.impl.h"
+#include "cbvm_meta_op_math_operator.single.impl.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_registers.h"
 #include "kr_profiler.h"
@@ -289,22 +290,6 @@ namespace Orvex
 			out = {evalInto, stride, evalCount, data0, stride0, data1, stride1, m_SrcType0};
 		}
 
-		// OperatorTraits(op).m_ParameterCount > 1, read once per operator from the traits
-		// (any value past the operator set reads as a two-operand operator, as there).
-		inline bool _TakesTwoOperands(SOp_MathOp::EOp op)
-		{
-			static const struct STwoOperands
-			{
-				bool m_Value[SOp_MathOp::__MaxOps];
-				STwoOperands()
-				{
-					for (u32 i = 0; i < u32(SOp_MathOp::__MaxOps); ++i)
-						m_Value[i] = Compiler::IR::SOp_MathOp::OperatorTraits(SOp_MathOp::EOp(i)).m_ParameterCount > 1;
-				}
-			} s_TwoOperands;
-			return u32(op) < u32(SOp_MathOp::__MaxOps) ? s_TwoOperands.m_Value[op] : Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1;
-		}
-
 		// The resolution of an instruction that nothing is wrong with: it tests, in one go
 		// and without the per-site flags, exactly the conditions that _ResolveChecked
 		// asserts, and returns false as soon as one fails, leaving the instruction to
@@ -324,7 +309,7 @@ namespace Orvex
 			const bool hasSrc1 = CVMRegID{s32(src1Bits)}.Valid();
 			if (hasSrc1 && src1Bits >= 0x40000000u)
 				return false;
-			if (hasSrc1 != _TakesTwoOperands(op))
+			if (hasSrc1 != (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1))
 				return false;
 
 			// Element sizes: a zero size is reported by DataSizeInBytes (but for BaseType_Evolved,
@@ -366,37 +351,88 @@ namespace Orvex
 			return true;
 		}
 
-		// Runs the kernel of source 0's type: only that type selects it, and the switch
-		// compiles to one indexed jump.
+		// Runs the kernel of source 0's type: only that type selects it (through its kernel
+		// row), and the switch compiles to one indexed jump.
 		inline __attribute__((always_inline)) void _Dispatch(SOp_MathOp::EOp op, const SResolvedMathOp &r)
 		{
-			switch (r.m_SrcType0)
+			switch (MathOp::_KernelRowOfTypeField[u32(s32(r.m_SrcType0) + 1) & 63u])
 			{
-			case BaseType_Float: MathOp::ExecOperatorFloat<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_Float2: MathOp::ExecOperatorFloat<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_Float3: MathOp::ExecOperatorFloat<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_Float4:
-			case BaseType_Quaternion: MathOp::ExecOperatorFloat<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_I32:
-			case BaseType_Bool: MathOp::ExecOperatorInt<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_Int2:
-			case BaseType_Bool2: MathOp::ExecOperatorInt<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_Int3:
-			case BaseType_Bool3: MathOp::ExecOperatorInt<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case BaseType_Int4:
-			case BaseType_Bool4: MathOp::ExecOperatorInt<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float1: MathOp::ExecOperatorFloat<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float2: MathOp::ExecOperatorFloat<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float3: MathOp::ExecOperatorFloat<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float4: MathOp::ExecOperatorFloat<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int1: MathOp::ExecOperatorInt<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int2: MathOp::ExecOperatorInt<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int3: MathOp::ExecOperatorInt<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int4: MathOp::ExecOperatorInt<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
 			default:
 				OX_ASSERT_NOT_REACHED();
 				return;
 			}
 		}
 
-		// Reads the three operands at bytecode + wb, resolves them in the register file
-		// (_ResolveWellFormed, or _ResolveChecked for anything it does not accept) and runs
-		// the kernel of source 0's type.
-		void _MetaOp_MathOp_ExecBytecode_Impl(const CBytecodeExecContext &execCtx, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		// A Constant or Normal destination evaluates one element. When every check of the
+		// worker, the selector and the stream kernel would pass for this instruction, this
+		// runs the one-element kernel of its operator and row (the same result, without
+		// the stream set-up) and returns true. It tests what _ResolveWellFormed tests,
+		// narrowed to one element (every stride is then the source type's size), plus what
+		// the selectors and kernels test: destination of the source's element size,
+		// pointers present and 32-byte aligned. Anything else returns false, and the
+		// instruction goes the general way, which reports whatever is wrong.
+		inline __attribute__((always_inline)) bool _TrySingle(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
 		{
-			const CCBCPUMetaRegisters &registers = execCtx.m_Registers;
+			const u32 dstBits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset);
+			// Valid and well-formed (bits 31, 30 clear), Constant or Normal bank (bank field
+			// 0 or 1: bit 22 clear).
+			if ((dstBits & 0xC0400000u) != 0 || u32(op) >= u32(SOp_MathOp::__MaxOps))
+				return false;
+			if (u32(bytecode[0]) - CBVM::Opcode_MathOp > u32(CBVM::Opcode_MathOpDiv - CBVM::Opcode_MathOp))
+				return false;
+			const u32 src0Bits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg0Offset);
+			const u32 src1Bits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg1Offset);
+			if (src0Bits >= 0x40000000u)
+				return false;
+			// Source 1: absent for a unary operator; for a binary one, present with source 0's
+			// type field, which also makes it valid and well-formed (the top bits are equal).
+			const bool binary = Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1;
+			if (binary ? (src1Bits >> 24) != (src0Bits >> 24) : src1Bits != TGuid<u32>::INVALID)
+				return false;
+
+			// A kernel for (operator, row) exists only for a type with a row, whose size is
+			// then 4 x N bytes, never 0; the destination must have that size too.
+			const u32 src0Field = src0Bits >> 24;
+			const MathOp::FnOp2Single fn = MathOp::_FnSingleLookup[u32(op) * MathOp::__MaxKernelRows + MathOp::_KernelRowOfTypeField[src0Field]];
+			if (fn == nullptr)
+				return false;
+			const u32 size = MathOp::_TypeFieldSizes[src0Field];
+			if (MathOp::_TypeFieldSizes[dstBits >> 24] != size)
+				return false;
+
+			const auto select = [&registers](u32 bits) -> const RegisterEntry & { return registers.m_Registers[std::size_t(bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((bits >> 21) & 3u)]; };
+			const RegisterEntry &reg = select(dstBits);
+			const RegisterEntry &reg0 = select(src0Bits);
+			if (!(reg.m_Size >= registers.m_StreamDimensions * size || reg.m_Size >= size) || reg0.m_Size < size)
+				return false;
+			const void *data1 = nullptr;
+			if (binary)
+			{
+				const RegisterEntry &reg1 = select(src1Bits);
+				if (reg1.m_Size < size || reg1.m_RawData == nullptr)
+					return false;
+				data1 = reg1.m_RawData;
+			}
+			if (reg.m_RawData == nullptr || reg0.m_RawData == nullptr || !SIMD_SSE::_AreAligned<32>(reg.m_RawData, reg0.m_RawData, data1))
+				return false;
+			fn(reg.m_RawData, reg0.m_RawData, data1);
+			return true;
+		}
+
+		// Resolves the three operands at bytecode + wb in the register file
+		// (_ResolveWellFormed, or _ResolveChecked for anything it does not accept) and runs
+		// the kernel of source 0's type. Out of line, so that a one-element instruction that
+		// _TrySingle takes pays for none of its frame.
+		__attribute__((noinline)) void _ExecStreams(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
+		{
 			// Two calls of the same dispatch, so that the resolved operands of a well-formed
 			// instruction stay in registers.
 			SResolvedMathOp r;
@@ -410,8 +446,18 @@ namespace Orvex
 			}
 		}
 
+		// The worker of the five entry points. noexcept: nothing in it throws (assertion
+		// handlers must not), so the entry points need no unwinding code around their
+		// profiler scope.
+		void _MetaOp_MathOp_ExecBytecode_Impl(const CBytecodeExecContext &execCtx, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
+		{
+			const CCBCPUMetaRegisters &registers = execCtx.m_Registers;
+			if (!_TrySingle(registers, bytecode, wb, op))
+				_ExecStreams(registers, bytecode, wb, op);
+		}
+
 		// Each entry point is a profiler scope named after itself.
-		const TVector<float, 4> kEntryColor = {{1.0f, 0.1f, 0.5f, 1.0f}};
+		constexpr TVector<float, 4> kEntryColor = {{1.0f, 0.1f, 0.5f, 1.0f}};
 	}
 
 	u32 CMetaOp_MathOp::_ExecBytecode(const CBytecodeExecContext &execCtx, const u8 *bytecode)

@@ -194,8 +194,6 @@ namespace Orvex
 			} while (dstStream < dstStreamEnd);
 		}
 
-		inline s32 _NotS32(s32 a) { return ~a; }
-
 		//--------------------------------------------------------------------------------
 		// Stream kernels.
 
@@ -306,7 +304,7 @@ namespace Orvex
 			case SOp_MathOp::Op_Bitwise_And: Impl::template Op2StreamImpl<Op2_Low_And>(dst, dstEnd, src0, stride0, src1, stride1); return;
 			case SOp_MathOp::Op_Bitwise_Or: Impl::template Op2StreamImpl<Op2_Low_Or>(dst, dstEnd, src0, stride0, src1, stride1); return;
 			case SOp_MathOp::Op_Bitwise_Xor: Impl::template Op2StreamImpl<Op2_Low_Xor>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_Not: _LowUnaryLoop<_Dimension, s32, &_NotS32>(dst, dstEnd, src0, stride0, datasrc1); return;
+			case SOp_MathOp::Op_Bitwise_Not: _LowUnaryLoop<_Dimension, s32, &ScalarOps::NotS32>(dst, dstEnd, src0, stride0, datasrc1); return;
 			case SOp_MathOp::Op_Cmp_Lower: Impl::template Op2StreamImpl<Op2_Low_LT>(dst, dstEnd, src0, stride0, src1, stride1); return;
 			case SOp_MathOp::Op_Cmp_LowerOrEqual: Impl::template Op2StreamImpl<Op2_Low_LE>(dst, dstEnd, src0, stride0, src1, stride1); return;
 			case SOp_MathOp::Op_Cmp_Greater: Impl::template Op2StreamImpl<Op2_Low_GT>(dst, dstEnd, src0, stride0, src1, stride1); return;

@@ -244,22 +244,6 @@ namespace Orvex
 			}
 
 			//------------------------------------------------------------------------------
-			// Scalar forms the SIMD-free tails need beyond ScalarOps. Comparisons give -1
-			// (all bits set) for true, never 1.
-
-			inline s32 _Mask(bool condition) { return condition ? -1 : 0; }
-			s32 _AndS32(s32 a, s32 b) { return a & b; }
-			s32 _OrS32(s32 a, s32 b) { return a | b; }
-			s32 _XorS32(s32 a, s32 b) { return a ^ b; }
-			s32 _NotS32(s32 a) { return ~a; }
-			s32 _CmpLtS32(s32 a, s32 b) { return _Mask(a < b); }
-			s32 _CmpLeS32(s32 a, s32 b) { return _Mask(a <= b); }
-			s32 _CmpGtS32(s32 a, s32 b) { return _Mask(a > b); }
-			s32 _CmpGeS32(s32 a, s32 b) { return _Mask(a >= b); }
-			s32 _CmpEqS32(s32 a, s32 b) { return _Mask(a == b); }
-			s32 _CmpNeS32(s32 a, s32 b) { return _Mask(a != b); }
-
-			//------------------------------------------------------------------------------
 			// Division by one divisor for all lanes, without a hardware divide.
 
 			// A single set bit. The test is on the unsigned bits on purpose: INT_MIN
@@ -487,7 +471,7 @@ namespace Orvex
 				return;
 			case SOp_MathOp::Op_Bitwise_Not:
 				OX_ASSERT(srcPtr1 == null);
-				_LanewiseUnary<&_NotS32>(c, aligned, [](const Float4 &a) { return ~a; });
+				_LanewiseUnary<&ScalarOps::NotS32>(c, aligned, [](const Float4 &a) { return ~a; });
 				return;
 
 			// ---- Shifts
@@ -496,18 +480,18 @@ namespace Orvex
 			case SOp_MathOp::Op_Bitwise_ShiftRightLogical: _ExecShift<&ScalarOps::ShrS32, Shift_RightLogical>(c, aligned); return;
 
 			// ---- And, Or, Xor
-			case SOp_MathOp::Op_Bitwise_And: _Lanewise<&_AndS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a & b; }); return;
-			case SOp_MathOp::Op_Bitwise_Or: _Lanewise<&_OrS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a | b; }); return;
-			case SOp_MathOp::Op_Bitwise_Xor: _Lanewise<&_XorS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a ^ b; }); return;
+			case SOp_MathOp::Op_Bitwise_And: _Lanewise<&ScalarOps::AndS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a & b; }); return;
+			case SOp_MathOp::Op_Bitwise_Or: _Lanewise<&ScalarOps::OrS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a | b; }); return;
+			case SOp_MathOp::Op_Bitwise_Xor: _Lanewise<&ScalarOps::XorS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a ^ b; }); return;
 
 			// ---- Comparisons (signed). SSE2 only compares for <, > and ==: the other three
 			// are their complements.
-			case SOp_MathOp::Op_Cmp_Lower: _Lanewise<&_CmpLtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpLtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_LowerOrEqual: _Lanewise<&_CmpLeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpGtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_Greater: _Lanewise<&_CmpGtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpGtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_GreaterOrEqual: _Lanewise<&_CmpGeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpLtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_Equal: _Lanewise<&_CmpEqS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpEqInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_NotEqual: _Lanewise<&_CmpNeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpEqInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_Lower: _Lanewise<&ScalarOps::CmpLtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpLtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_LowerOrEqual: _Lanewise<&ScalarOps::CmpLeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpGtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_Greater: _Lanewise<&ScalarOps::CmpGtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpGtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_GreaterOrEqual: _Lanewise<&ScalarOps::CmpGeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpLtInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_Equal: _Lanewise<&ScalarOps::CmpEqS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpEqInt32(b); }); return;
+			case SOp_MathOp::Op_Cmp_NotEqual: _Lanewise<&ScalarOps::CmpNeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpEqInt32(b); }); return;
 
 			default:	// past the operator set: nothing is written
 				OX_ASSERT_NOT_REACHED();

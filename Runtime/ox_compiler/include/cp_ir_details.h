@@ -181,15 +181,48 @@ namespace Orvex
 					CRegID m_SrcReg1;	// invalid exactly when the operator takes one operand
 				};
 
+				// Indexed by EOp; constexpr so that the VM's hot path reads it without a call.
+				static constexpr STraits kTraits[__MaxOps] = {
+					{2, true, "add", "+"},
+					{2, true, "sub", "-"},
+					{2, true, "mul", "*"},
+					{2, true, "div", "/"},
+					{2, true, "mod", "%"},
+					{1, true, "neg", "-"},
+					{2, false, "shl", "<<"},
+					{2, false, "shr", ">>"},
+					{2, false, "shrl", ">>>"},
+					{2, false, "and", "&"},
+					{2, false, "or", "|"},
+					{2, false, "xor", "^"},
+					{1, false, "not", "~"},
+					{2, true, "cmplt", "<"},
+					{2, true, "cmple", "<="},
+					{2, true, "cmpgt", ">"},
+					{2, true, "cmpge", ">="},
+					{2, true, "cmpeq", "=="},
+					{2, true, "cmpne", "!="},
+				};
+				static constexpr STraits kUnknownTraits = {2, false, "?", "?"};
+
 				// Traits of any value: an operator outside the set reads as a two-operand
 				// operator named "?", never outside the table.
-				static const STraits &OperatorTraits(EOp op);
+				static constexpr const STraits &OperatorTraits(EOp op)
+				{
+					return u32(op) < u32(__MaxOps) ? kTraits[op] : kUnknownTraits;
+				}
 
 				// Finds an operator by mnemonic; false when there is none.
 				static bool OperatorFromName(const char *name, EOp &op);
 
 				static void DescToGeneric(const SDesc &desc, SOp_Generic &generic);
 			};
+
+			static_assert(sizeof(SOp_MathOp::kTraits) / sizeof(SOp_MathOp::kTraits[0]) == SOp_MathOp::__MaxOps, "one traits entry per operator");
+			static_assert(SOp_MathOp::OperatorTraits(SOp_MathOp::Op_Neg).m_ParameterCount == 1 && SOp_MathOp::OperatorTraits(SOp_MathOp::Op_Bitwise_Not).m_ParameterCount == 1, "the unary operators");
+			static_assert(!SOp_MathOp::kTraits[SOp_MathOp::Op_Bitwise_ShiftLeft].m_FloatSupported && !SOp_MathOp::kTraits[SOp_MathOp::Op_Bitwise_Not].m_FloatSupported &&
+						  SOp_MathOp::kTraits[SOp_MathOp::Op_Cmp_Lower].m_FloatSupported && SOp_MathOp::kTraits[SOp_MathOp::Op_Neg].m_FloatSupported, "bitwise operators are integer-only");
+			static_assert(SOp_MathOp::OperatorTraits(SOp_MathOp::EOp(200)).m_ParameterCount == 2, "an unknown operator reads as a two-operand one");
 		}
 	}
 }

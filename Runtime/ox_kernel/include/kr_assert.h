@@ -32,6 +32,8 @@ namespace Orvex
 			const char *m_Message;	// formatted message, or the expression text when there is none
 		};
 
+		// A handler must not throw: the reporter is noexcept, so that the library's hot
+		// paths need no unwinding code, and an exception out of a handler ends the process.
 		using FnHandler = int (*)(const SReport &report);
 
 		enum EAnswer : int
@@ -63,8 +65,8 @@ namespace Orvex
 		};
 
 		// The reporter. 'expr2' is accepted for call compatibility and not reported twice.
-		int EvalAssert(const char *file, const char *function, int line, const char *expr, const char *expr2, const char *message);
-		int EvalAssertFormat(const char *file, const char *function, int line, const char *expr, const char *expr2, const char *format, ...)
+		int EvalAssert(const char *file, const char *function, int line, const char *expr, const char *expr2, const char *message) noexcept;
+		int EvalAssertFormat(const char *file, const char *function, int line, const char *expr, const char *expr2, const char *format, ...) noexcept
 #if defined(__GNUC__)
 			__attribute__((format(printf, 6, 7)))
 #endif
@@ -72,11 +74,11 @@ namespace Orvex
 
 		// Reports a failed verification through the same handler. Returns true when the
 		// caller should break; answer 1 sets 'ignored', after which nothing is reported.
-		bool VerifyAssertFalse_Breaks(CSiteFlag &ignored, const char *file, const char *function, int line, const char *expr, const char *expr2, const char *expr3);
+		bool VerifyAssertFalse_Breaks(CSiteFlag &ignored, const char *file, const char *function, int line, const char *expr, const char *expr2, const char *expr3) noexcept;
 
 		// Raises a debugger trap (int3 / SIGTRAP). With no debugger and no SIGTRAP handler
 		// the process stops, which is what "break" means outside a debugger.
-		void DebugBreak();
+		void DebugBreak() noexcept;
 
 		// Applies the handler's answer to the site that reported.
 		inline void _Conclude(CSiteFlag &site, int answer)

@@ -34,7 +34,9 @@ namespace Orvex
 				Mask_Reserved = 0x0FFF0000,
 			};
 
-			SNodeDescriptor(const char *name, const char *file, const TVector<float, 4> &color, u32 flags)
+			// constexpr: a descriptor built from constants is constant-initialised, so the
+			// function-local static of a scope costs no guard test per call.
+			constexpr SNodeDescriptor(const char *name, const char *file, const TVector<float, 4> &color, u32 flags)
 			: m_Name(name), m_File(file), m_Color(color), m_Flags(flags) {}
 
 			const char *m_Name;
@@ -92,8 +94,14 @@ namespace Orvex
 			std::atomic<bool> m_Enabled{true};
 		};
 
-		// The process-wide profiler (enabled by default; never null).
-		CProfiler *MainEngineProfiler();
+		namespace _Detail
+		{
+			inline CProfiler g_MainEngineProfiler;	// constant-initialised
+		}
+
+		// The process-wide profiler (enabled by default; never null). Inline: a scope on a
+		// hot path pays one flag test when the profiler is disabled, not a call.
+		inline CProfiler *MainEngineProfiler() { return &_Detail::g_MainEngineProfiler; }
 
 		// Monotonic clock used by the scopes, in nanoseconds.
 		u64 NowNanoseconds();

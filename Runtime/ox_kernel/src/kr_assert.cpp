@@ -43,12 +43,12 @@ namespace Orvex
 			return g_ReportCount.load(std::memory_order_relaxed);
 		}
 
-		int EvalAssert(const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char *message)
+		int EvalAssert(const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char *message) noexcept
 		{
 			return _Report(file, function, line, expr, message != nullptr ? message : expr);
 		}
 
-		int EvalAssertFormat(const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char *format, ...)
+		int EvalAssertFormat(const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char *format, ...) noexcept
 		{
 			// Stack buffer: reports must work without the heap, from any thread.
 			char message[1024];
@@ -59,7 +59,7 @@ namespace Orvex
 			return _Report(file, function, line, expr, message);
 		}
 
-		bool VerifyAssertFalse_Breaks(CSiteFlag &ignored, const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char * /*expr3*/)
+		bool VerifyAssertFalse_Breaks(CSiteFlag &ignored, const char *file, const char *function, int line, const char *expr, const char * /*expr2*/, const char * /*expr3*/) noexcept
 		{
 			if (ignored.Ignored())
 				return false;
@@ -69,7 +69,7 @@ namespace Orvex
 			return answer == Answer_Break;
 		}
 
-		void DebugBreak()
+		void DebugBreak() noexcept
 		{
 #if defined(__x86_64__) || defined(__i386__)
 			// int3 leaves the instruction pointer after the trap, so a debugger (or a

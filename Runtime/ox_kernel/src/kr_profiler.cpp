@@ -10,7 +10,6 @@ namespace Orvex
 	{
 		namespace
 		{
-			CProfiler g_MainProfiler;	// constant-initialised
 			thread_local CHazards t_Hazards;
 
 			u32 _HomeSlot(const SNodeDescriptor *descriptor)
@@ -18,11 +17,6 @@ namespace Orvex
 				const u64 key = reinterpret_cast<std::uintptr_t>(descriptor) >> 3;
 				return u32((key * 0x9E3779B97F4A7C15ull) >> 40) % CProfiler::kMaxNodes;
 			}
-		}
-
-		CProfiler *MainEngineProfiler()
-		{
-			return &g_MainProfiler;
 		}
 
 		u64 NowNanoseconds()

@@ -81,5 +81,23 @@ namespace Orvex
 		inline s32 ShrS32(s32 a, s32 b) { return s32(u32(a) >> (u32(b) & 31u)); }	// zero-filling
 
 		static_assert((s32(-8) >> 1) == -4, "signed right shift must be arithmetic");
+
+		// ---- Bitwise
+
+		inline s32 AndS32(s32 a, s32 b) { return a & b; }
+		inline s32 OrS32(s32 a, s32 b) { return a | b; }
+		inline s32 XorS32(s32 a, s32 b) { return a ^ b; }
+		inline s32 NotS32(s32 a) { return ~a; }
+
+		// ---- Comparisons (signed): -1 (all bits set) for true, never 1, as the vector
+		// compares give it
+
+		inline s32 MaskS32(bool condition) { return condition ? -1 : 0; }
+		inline s32 CmpLtS32(s32 a, s32 b) { return MaskS32(a < b); }
+		inline s32 CmpLeS32(s32 a, s32 b) { return MaskS32(a <= b); }
+		inline s32 CmpGtS32(s32 a, s32 b) { return MaskS32(a > b); }
+		inline s32 CmpGeS32(s32 a, s32 b) { return MaskS32(a >= b); }
+		inline s32 CmpEqS32(s32 a, s32 b) { return MaskS32(a == b); }
+		inline s32 CmpNeS32(s32 a, s32 b) { return MaskS32(a != b); }
 	}
 }
