@@ -371,6 +371,15 @@ namespace Orvex
 			}
 		}
 
+		// _ResolveChecked, then the kernel: an instruction that _ResolveWellFormed did not
+		// accept, which reports what is wrong and is evaluated with the values at hand.
+		__attribute__((noinline, cold)) void _ExecChecked(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
+		{
+			SResolvedMathOp checked;
+			_ResolveChecked(registers, bytecode, wb, op, checked);
+			_Dispatch(op, checked);
+		}
+
 		// A Constant or Normal destination evaluates one element. When every check of the
 		// worker, the selector and the stream kernel would pass for this instruction, this
 		// runs the one-element kernel of its operator and row (the same result, without
@@ -433,17 +442,15 @@ namespace Orvex
 		// _TrySingle takes pays for none of its frame.
 		__attribute__((noinline)) void _ExecStreams(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
 		{
-			// Two calls of the same dispatch, so that the resolved operands of a well-formed
-			// instruction stay in registers.
+			// The reporting path has its own dispatch, out of line: the resolved operands of
+			// a well-formed instruction stay in registers and this frame stays small (at a
+			// stream size that fills the level-1 cache, every line the instruction itself
+			// touches costs stream lines a miss).
 			SResolvedMathOp r;
 			if (_ResolveWellFormed(registers, bytecode, wb, op, r))
 				_Dispatch(op, r);
 			else
-			{
-				SResolvedMathOp checked;
-				_ResolveChecked(registers, bytecode, wb, op, checked);
-				_Dispatch(op, checked);
-			}
+				_ExecChecked(registers, bytecode, wb, op);
 		}
 
 		// The worker of the five entry points. noexcept: nothing in it throws (assertion
