@@ -623,3 +623,31 @@ TEST(StandardEntry, OneElementEvaluationOfMisalignedRegistersStillReports)
 		EXPECT_EQ(host.Words(dst, 1)[0], floats ? F(15.0f) : 15u) << BaseTypeName(type);
 	}
 }
+
+TEST(StandardEntryDeathTest, SizeChecksDoNotWrapForHugeStreams)
+{
+	// 2^30 elements of 4 bytes: the product wraps to 0 in 32 bits, and a one-element
+	// register would pass the destination size check. It must be reported. The check only
+	// reports (execution goes on and writes far past the register, which ends the
+	// process), so each path runs in a child and the report is looked for on stderr.
+	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	for (CBVM::EExecPath path : {CBVM::ExecPath_Standard, CBVM::ExecPath_Low})
+	{
+		EXPECT_DEATH(
+			{
+				CHost host(1u << 30);
+				const CVMRegID dst = host.Reg(0, kStream, BaseType_Float, {0u}, 1);
+				const CVMRegID a = host.Reg(1, kStream, BaseType_Float, {F(1.0f)}, 1);
+				SOp_MathOp::SDesc desc;
+				desc.m_Op = SOp_MathOp::Op_Add;
+				desc.m_DstReg = dst.ToIRRegID();
+				desc.m_SrcReg0 = a.ToIRRegID();
+				desc.m_SrcReg1 = a.ToIRRegID();
+				u8 bytes[CMetaOp_MathOp::IP_Offset];
+				CMetaOp_MathOp::EncodeDescToBytecode(bytes, desc);
+				CBVM::CInterpreter::Entry(path, bytes[0]).m_Exec(host.Ctx(), bytes);
+			},
+			"m_StreamDimensions \\* (stride|dstStride)")
+			<< (path == CBVM::ExecPath_Standard ? "standard" : "Low");
+	}
+}

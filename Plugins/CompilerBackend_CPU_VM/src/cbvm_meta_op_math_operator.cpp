@@ -144,16 +144,18 @@ namespace Orvex
 			const Compiler::EMetaType mt = m_DstReg.ToBank();
 
 			const u32 evalCount = mt < Compiler::MetaType_Instance ? 1 : registers.m_StreamDimensions;
-			const u32 elementSize = CCBCPUMetaRegisters::DataSizeInBytes(m_SrcType);
-			const u32 stride0 = m_SrcReg0.ToBank() >= Compiler::MetaType_Instance ? elementSize : 0;
-			const u32 dstStride = CCBCPUMetaRegisters::DataSizeInBytes(m_DstReg.ToType());
+			// Strides are at most 16; they are 64-bit so that the size checks below cannot
+			// wrap for a huge m_StreamDimensions (the kernels take them as u32).
+			const u64 elementSize = CCBCPUMetaRegisters::DataSizeInBytes(m_SrcType);
+			const u64 stride0 = m_SrcReg0.ToBank() >= Compiler::MetaType_Instance ? elementSize : 0;
+			const u64 dstStride = CCBCPUMetaRegisters::DataSizeInBytes(m_DstReg.ToType());
 
 			OX_ASSERT(reg.m_Size >= registers.m_StreamDimensions * dstStride || (reg.m_Size >= dstStride && mt < Compiler::MetaType_Instance));
 			OX_ASSERT(reg0.m_Size >= evalCount * stride0);
 			OX_ASSERT(m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1));
 
 			const void *datasrc1 = nullptr;
-			u32 stride1 = 0;
+			u64 stride1 = 0;
 			if (m_SrcReg1.Valid())
 			{
 				OX_ASSERT(m_SrcReg1.ToType() == m_SrcType);
@@ -169,18 +171,18 @@ namespace Orvex
 			switch (m_SrcType)
 			{
 			case BaseType_Bool:
-			case BaseType_I32: MathOp::ExecOperatorInt_Low<1>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_I32: MathOp::ExecOperatorInt_Low<1>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
 			case BaseType_Bool2:
-			case BaseType_Int2: MathOp::ExecOperatorInt_Low<2>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Int2: MathOp::ExecOperatorInt_Low<2>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
 			case BaseType_Bool3:
-			case BaseType_Int3: MathOp::ExecOperatorInt_Low<3>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Int3: MathOp::ExecOperatorInt_Low<3>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
 			case BaseType_Bool4:
-			case BaseType_Int4: MathOp::ExecOperatorInt_Low<4>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
-			case BaseType_Float: MathOp::ExecOperatorFloat_Low<1>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
-			case BaseType_Float2: MathOp::ExecOperatorFloat_Low<2>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
-			case BaseType_Float3: MathOp::ExecOperatorFloat_Low<3>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Int4: MathOp::ExecOperatorInt_Low<4>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
+			case BaseType_Float: MathOp::ExecOperatorFloat_Low<1>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
+			case BaseType_Float2: MathOp::ExecOperatorFloat_Low<2>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
+			case BaseType_Float3: MathOp::ExecOperatorFloat_Low<3>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
 			case BaseType_Float4:
-			case BaseType_Quaternion: MathOp::ExecOperatorFloat_Low<4>(op, evalInto, evalCount, datasrc0, stride0, datasrc1, stride1); break;
+			case BaseType_Quaternion: MathOp::ExecOperatorFloat_Low<4>(op, evalInto, evalCount, datasrc0, u32(stride0), datasrc1, u32(stride1)); break;
 			default:
 				OX_ASSERT_NOT_REACHED();
 				return;
@@ -264,14 +266,16 @@ namespace Orvex
 			const Compiler::EMetaType mt = m_DstReg.ToBank();
 			const Compiler::EMetaType mt0 = m_SrcReg0.ToBank();
 
-			const u32 stride = CCBCPUMetaRegisters::DataSizeInBytes(m_DstType);
+			// Strides are at most 16; they are 64-bit so that the size checks below cannot
+			// wrap for a huge m_StreamDimensions (the kernels take them as u32).
+			const u64 stride = CCBCPUMetaRegisters::DataSizeInBytes(m_DstType);
 			void *evalInto = reg.m_RawData;
 			const u32 evalCount = mt >= Compiler::MetaType_Instance ? registers.m_StreamDimensions : 1;
 			const u32 typeSize = CCBCPUMetaRegisters::DataSizeInBytes(m_SrcType0);
 			// A single evaluation reads every source as a (one-element) stream; otherwise
 			// Constant and Normal sources are broadcast.
-			const u32 stride0 = (evalCount == 1 || mt0 >= Compiler::MetaType_Instance) ? typeSize : 0;
-			u32 stride1 = 0;
+			const u64 stride0 = (evalCount == 1 || mt0 >= Compiler::MetaType_Instance) ? typeSize : 0;
+			u64 stride1 = 0;
 			const void *data0 = reg0.m_RawData;
 			const void *data1 = nullptr;
 
@@ -287,7 +291,7 @@ namespace Orvex
 				OX_ASSERT(reg1.m_Size >= evalCount * stride1);
 				data1 = reg1.m_RawData;
 			}
-			out = {evalInto, stride, evalCount, data0, stride0, data1, stride1, m_SrcType0};
+			out = {evalInto, u32(stride), evalCount, data0, u32(stride0), data1, u32(stride1), m_SrcType0};
 		}
 
 		// The resolution of an instruction that nothing is wrong with: it tests, in one go
@@ -330,9 +334,10 @@ namespace Orvex
 			const bool dstIsStream = isInstanceOrStream(dstBits);
 			const u32 evalCount = dstIsStream ? registers.m_StreamDimensions : 1;
 			const u32 stride0 = (evalCount == 1 || isInstanceOrStream(src0Bits)) ? typeSize : 0;
-			if (!(reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && !dstIsStream)))
+			// 64-bit products, as in _ResolveChecked: no wrap for a huge m_StreamDimensions.
+			if (!(reg.m_Size >= u64(registers.m_StreamDimensions) * stride || (reg.m_Size >= stride && !dstIsStream)))
 				return false;
-			if (!(reg0.m_Size >= evalCount * stride0))
+			if (!(reg0.m_Size >= u64(evalCount) * stride0))
 				return false;
 
 			u32 stride1 = 0;
@@ -343,7 +348,7 @@ namespace Orvex
 					return false;
 				const RegisterEntry &reg1 = registers.m_Registers[std::size_t(src1Bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((src1Bits >> 21) & 3u)];
 				stride1 = (evalCount == 1 || isInstanceOrStream(src1Bits)) ? typeSize : 0;
-				if (!(reg1.m_Size >= evalCount * stride1))
+				if (!(reg1.m_Size >= u64(evalCount) * stride1))
 					return false;
 				data1 = reg1.m_RawData;
 			}
@@ -420,7 +425,7 @@ namespace Orvex
 			const auto select = [&registers](u32 bits) -> const RegisterEntry & { return registers.m_Registers[std::size_t(bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((bits >> 21) & 3u)]; };
 			const RegisterEntry &reg = select(dstBits);
 			const RegisterEntry &reg0 = select(src0Bits);
-			if (!(reg.m_Size >= registers.m_StreamDimensions * size || reg.m_Size >= size) || reg0.m_Size < size)
+			if (!(reg.m_Size >= u64(registers.m_StreamDimensions) * size || reg.m_Size >= size) || reg0.m_Size < size)
 				return false;
 			const void *data1 = nullptr;
 			if (binary)
