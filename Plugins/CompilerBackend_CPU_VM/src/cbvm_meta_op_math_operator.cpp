@@ -320,10 +320,9 @@ namespace Orvex
 			// which is left to the checked path altogether).
 			const u32 dstTypeIndex = (dstBits >> 24) & 63u;	// type + 1
 			const u32 src0TypeIndex = (src0Bits >> 24) & 63u;
-			if (dstTypeIndex >= kBaseTypeTableSize || src0TypeIndex >= kBaseTypeTableSize)
-				return false;
-			const u32 stride = CCBCPUMetaRegisters::m_DataTypeSizeInBytes[dstTypeIndex];
-			const u32 typeSize = CCBCPUMetaRegisters::m_DataTypeSizeInBytes[src0TypeIndex];
+			// (Sizes by type field: 0 past the type table, which fails here too.)
+			const u32 stride = MathOp::_TypeFieldSizes[dstTypeIndex];
+			const u32 typeSize = MathOp::_TypeFieldSizes[src0TypeIndex];
 			if (stride == 0 || typeSize == 0)
 				return false;
 
@@ -445,8 +444,14 @@ namespace Orvex
 		// (_ResolveWellFormed, or _ResolveChecked for anything it does not accept) and runs
 		// the kernel of source 0's type. Out of line, so that a one-element instruction that
 		// _TrySingle takes pays for none of its frame.
-		__attribute__((noinline)) void _ExecStreams(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
+		//
+		// _FixedOp: the operator of a specialised entry point (add, sub, mul, div), whose
+		// operand-count test and kernel lookup then fold away; -1 for the generic entry,
+		// which passes the operator byte.
+		template <int _FixedOp>
+		__attribute__((noinline)) void _ExecStreams(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp operatorByte) noexcept
 		{
+			const SOp_MathOp::EOp op = _FixedOp >= 0 ? SOp_MathOp::EOp(_FixedOp) : operatorByte;
 			// The reporting path has its own dispatch, out of line: the resolved operands of
 			// a well-formed instruction stay in registers and this frame stays small (at a
 			// stream size that fills the level-1 cache, every line the instruction itself
@@ -461,11 +466,13 @@ namespace Orvex
 		// The worker of the five entry points. noexcept: nothing in it throws (assertion
 		// handlers must not), so the entry points need no unwinding code around their
 		// profiler scope.
+		// (_FixedOp: see _ExecStreams; the specialised entries pass their operator.)
+		template <int _FixedOp = -1>
 		void _MetaOp_MathOp_ExecBytecode_Impl(const CBytecodeExecContext &execCtx, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
 		{
 			const CCBCPUMetaRegisters &registers = execCtx.m_Registers;
 			if (!_TrySingle(registers, bytecode, wb, op))
-				_ExecStreams(registers, bytecode, wb, op);
+				_ExecStreams<_FixedOp>(registers, bytecode, wb, op);
 		}
 
 		// Each entry point is a profiler scope named after itself.
@@ -486,7 +493,7 @@ namespace Orvex
 		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Add", __FILE__, kEntryColor, 0);
 		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpAdd);
-		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Add);
+		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Add>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Add);
 		return kSpecializedSize;
 	}
 
@@ -495,7 +502,7 @@ namespace Orvex
 		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Sub", __FILE__, kEntryColor, 0);
 		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpSub);
-		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Sub);
+		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Sub>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Sub);
 		return kSpecializedSize;
 	}
 
@@ -504,7 +511,7 @@ namespace Orvex
 		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Mul", __FILE__, kEntryColor, 0);
 		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpMul);
-		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Mul);
+		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Mul>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Mul);
 		return kSpecializedSize;
 	}
 
@@ -513,7 +520,7 @@ namespace Orvex
 		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Div", __FILE__, kEntryColor, 0);
 		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpDiv);
-		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
+		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Div>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
 		return kSpecializedSize;
 	}
 }
