@@ -219,6 +219,11 @@ def fmt_ratio(r, digits=2):
     return "–" if r is None else f"{r:.{digits}f}×"
 
 
+def fmt_target(r, floor):
+    """A ratio against a target: three decimals when two would round a miss up to the target."""
+    return fmt_ratio(r, 3 if r is not None and r < floor <= round(r, 2) else 2)
+
+
 def fmt_size(n):
     return f"{n:,}"
 
@@ -313,11 +318,11 @@ def targets(res, counts):
             return (f"{wid} at {fmt_size(n)}: ≥ {floor}× the best SSE2 baseline", "no data", False)
         r = std / rate
         return (f"{wid} at {fmt_size(n)} elements: ≥ {floor}× the best SSE2 baseline (hand, auto-vectorised, Eigen)",
-                f"{r:.2f}× (best: {LABEL[impl]})", r >= floor)
+                f"{fmt_target(r, floor)} (best: {LABEL[impl]})", r >= floor)
 
     def vs(wid, other, n, floor, what):
         r = res.ratio(wid, "standard", other, n)
-        return (f"{wid} at {fmt_size(n)} elements: ≥ {floor}× {what}", fmt_ratio(r), r is not None and r >= floor)
+        return (f"{wid} at {fmt_size(n)} elements: ≥ {floor}× {what}", fmt_target(r, floor), r is not None and r >= floor)
 
     for wid in ("W1", "W4", "W6"):
         rows.append(vs_best(wid, REFERENCE, 0.95))
@@ -331,7 +336,7 @@ def targets(res, counts):
         std = res.rate(wid, "standard", REFERENCE)
         r = std / rate if rate and std else None
         rows.append((f"{wid} at {fmt_size(REFERENCE)} elements: ≥ {floor}× libdivide SSE2 (the faster of its two dividers)",
-                     fmt_ratio(r) + (f" (vs {LABEL[impl]})" if impl else ""), r is not None and r >= floor))
+                     fmt_target(r, floor) + (f" (vs {LABEL[impl]})" if impl else ""), r is not None and r >= floor))
     for wid in ("W1", "W2"):
         rows.append(vs(wid, "low", REFERENCE, 3.0, "the Low path"))
     for impl, what in (("standard", "entry points called by opcode"), ("standard_interpreter", "through CInterpreter::Run")):
