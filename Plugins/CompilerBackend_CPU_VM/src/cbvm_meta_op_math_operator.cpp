@@ -294,6 +294,13 @@ namespace Orvex
 			out = {evalInto, u32(stride), evalCount, data0, u32(stride0), data1, u32(stride1), m_SrcType0};
 		}
 
+		// SelectRegister without its assertions, for ids already known to be well-formed
+		// (the fast paths test the bits themselves).
+		inline const RegisterEntry &_SelectWellFormed(const CCBCPUMetaRegisters &registers, u32 bits)
+		{
+			return registers.m_Registers[std::size_t(bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((bits >> 21) & 3u)];
+		}
+
 		// The resolution of an instruction that nothing is wrong with: it tests, in one go
 		// and without the per-site flags, exactly the conditions that _ResolveChecked
 		// asserts, and returns false as soon as one fails, leaving the instruction to
@@ -326,8 +333,8 @@ namespace Orvex
 			if (stride == 0 || typeSize == 0)
 				return false;
 
-			const RegisterEntry &reg = registers.m_Registers[std::size_t(dstBits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((dstBits >> 21) & 3u)];
-			const RegisterEntry &reg0 = registers.m_Registers[std::size_t(src0Bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((src0Bits >> 21) & 3u)];
+			const RegisterEntry &reg = _SelectWellFormed(registers, dstBits);
+			const RegisterEntry &reg0 = _SelectWellFormed(registers, src0Bits);
 			// Bank field: bank - 1, so Instance and Stream are 2 and 3.
 			const auto isInstanceOrStream = [](u32 bits) { return ((bits >> 21) & 3u) + 1 >= Compiler::MetaType_Instance; };
 			const bool dstIsStream = isInstanceOrStream(dstBits);
@@ -345,7 +352,7 @@ namespace Orvex
 			{
 				if (((src1Bits >> 24) & 63u) != src0TypeIndex)
 					return false;
-				const RegisterEntry &reg1 = registers.m_Registers[std::size_t(src1Bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((src1Bits >> 21) & 3u)];
+				const RegisterEntry &reg1 = _SelectWellFormed(registers, src1Bits);
 				stride1 = (evalCount == 1 || isInstanceOrStream(src1Bits)) ? typeSize : 0;
 				if (!(reg1.m_Size >= u64(evalCount) * stride1))
 					return false;
@@ -421,15 +428,14 @@ namespace Orvex
 			if (MathOp::_TypeFieldSizes[dstBits >> 24] != size)
 				return false;
 
-			const auto select = [&registers](u32 bits) -> const RegisterEntry & { return registers.m_Registers[std::size_t(bits & 0x1FFFFFu) * CCBCPUMetaRegisters::kBanksPerSlot + ((bits >> 21) & 3u)]; };
-			const RegisterEntry &reg = select(dstBits);
-			const RegisterEntry &reg0 = select(src0Bits);
+			const RegisterEntry &reg = _SelectWellFormed(registers, dstBits);
+			const RegisterEntry &reg0 = _SelectWellFormed(registers, src0Bits);
 			if (!(reg.m_Size >= u64(registers.m_StreamDimensions) * size || reg.m_Size >= size) || reg0.m_Size < size)
 				return false;
 			const void *data1 = nullptr;
 			if (binary)
 			{
-				const RegisterEntry &reg1 = select(src1Bits);
+				const RegisterEntry &reg1 = _SelectWellFormed(registers, src1Bits);
 				if (reg1.m_Size < size || reg1.m_RawData == nullptr)
 					return false;
 				data1 = reg1.m_RawData;
