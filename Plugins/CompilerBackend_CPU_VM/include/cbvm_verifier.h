@@ -36,9 +36,11 @@
 //   - float mod of two Constant or Normal sources into a per-element destination;
 //   - a uniform shift count above 31 over whole 12-integer blocks. This one depends on
 //     the count register's value, which Verify reads as it is now; when an instruction
-//     of the program writes that register, its value at run time cannot be known here
-//     and Verify warns instead (VerifyError_ShiftCountUnchecked). Re-verify after the
-//     host changes a shift-count constant, or keep counts in 0..31.
+//     of the program may write any byte of the count (decided by storage addresses, so
+//     a second table entry over the same bytes counts too), its value at run time
+//     cannot be known here and Verify warns instead (VerifyError_ShiftCountUnchecked),
+//     with or without VerifyFlag_AllowReportedForms. Re-verify after the host changes a
+//     shift-count constant, or keep counts in 0..31.
 //
 // Verify never reads outside [bytecode, bytecode + size), reads the register table only
 // for slots below slotCount, and reads register storage only for the shift count (the

@@ -297,10 +297,12 @@ namespace Orvex
 				OX_ASSERT(stride == sizeof(_Type));
 				OX_ASSERT(stride0 == sizeof(_Type) || stride0 == 0);
 				OX_ASSERT(stride1 == sizeof(_Type) || stride1 == 0);
-				// The end is count packed elements even after a reported bad destination
-				// stride: the sources hold count packed elements, never more.
+				// The walk is packed and ends 'count' destination strides after dst: a
+				// reported stride below the element size stops early rather than write past
+				// the destination register (count * stride bytes). A stride above it stops
+				// at count packed elements, because the packed sources hold no more.
 				float *dstStream = static_cast<float *>(dst);
-				const float *dstStop = dstStream + std::size_t(count) * _Dimension;
+				const float *dstStop = dstStream + std::size_t(count) * (stride < kElementBytes ? stride : kElementBytes) / sizeof(float);
 				const float *srcStream0 = static_cast<const float *>(src0);
 				const float *srcStream1 = static_cast<const float *>(src1);
 

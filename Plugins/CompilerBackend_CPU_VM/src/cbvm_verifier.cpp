@@ -294,15 +294,17 @@ namespace Orvex
 								"by the standard path; compute it into a constant register", SRegisterText(ins.m_Src0).m_Text, SRegisterText(ins.m_Src1).m_Text);
 					if (kernel.m_Float || !_IsShift(ins.m_Op) || !broadcast1 || evalCount * kernel.m_Components < 12)
 						return;
-					// A uniform count runs whole 12-integer blocks by vector shifts.
+					// A uniform count runs whole 12-integer blocks by vector shifts. Its value
+					// is known here only when no instruction writes the count's bytes (under
+					// every flag: the value read now says nothing about the run otherwise).
 					const SRegisterText count(ins.m_Src1);
-					if ((m_Flags & VerifyFlag_AllowReportedForms) == 0 && _WrittenByProgram(ins.m_Src1))
+					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->m_Registers[std::size_t(_Slot(ins.m_Src1)) * CCBCPUMetaRegisters::kBanksPerSlot + _BankIndex(ins.m_Src1)];
+					if (_WrittenByProgram(entry.m_RawData, kernel.m_Components * 4))
 					{
 						_Report(ins.m_Offset, VerifyError_ShiftCountUnchecked, "'%s' count register %s is written by this program: its value at run time is not checked here "
 								"(a uniform count above 31 is reported by the standard path)", name, count.m_Text);
 						return;
 					}
-					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->m_Registers[std::size_t(_Slot(ins.m_Src1)) * CCBCPUMetaRegisters::kBanksPerSlot + _BankIndex(ins.m_Src1)];
 					const s32 *words = static_cast<const s32 *>(entry.m_RawData);	// one whole element, checked above
 					for (u32 i = 1; i < 4; ++i)
 						if (words[i % kernel.m_Components] != words[0])
@@ -312,18 +314,36 @@ namespace Orvex
 								"and reports it, the Low path uses the low five bits; keep counts in 0..31", name, u32(words[0]), count.m_Text);
 				}
 
-				// True when an instruction of this program writes the register (slot and bank) of 'bits'.
-				bool _WrittenByProgram(u32 bits) const
+				// True when an instruction of this program may write a byte of [data, data +
+				// size). Decided by storage, not by (slot, bank): two table entries may view
+				// the same bytes. An instruction writes at most the elements it evaluates from
+				// its destination's start, each at most as wide as the larger of the source's
+				// and the destination's element (the Low path writes source-sized elements
+				// densely), whether or not the register is large enough for them.
+				bool _WrittenByProgram(const void *data, u32 size) const
 				{
+					const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(data);
+					const std::uintptr_t last = first + size;
 					for (u32 offset = 0; offset < m_Size;)
 					{
 						const u32 need = _DecodableSize(m_Bytecode, m_Size, offset);
 						if (need == 0)
 							return false;
-						const u32 dst = OXLoadAndSwapLittleEndian<u32>(_RegisterBlock(m_Bytecode + offset) + CMetaOp_MathOp::kDstRegOffset);
-						if (dst < kWellFormedLimit && _Slot(dst) == _Slot(bits) && _BankIndex(dst) == _BankIndex(bits))
-							return true;
+						const u8 *block = _RegisterBlock(m_Bytecode + offset);
+						const u32 dst = OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kDstRegOffset);
+						const u32 src0 = OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kSrcReg0Offset);
 						offset += need;
+						if (dst >= kWellFormedLimit || _Slot(dst) >= m_SlotCount)
+							continue;
+						const CCBCPUMetaRegisters::SRegister &written = m_Registers->m_Registers[std::size_t(_Slot(dst)) * CCBCPUMetaRegisters::kBanksPerSlot + _BankIndex(dst)];
+						if (written.m_RawData == nullptr)
+							continue;
+						const u32 widest = _ElementSize(dst) > _ElementSize(src0) ? _ElementSize(dst) : _ElementSize(src0);
+						const u64 extent = (_PerElement(dst) ? u64(m_Registers->m_StreamDimensions) : 1) * widest;
+						const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(written.m_RawData);
+						const std::uintptr_t end = begin + std::uintptr_t(extent);
+						if (begin < last && first < end)
+							return true;
 					}
 					return false;
 				}
