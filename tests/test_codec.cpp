@@ -49,7 +49,7 @@ TEST(Operators, EnumerationAndTraits)
 	{
 		const bool unary = op == SOp_MathOp::Op_Neg || op == SOp_MathOp::Op_Bitwise_Not;
 		EXPECT_EQ(SOp_MathOp::OperatorTraits(EOp(op)).m_ParameterCount, unary ? 1 : 2) << op;
-		EXPECT_EQ(SOp_MathOp::OperatorTraits(EOp(op)).m_FloatSupported, op < 6 || op > 12) << op;
+		EXPECT_EQ(SOp_MathOp::OperatorTraits(EOp(op)).FloatSupported(), op < 6 || op > 12) << op;
 		EOp back;
 		ASSERT_TRUE(SOp_MathOp::OperatorFromName(SOp_MathOp::OperatorTraits(EOp(op)).m_Name, back));
 		EXPECT_EQ(int(back), op);

@@ -126,7 +126,7 @@ namespace
 			for (u32 op = 0; op < SOp_MathOp::__MaxOps; ++op)
 			{
 				const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(EOp(op));
-				if (IsFloat(kKernelTypes[t]) && !traits.m_FloatSupported)
+				if (IsFloat(kKernelTypes[t]) && !traits.FloatSupported())
 					continue;
 				for (u32 form = 0; form < 16; ++form)
 				{

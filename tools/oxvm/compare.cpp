@@ -54,9 +54,9 @@ namespace OxVm
 				CBVM::CInterpreter::Entry(CBVM::ExecPath_Low, instruction[0]).m_Exec(lowContext, instruction);
 
 				const s32 dst = source.m_Dst.m_Register;
-				const EValueKind valueKind = TypeInfo(program.m_Registers[std::size_t(dst)].Type()).m_Kind;
+				const EElementKind valueKind = TypeInfo(program.m_Registers[std::size_t(dst)].Type()).m_Kind;
 				const u32 components = TypeInfo(program.m_Registers[std::size_t(dst)].Type()).m_Components;
-				const bool anyNan = valueKind == ValueKind_Float && (source.m_Op == SOp_MathOp::Op_Add || source.m_Op == SOp_MathOp::Op_Mul);
+				const bool anyNan = valueKind == ElementKind_Float && (source.m_Op == SOp_MathOp::Op_Add || source.m_Op == SOp_MathOp::Op_Mul);
 				u32 *a = standard.Words(program, dst);
 				u32 *b = low.Words(program, dst);
 				const u32 count = standard.WordCount(program, dst);

@@ -51,9 +51,9 @@ namespace OxVm
 		return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size();
 	}
 
-	bool ParseWord(std::string_view text, EValueKind kind, u32 &word, std::string &error)
+	bool ParseWord(std::string_view text, EElementKind kind, u32 &word, std::string &error)
 	{
-		if (kind == ValueKind_Bool && (text == "true" || text == "false"))
+		if (kind == ElementKind_Bool && (text == "true" || text == "false"))
 		{
 			word = text == "true" ? 0xFFFFFFFFu : 0u;
 			return true;
@@ -69,7 +69,7 @@ namespace OxVm
 			word = u32(bits);
 			return true;
 		}
-		if (kind == ValueKind_Float)
+		if (kind == ElementKind_Float)
 		{
 			const std::string_view digits = SkipPlus(text);
 			float value = 0.0f;
@@ -90,7 +90,7 @@ namespace OxVm
 		s64 value = 0;
 		if (!ParseInt64(text, value))
 		{
-			error = kind == ValueKind_Bool ? fmt::format("malformed value '{}': expected true, false or an integer", text)
+			error = kind == ElementKind_Bool ? fmt::format("malformed value '{}': expected true, false or an integer", text)
 										   : fmt::format("malformed integer '{}'", text);
 			return false;
 		}
@@ -113,18 +113,18 @@ namespace OxVm
 		return true;
 	}
 
-	std::string FormatWord(u32 word, EValueKind kind)
+	std::string FormatWord(u32 word, EElementKind kind)
 	{
 		switch (kind)
 		{
-		case ValueKind_Float:
+		case ElementKind_Float:
 		{
 			float value;
 			std::memcpy(&value, &word, 4);
 			// NaNs (comparison masks among them) keep their bits: the text reads back exactly.
 			return value != value ? fmt::format("{:#010x}", word) : fmt::format("{}", value);
 		}
-		case ValueKind_Bool:
+		case ElementKind_Bool:
 			return word == 0xFFFFFFFFu ? "true" : (word == 0 ? "false" : fmt::format("{:#010x}", word));
 		default:
 			return fmt::format("{}", s32(word));

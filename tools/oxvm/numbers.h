@@ -12,7 +12,7 @@
 namespace OxVm
 {
 	// One 32-bit word of a register of 'kind'. On failure 'error' says why.
-	bool ParseWord(std::string_view text, EValueKind kind, u32 &word, std::string &error);
+	bool ParseWord(std::string_view text, EElementKind kind, u32 &word, std::string &error);
 
 	// Arguments of ramp() and random(): any decimal number for floats, a 64-bit integer
 	// (decimal or hex) for ints and bools.
@@ -23,5 +23,5 @@ namespace OxVm
 	bool ParseCount(std::string_view text, u64 max, u32 &value);
 
 	// A word as text: shortest round-trip floats, decimal ints, true/false for bool masks.
-	std::string FormatWord(u32 word, EValueKind kind);
+	std::string FormatWord(u32 word, EElementKind kind);
 }

@@ -167,7 +167,7 @@ namespace OxVm
 				if (s1 >= 0 && p.m_Registers[std::size_t(s1)].Type() != src0.Type())
 					m_Diagnostics.Error(instruction.m_Src[1].m_Where, fmt::format("source types differ: {} is {}, {} is {}", Quoted(p, s0), BaseTypeName(src0.Type()),
 																				   Quoted(p, s1), BaseTypeName(p.m_Registers[std::size_t(s1)].Type())));
-				if (!traits.m_FloatSupported && type.m_Kind == ValueKind_Float)
+				if (!traits.FloatSupported() && type.m_Kind == ElementKind_Float)
 					m_Diagnostics.Error(instruction.m_Where, fmt::format("'{}' is a bitwise operator: it takes int and bool operands, {} is {}", traits.m_Name, Quoted(p, s0), BaseTypeName(src0.Type())));
 
 				const bool comparison = instruction.m_Op >= SOp_MathOp::Op_Cmp_Lower;
@@ -192,7 +192,7 @@ namespace OxVm
 			// Legal, but the standard path reports them (see README, "Two execution paths").
 			void _Warnings(const SInstruction &instruction, u32 evalCount, const STypeInfo &type)
 			{
-				if (type.m_Kind != ValueKind_Float || evalCount == 1)
+				if (type.m_Kind != ElementKind_Float || evalCount == 1)
 					return;
 				const bool constant0 = !IsPerElement(m_Program.m_Registers[std::size_t(instruction.m_Src[0].m_Register)].Bank());
 				const bool constant1 = instruction.m_SourceCount > 1 && !IsPerElement(m_Program.m_Registers[std::size_t(instruction.m_Src[1].m_Register)].Bank());

@@ -262,10 +262,10 @@ namespace OxVm
 					if (i == 1 && !_Expect(',', ("between the arguments of " + what).c_str()))
 						return false;
 					const SToken &arg = _Next();
-					const bool ok = type.m_Kind == ValueKind_Float ? ParseDouble(arg.m_Text, init.m_FloatArgs[i]) : ParseInt64(arg.m_Text, init.m_IntArgs[i]);
+					const bool ok = type.m_Kind == ElementKind_Float ? ParseDouble(arg.m_Text, init.m_FloatArgs[i]) : ParseInt64(arg.m_Text, init.m_IntArgs[i]);
 					if (arg.m_Kind != Token_Word || !ok)
 					{
-						_Error(arg.m_Column, fmt::format("malformed number '{}' in {} (a {})", arg.m_Text, what, type.m_Kind == ValueKind_Float ? "decimal number" : "64-bit integer"));
+						_Error(arg.m_Column, fmt::format("malformed number '{}' in {} (a {})", arg.m_Text, what, type.m_Kind == ElementKind_Float ? "decimal number" : "64-bit integer"));
 						return false;
 					}
 				}
@@ -284,13 +284,13 @@ namespace OxVm
 					++m_Pos;
 					if (!_TwoArgs(init, type, first.m_Text + "()"))
 						return false;
-					if (init.m_Kind == Init_Random && (type.m_Kind == ValueKind_Float ? !(init.m_FloatArgs[0] <= init.m_FloatArgs[1]) : init.m_IntArgs[0] > init.m_IntArgs[1]))
+					if (init.m_Kind == Init_Random && (type.m_Kind == ElementKind_Float ? !(init.m_FloatArgs[0] <= init.m_FloatArgs[1]) : init.m_IntArgs[0] > init.m_IntArgs[1]))
 					{
 						m_Diagnostics.Error(init.m_Where, "random(lo, hi) needs lo <= hi");
 						return false;
 					}
 					const bool int32 = init.m_IntArgs[0] >= -2147483648LL && init.m_IntArgs[1] <= 4294967295LL;
-					if (init.m_Kind == Init_Random && type.m_Kind != ValueKind_Float && !int32)
+					if (init.m_Kind == Init_Random && type.m_Kind != ElementKind_Float && !int32)
 					{
 						m_Diagnostics.Error(init.m_Where, "random(lo, hi) on integers takes 32-bit bounds");
 						return false;

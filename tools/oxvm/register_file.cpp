@@ -31,7 +31,7 @@ namespace OxVm
 			const STypeInfo type = TypeInfo(decl.Type());
 			const std::size_t count = std::size_t(decl.m_Count) * type.m_Components;
 			const SInitialiser &init = decl.m_Init;
-			const bool isFloat = type.m_Kind == ValueKind_Float;
+			const bool isFloat = type.m_Kind == ElementKind_Float;
 			for (std::size_t w = 0; w < count; ++w)
 			{
 				const std::size_t element = w / type.m_Components;

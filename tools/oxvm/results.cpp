@@ -17,7 +17,7 @@ namespace OxVm
 		constexpr u32 kShown = 3;	// elements shown at each end
 		const char *const kComponentNames[4] = {"x", "y", "z", "w"};
 
-		std::string Element(const u32 *words, u32 components, EValueKind kind)
+		std::string Element(const u32 *words, u32 components, EElementKind kind)
 		{
 			if (components == 1)
 				return FormatWord(words[0], kind);
@@ -27,7 +27,7 @@ namespace OxVm
 			return text + ")";
 		}
 
-		std::string Elements(const u32 *words, u32 first, u32 end, u32 components, EValueKind kind)
+		std::string Elements(const u32 *words, u32 first, u32 end, u32 components, EElementKind kind)
 		{
 			std::string text;
 			for (u32 i = first; i < end; ++i)
@@ -45,7 +45,7 @@ namespace OxVm
 		}
 
 		// min, max, mean of one component; "n/a" when it has no number.
-		std::string ComponentStats(const u32 *words, u32 count, u32 components, u32 component, EValueKind kind)
+		std::string ComponentStats(const u32 *words, u32 count, u32 components, u32 component, EElementKind kind)
 		{
 			double lo = std::numeric_limits<double>::infinity(), hi = -lo, sum = 0;
 			u32 numbers = 0, nans = 0, trues = 0;
@@ -53,7 +53,7 @@ namespace OxVm
 			{
 				const u32 word = words[std::size_t(i) * components + component];
 				double value = double(s32(word));
-				if (kind == ValueKind_Float)
+				if (kind == ElementKind_Float)
 				{
 					float f;
 					std::memcpy(&f, &word, 4);
@@ -70,11 +70,11 @@ namespace OxVm
 				sum += value;
 				++numbers;
 			}
-			if (kind == ValueKind_Bool)
+			if (kind == ElementKind_Bool)
 				return fmt::format("true {}/{}", trues, count);
 			if (numbers == 0)
 				return fmt::format("all NaN ({})", nans);
-			std::string text = kind == ValueKind_Float ? fmt::format("min {} max {} mean {:.6g}", float(lo), float(hi), sum / numbers)
+			std::string text = kind == ElementKind_Float ? fmt::format("min {} max {} mean {:.6g}", float(lo), float(hi), sum / numbers)
 													   : fmt::format("min {} max {} mean {:.6g}", s64(lo), s64(hi), sum / numbers);
 			return nans != 0 ? text + fmt::format(" (NaN {})", nans) : text;
 		}

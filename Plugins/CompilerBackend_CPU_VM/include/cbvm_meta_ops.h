@@ -46,25 +46,41 @@ namespace Orvex
 
 		static const CVMRegID INVALID;
 
-		bool Valid() const { return u32(m_RawBits) != 0xFFFFFFFFu; }
-		bool _ValidAndWellFormed() const { return u32(m_RawBits) < 0x40000000u; }
+		// ---- The fields of raw bits, without checks: for code that tests well-formedness
+		// itself (the fast paths, the verifier, the tools). The only place the layout is read.
+		static constexpr u32 kInvalidBits = 0xFFFFFFFFu;
+		static constexpr u32 kWellFormedLimit = 0x40000000u;	// bits 30 and 31 clear
+		static constexpr bool WellFormedBits(u32 bits) { return bits < kWellFormedLimit; }
+		static constexpr u32 SlotOf(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterSlotShift) & Compiler::IR::CRegID::RegisterSlotMask; }
+		// The bank field: bank - MetaType_Constant (0 Constant, 1 Normal, 2 Instance, 3 Stream).
+		static constexpr u32 BankIndexOf(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterBankShift) & Compiler::IR::CRegID::RegisterBankMask; }
+		static constexpr Compiler::EMetaType BankOf(u32 bits) { return Compiler::EMetaType(BankIndexOf(bits) + Compiler::MetaType_Constant); }
+		// Instance and Stream registers hold one value per element.
+		static constexpr bool PerElementOf(u32 bits) { return BankOf(bits) >= Compiler::MetaType_Instance; }
+		// The type field: type + 1, the index of the type table (kBaseTypes).
+		static constexpr u32 TypeFieldOf(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterTypeShift) & Compiler::IR::CRegID::RegisterTypeMask; }
+		static constexpr EBaseTypeID TypeOf(u32 bits) { return EBaseTypeID(s32(TypeFieldOf(bits)) - 1); }
+
+		u32 Bits() const { return u32(m_RawBits); }
+		bool Valid() const { return Bits() != kInvalidBits; }
+		bool _ValidAndWellFormed() const { return WellFormedBits(Bits()); }
 
 		u32 ToSlot() const
 		{
 			OX_ASSERT(_ValidAndWellFormed());
-			return u32(m_RawBits) & 0x1FFFFFu;
+			return SlotOf(Bits());
 		}
 
 		Compiler::EMetaType ToBank() const
 		{
 			OX_ASSERT(_ValidAndWellFormed());
-			return Compiler::EMetaType(((u32(m_RawBits) >> 21) & 3u) + 1);
+			return BankOf(Bits());
 		}
 
 		EBaseTypeID ToType() const
 		{
 			OX_ASSERT(!Valid() || _ValidAndWellFormed());
-			const EBaseTypeID typeId = EBaseTypeID(s32((u32(m_RawBits) >> 24) & 63u) - 1);
+			const EBaseTypeID typeId = TypeOf(Bits());
 			// INVALID decodes as type 62: an invalid register has no type, report it.
 			OX_ASSERT(Valid() || typeId == BaseType_Void);
 			return typeId;
@@ -94,6 +110,9 @@ namespace Orvex
 	inline const CVMRegID CVMRegID::INVALID = {s32(-1)};
 
 	static_assert(sizeof(CVMRegID) == 4, "CVMRegID is one 32-bit word, as stored in bytecode");
+	static_assert(CVMRegID::SlotOf(0x20200005u) == 5 && CVMRegID::BankOf(0x20200005u) == Compiler::MetaType_Normal && CVMRegID::TypeOf(0x20200005u) == BaseType_Float,
+				  "type field = type + 1, bank field = bank - 1");
+	static_assert(CVMRegID::kWellFormedLimit == 1u << 30 && !CVMRegID::WellFormedBits(CVMRegID::kInvalidBits), "the top two bits are clear in a well-formed id");
 
 	//--------------------------------------------------------------------------------
 	// Execution context. The program, bindings and debug context belong to the host's

@@ -11,6 +11,8 @@
 #include "cbvm_meta_ops.h"
 #include "kr_base_types.h"
 
+#include <array>
+
 namespace Orvex
 {
 	class CCBCPUMetaRegisters
@@ -30,28 +32,19 @@ namespace Orvex
 		u32 m_InstructionPointer = 0;
 
 		// Byte size of one element of each type, indexed by type + 1 (BaseType_Evolved first):
-		// the stream stride of that type.
-		static constexpr u32 m_DataTypeSizeInBytes[kBaseTypeTableSize] = {
-			0, 0,				// Evolved, Void
-			4, 8, 12, 16,		// Bool .. Bool4: 32 bits per component
-			1, 2, 3, 4,			// U8 .. UByte4
-			1, 2, 3, 4,			// I8 .. Byte4
-			2, 4, 6, 8,			// U16 .. UWord4
-			2, 4, 6, 8,			// I16 .. Word4
-			4, 8, 12, 16,		// U32 .. UInt4
-			4, 8, 12, 16,		// I32 .. Int4
-			8, 8,				// U64, I64
-			4, 8, 12, 16,		// Float .. Float4
-			8,					// Double
-			16,					// Quaternion: four floats
-		};
+		// the stream stride of that type. The sizes of the type table (kr_base_types.h).
+		static constexpr std::array<u32, kBaseTypeTableSize> m_DataTypeSizeInBytes = []() {
+			std::array<u32, kBaseTypeTableSize> sizes = {};
+			for (u32 field = 0; field < kBaseTypeTableSize; ++field)
+				sizes[field] = kBaseTypes[field].m_Size;
+			return sizes;
+		}();
 
 		// Any value is safe: a type outside the table has size 0, which is reported
 		// (like every zero size except BaseType_Evolved's).
 		static u32 DataSizeInBytes(EBaseTypeID typeID)
 		{
-			const u32 index = u32(s32(typeID) + 1);
-			const u32 size = index < kBaseTypeTableSize ? m_DataTypeSizeInBytes[index] : 0;
+			const u32 size = BaseTypeInfo(typeID).m_Size;
 			OX_ASSERT(size != 0 || typeID == BaseType_Evolved);
 			return size;
 		}
@@ -61,6 +54,13 @@ namespace Orvex
 		SRegister &SelectRegister(CVMRegID id) const
 		{
 			return m_Registers[std::size_t(id.ToSlot()) * kBanksPerSlot + (u32(id.ToBank()) - Compiler::MetaType_Constant)];
+		}
+
+		// SelectRegister without the id's assertions, for raw bits already known to be
+		// well-formed (CVMRegID::WellFormedBits) and inside the table.
+		SRegister &SelectWellFormed(u32 bits) const
+		{
+			return m_Registers[std::size_t(CVMRegID::SlotOf(bits)) * kBanksPerSlot + CVMRegID::BankIndexOf(bits)];
 		}
 
 		// The scratch buffer, lent to one evaluation at a time; hand it back with

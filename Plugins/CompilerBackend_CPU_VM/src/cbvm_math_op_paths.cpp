@@ -37,30 +37,29 @@ namespace Orvex
 			const bool hasSrc1 = src1._ValidAndWellFormed();
 			const bool broadcast1 = evalCount != 1 && hasSrc1 && src1.ToBank() < Compiler::MetaType_Instance;
 
-			const EBaseTypeID type = src0.ToType();
-			const bool isFloat = type == BaseType_Float || type == BaseType_Float2 || type == BaseType_Float3 || type == BaseType_Float4 || type == BaseType_Quaternion;
-			if (isFloat)
+			const SBaseTypeInfo &type = BaseTypeInfo(src0.ToType());
+			const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(op);
+			if (type.m_Kind == ElementKind_Float)
 			{
-				if (op == SOp_MathOp::Op_Mod && broadcast1)
+				if (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod && broadcast1)
 					return broadcast0 ? PathDifference_FloatModOfConstants : PathDifference_FloatModByConstant;
-				if (op == SOp_MathOp::Op_Neg && broadcast0)
+				if (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg && broadcast0)
 					return PathDifference_FloatNegOfConstant;
 				return PathDifference_None;
 			}
 
 			// Integers: the block paths run on whole 12-integer blocks when the constant's
 			// first four broadcast words are equal.
-			const u32 components = CCBCPUMetaRegisters::m_DataTypeSizeInBytes[u32(s32(type) + 1) < kBaseTypeTableSize ? s32(type) + 1 : 0] / 4;
+			const u32 components = type.m_Kind != ElementKind_None ? type.m_Components : 0;
 			if (!broadcast1 || components == 0 || u64(evalCount) * components < 12)
 				return PathDifference_None;
 			const s32 *constant = static_cast<const s32 *>(registers.SelectRegister(src1).m_RawData);
 			for (u32 i = 1; i < 4; ++i)
 				if (constant[i % components] != constant[0])
 					return PathDifference_None;
-			const bool shift = op == SOp_MathOp::Op_Bitwise_ShiftLeft || op == SOp_MathOp::Op_Bitwise_ShiftRight || op == SOp_MathOp::Op_Bitwise_ShiftRightLogical;
-			if (shift && u32(constant[0]) > 31)
+			if (traits.m_IntKernel == SOp_MathOp::IntKernel_Shift && u32(constant[0]) > 31)
 				return PathDifference_ShiftCountAbove31;
-			if (op == SOp_MathOp::Op_Div && u32(constant[0]) == 0x80000000u)
+			if (traits.m_IntKernel == SOp_MathOp::IntKernel_Div && u32(constant[0]) == 0x80000000u)
 				return PathDifference_DivByIntMin;
 			return PathDifference_None;
 		}

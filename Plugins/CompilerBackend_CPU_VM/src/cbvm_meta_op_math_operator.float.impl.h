@@ -18,6 +18,7 @@
 // Every kernel has the signature of FnOp2Stream and computes src0 op src1. Modulo and
 // negation have kernels of their own at the end of the file.
 
+#include "cbvm_math_op_lanes.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
 #include "kr_log_unique.h"
@@ -28,6 +29,7 @@
 #include "simd/sse/simd_vector.h"
 
 #include <array>
+#include <utility>
 
 namespace Orvex
 {
@@ -38,49 +40,6 @@ namespace Orvex
 		using SOp_MathOp = Compiler::IR::SOp_MathOp;
 
 		using FnOp2Stream = void (*)(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1);
-
-		// Kernel operators of the ten arithmetic and comparison kernels.
-		enum EOp2Type
-		{
-			Op2_Add = 0,
-			Op2_Sub = 1,
-			Op2_Mul = 2,
-			Op2_Div = 3,
-			Op2_LT = 4,
-			Op2_LE = 5,
-			Op2_GT = 6,
-			Op2_GE = 7,
-			Op2_EQ = 8,
-			Op2_NE = 9,
-		};
-		static_assert(Op2_Div == 3 && Op2_NE == 9, "EOp2Type values");
-
-		//--------------------------------------------------------------------------------
-		// Operators. _FlipArgs lets a kernel whose constant is src0 still pass the varying
-		// value first: Op(v, c) then computes c op v, i.e. src0 op src1 either way.
-
-		template <EOp2Type _Op, bool _FlipArgs>
-		struct TOp2Impl
-		{
-			static Float4 Op(const Float4 &a, const Float4 &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
-			static Scalar Op(const Scalar &a, const Scalar &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
-
-		private:
-			template <typename _Vector>
-			static _Vector _Op2(const _Vector &a, const _Vector &b)
-			{
-				if constexpr (_Op == Op2_Add) return a + b;
-				else if constexpr (_Op == Op2_Sub) return a - b;
-				else if constexpr (_Op == Op2_Mul) return a * b;
-				else if constexpr (_Op == Op2_Div) return a / b;	// true division, no reciprocal estimate
-				else if constexpr (_Op == Op2_LT) return a < b;	// ordered: false with a NaN
-				else if constexpr (_Op == Op2_LE) return a <= b;
-				else if constexpr (_Op == Op2_GT) return b < a;	// SSE has no ordered >: swap the operands
-				else if constexpr (_Op == Op2_GE) return b <= a;
-				else if constexpr (_Op == Op2_EQ) return a == b;
-				else return a != b;	// NE, unordered: true with a NaN, the exact negation of EQ
-			}
-		};
 
 		// One constant element replicated to fill a vector (N = 1, 2, 4).
 		template <int _Dimension>
@@ -539,56 +498,48 @@ namespace Orvex
 		};
 
 		//--------------------------------------------------------------------------------
-		// Kernel table, indexed by op * 4 + (N - 1). The bitwise operators have no float
-		// kernel (null entries).
+		// Kernel table, indexed by op * 4 + (N - 1), generated from the operator table: a
+		// lanewise operator gets the kernel of its lane operation, modulo and negation
+		// their own, and an operator without a float form (bitwise) a null entry.
 
 		using FloatKernelTable = std::array<FnOp2Stream, SOp_MathOp::__MaxOps * 4>;
 
-		template <EOp2Type _Op>
-		constexpr void _SetFloatRow(FloatKernelTable &table, SOp_MathOp::EOp op)
+		template <int _Dimension, u32 _Op>
+		constexpr FnOp2Stream _FloatKernelOf()
 		{
-			table[op * 4 + 0] = &SMathOpImpl<TVector<float, 1>>::template Op2StreamImpl<_Op>;
-			table[op * 4 + 1] = &SMathOpImpl<TVector<float, 2>>::template Op2StreamImpl<_Op>;
-			table[op * 4 + 2] = &SMathOpImpl<TVector<float, 3>>::template Op2StreamImpl<_Op>;
-			table[op * 4 + 3] = &SMathOpImpl<TVector<float, 4>>::template Op2StreamImpl<_Op>;
+			using Impl = SMathOpImpl<TVector<float, _Dimension>>;
+			constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+			if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Lanes)
+				return &Impl::template Op2StreamImpl<traits.m_FloatLane>;
+			else if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod)
+				return &Impl::Op2StreamImpl_Op2_Mod;
+			else if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg)
+				return &Impl::Op2StreamImpl_Op2_Neg;
+			else
+				return nullptr;
 		}
 
-		constexpr FloatKernelTable _BuildFloatKernelTable()
+		template <std::size_t... _Ops>
+		constexpr FloatKernelTable _BuildFloatKernelTable(std::index_sequence<_Ops...>)
 		{
 			FloatKernelTable table = {};
-			_SetFloatRow<Op2_Add>(table, SOp_MathOp::Op_Add);
-			_SetFloatRow<Op2_Sub>(table, SOp_MathOp::Op_Sub);
-			_SetFloatRow<Op2_Mul>(table, SOp_MathOp::Op_Mul);
-			_SetFloatRow<Op2_Div>(table, SOp_MathOp::Op_Div);
-			table[SOp_MathOp::Op_Mod * 4 + 0] = &SMathOpImpl<TVector<float, 1>>::Op2StreamImpl_Op2_Mod;
-			table[SOp_MathOp::Op_Mod * 4 + 1] = &SMathOpImpl<TVector<float, 2>>::Op2StreamImpl_Op2_Mod;
-			table[SOp_MathOp::Op_Mod * 4 + 2] = &SMathOpImpl<TVector<float, 3>>::Op2StreamImpl_Op2_Mod;
-			table[SOp_MathOp::Op_Mod * 4 + 3] = &SMathOpImpl<TVector<float, 4>>::Op2StreamImpl_Op2_Mod;
-			table[SOp_MathOp::Op_Neg * 4 + 0] = &SMathOpImpl<TVector<float, 1>>::Op2StreamImpl_Op2_Neg;
-			table[SOp_MathOp::Op_Neg * 4 + 1] = &SMathOpImpl<TVector<float, 2>>::Op2StreamImpl_Op2_Neg;
-			table[SOp_MathOp::Op_Neg * 4 + 2] = &SMathOpImpl<TVector<float, 3>>::Op2StreamImpl_Op2_Neg;
-			table[SOp_MathOp::Op_Neg * 4 + 3] = &SMathOpImpl<TVector<float, 4>>::Op2StreamImpl_Op2_Neg;
-			_SetFloatRow<Op2_LT>(table, SOp_MathOp::Op_Cmp_Lower);
-			_SetFloatRow<Op2_LE>(table, SOp_MathOp::Op_Cmp_LowerOrEqual);
-			_SetFloatRow<Op2_GT>(table, SOp_MathOp::Op_Cmp_Greater);
-			_SetFloatRow<Op2_GE>(table, SOp_MathOp::Op_Cmp_GreaterOrEqual);
-			_SetFloatRow<Op2_EQ>(table, SOp_MathOp::Op_Cmp_Equal);
-			_SetFloatRow<Op2_NE>(table, SOp_MathOp::Op_Cmp_NotEqual);
+			((table[_Ops * 4 + 0] = _FloatKernelOf<1, _Ops>(), table[_Ops * 4 + 1] = _FloatKernelOf<2, _Ops>(),
+			  table[_Ops * 4 + 2] = _FloatKernelOf<3, _Ops>(), table[_Ops * 4 + 3] = _FloatKernelOf<4, _Ops>()), ...);
 			return table;
 		}
 
-		inline constexpr FloatKernelTable _FnMathOpLookup = _BuildFloatKernelTable();
-		static_assert(_FnMathOpLookup.size() == 76, "19 operators x 4 dimensions");
-		constexpr u32 _CountFloatKernels(u32 first, u32 last)
+		inline constexpr FloatKernelTable _FnMathOpLookup = _BuildFloatKernelTable(std::make_index_sequence<SOp_MathOp::__MaxOps>());
+
+		// Every operator with a float form has a kernel of every dimension, and no other.
+		constexpr bool _FloatTableMatchesTraits()
 		{
-			u32 count = 0;
-			for (u32 i = first * 4; i < last * 4 + 4; ++i)
-				count += _FnMathOpLookup[i] != nullptr ? 1 : 0;
-			return count;
+			for (u32 i = 0; i < _FnMathOpLookup.size(); ++i)
+				if ((_FnMathOpLookup[i] != nullptr) != SOp_MathOp::kTraits[i / 4].FloatSupported())
+					return false;
+			return true;
 		}
-		static_assert(_CountFloatKernels(SOp_MathOp::Op_Add, SOp_MathOp::Op_Neg) == 24, "arithmetic, modulo and negation: every dimension");
-		static_assert(_CountFloatKernels(SOp_MathOp::Op_Bitwise_ShiftLeft, SOp_MathOp::Op_Bitwise_Not) == 0, "no float bitwise kernels");
-		static_assert(_CountFloatKernels(SOp_MathOp::Op_Cmp_Lower, SOp_MathOp::Op_Cmp_NotEqual) == 24, "comparisons: every dimension");
+		static_assert(_FnMathOpLookup.size() == 76, "19 operators x 4 dimensions");
+		static_assert(_FloatTableMatchesTraits(), "a float kernel exactly for the operators with a float form");
 
 		// The selector's checks, each an assertion, then the kernel when there is one. Out
 		// of line: ExecOperatorFloat comes here only when one of the checks fails.

@@ -14,11 +14,16 @@
 //   N = 3   Float4::LoadFloat3 / StoreFloat3           (8 + 4 bytes)
 //   N = 4   Float4::LoadAligned16 / StoreAligned16     (16 bytes, 16-byte aligned elements)
 
+#include "cbvm_math_op_lanes.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
 #include "mt_scalar_ops.h"
 #include "mt_vector.h"
 #include "simd/sse/simd_vector.h"
+
+#include <array>
+#include <type_traits>
+#include <utility>
 
 namespace Orvex
 {
@@ -27,28 +32,6 @@ namespace Orvex
 		using SIMD_SSE::Float4;
 		using SIMD_SSE::Scalar;
 		using SOp_MathOp = Compiler::IR::SOp_MathOp;
-
-		// The Low path's own two-operand operators. SL and SR exist for completeness of
-		// the set; the integer shifts are written out in the selector instead.
-		enum EOp2Type_Low
-		{
-			Op2_Low_Add = 0,
-			Op2_Low_Sub = 1,
-			Op2_Low_Mul = 2,
-			Op2_Low_Div = 3,
-			Op2_Low_LT = 4,
-			Op2_Low_LE = 5,
-			Op2_Low_GT = 6,
-			Op2_Low_GE = 7,
-			Op2_Low_EQ = 8,
-			Op2_Low_NE = 9,
-			Op2_Low_SL = 10,
-			Op2_Low_SR = 11,
-			Op2_Low_And = 12,
-			Op2_Low_Or = 13,
-			Op2_Low_Xor = 14,
-		};
-		static_assert(Op2_Low_NE == 9 && Op2_Low_Xor == 14, "EOp2Type_Low values");
 
 		//--------------------------------------------------------------------------------
 		// Element access: exactly N components in and out.
@@ -91,59 +74,6 @@ namespace Orvex
 		}
 
 		//--------------------------------------------------------------------------------
-		// Operators on whole elements.
-
-		// Float: IEEE single precision. Comparisons are ordered (false with a NaN) except
-		// NE, which is unordered so that it stays the exact negation of EQ; true is all
-		// 32 bits set, stored as is (not 1.0).
-		template <EOp2Type_Low _Op>
-		struct TOp2Impl_LowF32
-		{
-			static Scalar Op(const Scalar &a, const Scalar &b) { return _Op2(a, b); }
-			static Float4 Op(const Float4 &a, const Float4 &b) { return _Op2(a, b); }
-
-		private:
-			template <typename _Vector>
-			static _Vector _Op2(const _Vector &a, const _Vector &b)
-			{
-				if constexpr (_Op == Op2_Low_Add) return a + b;
-				else if constexpr (_Op == Op2_Low_Sub) return a - b;
-				else if constexpr (_Op == Op2_Low_Mul) return a * b;
-				else if constexpr (_Op == Op2_Low_Div) return a / b;
-				else if constexpr (_Op == Op2_Low_LT) return a < b;
-				else if constexpr (_Op == Op2_Low_LE) return a <= b;
-				else if constexpr (_Op == Op2_Low_GT) return a > b;
-				else if constexpr (_Op == Op2_Low_GE) return a >= b;
-				else if constexpr (_Op == Op2_Low_EQ) return a == b;
-				else if constexpr (_Op == Op2_Low_NE) return a != b;
-				else static_assert(_Op == Op2_Low_Add, "no float kernel for this operator");
-			}
-		};
-
-		// Signed 32-bit lanes: comparisons give -1 / 0, LE, GE and NE are complements of
-		// GT, LT and EQ (SSE2 has no other integer compares).
-		template <EOp2Type_Low _Op>
-		struct TOp2Impl_LowS32
-		{
-			static Float4 Op(const Float4 &a, const Float4 &b)
-			{
-				if constexpr (_Op == Op2_Low_LT) return a.CmpLtInt32(b);
-				else if constexpr (_Op == Op2_Low_LE) return ~a.CmpGtInt32(b);
-				else if constexpr (_Op == Op2_Low_GT) return a.CmpGtInt32(b);
-				else if constexpr (_Op == Op2_Low_GE) return ~a.CmpLtInt32(b);
-				else if constexpr (_Op == Op2_Low_EQ) return a.CmpEqInt32(b);
-				else if constexpr (_Op == Op2_Low_NE) return ~a.CmpEqInt32(b);
-				else if constexpr (_Op == Op2_Low_And) return a & b;
-				else if constexpr (_Op == Op2_Low_Or) return a | b;
-				else if constexpr (_Op == Op2_Low_Xor) return a ^ b;
-				else static_assert(_Op == Op2_Low_LT, "no integer kernel for this operator");
-			}
-
-			// Lane 0 of the four-lane form: the other lanes are never stored.
-			static Scalar Op(const Scalar &a, const Scalar &b) { return Scalar(Op(Float4(a.m_Value), Float4(b.m_Value)).m_Value); }
-		};
-
-		//--------------------------------------------------------------------------------
 		// Loops. Every one has the same shape: nothing when dst is not below dstEnd, then
 		// one element per iteration, sources advanced by their byte strides.
 
@@ -178,8 +108,9 @@ namespace Orvex
 			} while (dstStream < dstStreamEnd);
 		}
 
-		// Unary operators read source 0 only.
-		template <int _Dimension, typename _ScalarType, _ScalarType (*_Fn)(_ScalarType)>
+		// Unary operators read source 0 only. _Fn: a one-operand rule, or an integer rule of
+		// the operator table (two operands, the second ignored).
+		template <int _Dimension, typename _ScalarType, auto _Fn>
 		inline void _LowUnaryLoop(_ScalarType *dstStream, const _ScalarType *dstStreamEnd, const _ScalarType *srcStream0, u32 stride0, const void *srcStream1)
 		{
 			OX_ASSERT(srcStream1 == null);
@@ -188,14 +119,29 @@ namespace Orvex
 			do
 			{
 				for (int k = 0; k < _Dimension; ++k)
-					dstStream[k] = _Fn(srcStream0[k]);
+				{
+					if constexpr (std::is_invocable_v<decltype(_Fn), _ScalarType>)
+						dstStream[k] = _Fn(srcStream0[k]);
+					else
+						dstStream[k] = _Fn(srcStream0[k], _ScalarType());
+				}
 				dstStream += _Dimension;
 				srcStream0 = _AdvanceBytes(srcStream0, stride0);
 			} while (dstStream < dstStreamEnd);
 		}
 
 		//--------------------------------------------------------------------------------
-		// Stream kernels.
+		// Stream kernels: element by element through a lane operation, each asserting the
+		// source strides again.
+
+		// An integer lane operation on whole elements: the four-lane vector form, whose
+		// lane 0 alone is stored for one component.
+		template <u32 _Op>
+		struct TLowIntLanes
+		{
+			static Float4 Op(const Float4 &a, const Float4 &b) { return TIntLanes<_Op>::Vector(a, b); }
+			static Scalar Op(const Scalar &a, const Scalar &b) { return Scalar(Op(Float4(a.m_Value), Float4(b.m_Value)).m_Value); }
+		};
 
 		template <typename _Type>
 		struct SMathOpImpl_Low;
@@ -205,12 +151,12 @@ namespace Orvex
 		{
 			using _ScalarType = float;
 
-			template <EOp2Type_Low _Op>
+			template <EOp2Type _Op>
 			static void Op2StreamImpl(float *dstStream, const float *dstStreamEnd, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1)
 			{
 				OX_ASSERT(stride0 == _Dimension * sizeof(float) || stride0 == 0);
 				OX_ASSERT(stride1 == _Dimension * sizeof(float) || stride1 == 0);
-				_LowElementLoop<_Dimension, TOp2Impl_LowF32<_Op>>(dstStream, dstStreamEnd, srcStream0, stride0, srcStream1, stride1);
+				_LowElementLoop<_Dimension, TOp2Impl<_Op, false>>(dstStream, dstStreamEnd, srcStream0, stride0, srcStream1, stride1);
 			}
 
 			static void Op2StreamImpl_Op2_Low_Mod(float *dstStream, const float *dstStreamEnd, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1)
@@ -226,17 +172,81 @@ namespace Orvex
 		{
 			using _ScalarType = s32;
 
-			template <EOp2Type_Low _Op>
+			template <u32 _Op>
 			static void Op2StreamImpl(s32 *dstStream, const s32 *dstStreamEnd, const s32 *srcStream0, u32 stride0, const s32 *srcStream1, u32 stride1)
 			{
 				OX_ASSERT(stride0 == _Dimension * sizeof(s32) || stride0 == 0);
 				OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
-				_LowElementLoop<_Dimension, TOp2Impl_LowS32<_Op>>(dstStream, dstStreamEnd, srcStream0, stride0, srcStream1, stride1);
+				_LowElementLoop<_Dimension, TLowIntLanes<_Op>>(dstStream, dstStreamEnd, srcStream0, stride0, srcStream1, stride1);
 			}
 		};
 
 		//--------------------------------------------------------------------------------
-		// Operator selectors, called once per instruction by the Low entry points.
+		// Kernel tables, one entry per operator and dimension, generated from the operator
+		// table. Floats: a lanewise operator by its lane operation, modulo and negation by
+		// their scalar rules. Integers: the bitwise lanes and the comparisons by their
+		// vector lanes through Op2StreamImpl; the arithmetic, the shifts and the unary
+		// operators component by component through their scalar rule.
+
+		using FnLowKernel = void (*)(void *dst, const void *dstEnd, const void *src0, u32 stride0, const void *src1, u32 stride1);
+
+		template <int _Dimension, u32 _Op>
+		void _LowFloatKernel(void *dst, const void *dstEnd, const void *src0, u32 stride0, const void *src1, u32 stride1)
+		{
+			using Impl = SMathOpImpl_Low<TVector<float, _Dimension>>;
+			constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+			float *d = static_cast<float *>(dst);
+			const float *e = static_cast<const float *>(dstEnd), *a = static_cast<const float *>(src0), *b = static_cast<const float *>(src1);
+			if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Lanes)
+				Impl::template Op2StreamImpl<traits.m_FloatLane>(d, e, a, stride0, b, stride1);
+			else if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod)
+				Impl::Op2StreamImpl_Op2_Low_Mod(d, e, a, stride0, b, stride1);
+			else
+				_LowUnaryLoop<_Dimension, float, &ScalarOps::NegF32>(d, e, a, stride0, src1);
+		}
+
+		// The integer operators whose Low kernel is a vector lane operation (and, or, xor,
+		// the comparisons); the others are computed by their scalar rule.
+		constexpr bool _LowIntHasVectorLanes(const SOp_MathOp::STraits &traits)
+		{
+			return traits.m_IntKernel == SOp_MathOp::IntKernel_Lanes && (traits.m_FloatKernel == SOp_MathOp::FloatKernel_None || traits.m_FloatLane >= Op2_LT);
+		}
+
+		template <int _Dimension, u32 _Op>
+		void _LowIntKernel(void *dst, const void *dstEnd, const void *src0, u32 stride0, const void *src1, u32 stride1)
+		{
+			using Impl = SMathOpImpl_Low<TVector<int, _Dimension>>;
+			constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+			s32 *d = static_cast<s32 *>(dst);
+			const s32 *e = static_cast<const s32 *>(dstEnd), *a = static_cast<const s32 *>(src0), *b = static_cast<const s32 *>(src1);
+			if constexpr (_LowIntHasVectorLanes(traits))
+				Impl::template Op2StreamImpl<_Op>(d, e, a, stride0, b, stride1);
+			else if constexpr (traits.m_ParameterCount == 1)
+				_LowUnaryLoop<_Dimension, s32, traits.m_IntRule>(d, e, a, stride0, src1);
+			else
+				_LowComponentLoop<_Dimension, s32, traits.m_IntRule>(d, e, a, stride0, b, stride1);
+		}
+
+		template <int _Dimension, std::size_t... _Ops>
+		constexpr std::array<FnLowKernel, SOp_MathOp::__MaxOps> _BuildLowFloatTable(std::index_sequence<_Ops...>)
+		{
+			return {{(SOp_MathOp::kTraits[_Ops].FloatSupported() ? &_LowFloatKernel<_Dimension, _Ops> : nullptr)...}};
+		}
+
+		template <int _Dimension, std::size_t... _Ops>
+		constexpr std::array<FnLowKernel, SOp_MathOp::__MaxOps> _BuildLowIntTable(std::index_sequence<_Ops...>)
+		{
+			return {{&_LowIntKernel<_Dimension, _Ops>...}};
+		}
+
+		template <int _Dimension>
+		inline constexpr std::array<FnLowKernel, SOp_MathOp::__MaxOps> _FnLowFloat = _BuildLowFloatTable<_Dimension>(std::make_index_sequence<SOp_MathOp::__MaxOps>());
+		template <int _Dimension>
+		inline constexpr std::array<FnLowKernel, SOp_MathOp::__MaxOps> _FnLowInt = _BuildLowIntTable<_Dimension>(std::make_index_sequence<SOp_MathOp::__MaxOps>());
+
+		//--------------------------------------------------------------------------------
+		// Operator selectors, called once per instruction by the Low entry points. Their
+		// checks, each an assertion: alignment, pointers, then the source strides.
 
 		template <int _Dimension>
 		void ExecOperatorFloat_Low(SOp_MathOp::EOp op, void *evalInto, u32 evalCount, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
@@ -249,29 +259,14 @@ namespace Orvex
 			OX_ASSERT(stride0 == _Dimension * sizeof(float) || stride0 == 0);
 			OX_ASSERT(stride1 == _Dimension * sizeof(float) || stride1 == 0);
 
-			using Impl = SMathOpImpl_Low<TVector<float, _Dimension>>;
-			float *dst = static_cast<float *>(evalInto);
-			const float *dstEnd = dst + std::size_t(evalCount) * _Dimension;
-			const float *src0 = static_cast<const float *>(datasrc0);
-			const float *src1 = static_cast<const float *>(datasrc1);
-			switch (op)
+			const FnLowKernel fn = u32(op) < u32(SOp_MathOp::__MaxOps) ? _FnLowFloat<_Dimension>[op] : nullptr;
+			if (fn == nullptr)
 			{
-			case SOp_MathOp::Op_Add: Impl::template Op2StreamImpl<Op2_Low_Add>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Sub: Impl::template Op2StreamImpl<Op2_Low_Sub>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Mul: Impl::template Op2StreamImpl<Op2_Low_Mul>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Div: Impl::template Op2StreamImpl<Op2_Low_Div>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Mod: Impl::Op2StreamImpl_Op2_Low_Mod(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Neg: _LowUnaryLoop<_Dimension, float, &ScalarOps::NegF32>(dst, dstEnd, src0, stride0, datasrc1); return;
-			case SOp_MathOp::Op_Cmp_Lower: Impl::template Op2StreamImpl<Op2_Low_LT>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_LowerOrEqual: Impl::template Op2StreamImpl<Op2_Low_LE>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_Greater: Impl::template Op2StreamImpl<Op2_Low_GT>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_GreaterOrEqual: Impl::template Op2StreamImpl<Op2_Low_GE>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_Equal: Impl::template Op2StreamImpl<Op2_Low_EQ>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_NotEqual: Impl::template Op2StreamImpl<Op2_Low_NE>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			default:	// the bitwise operators, and any value past the operator set
+				// The bitwise operators, and any value past the operator set.
 				OX_ASSERT_FORMAT(false, "[Backend CPU-VM]: Invalid Operation: logical ops cannot be applied to 'float' type");
 				return;
 			}
+			fn(evalInto, static_cast<float *>(evalInto) + std::size_t(evalCount) * _Dimension, datasrc0, stride0, datasrc1, stride1);
 		}
 
 		template <int _Dimension>
@@ -285,36 +280,12 @@ namespace Orvex
 			OX_ASSERT(stride0 == _Dimension * sizeof(s32) || stride0 == 0);
 			OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
 
-			using Impl = SMathOpImpl_Low<TVector<int, _Dimension>>;
-			s32 *dst = static_cast<s32 *>(evalInto);
-			const s32 *dstEnd = dst + std::size_t(evalCount) * _Dimension;
-			const s32 *src0 = static_cast<const s32 *>(datasrc0);
-			const s32 *src1 = static_cast<const s32 *>(datasrc1);
-			switch (op)
+			if (u32(op) >= u32(SOp_MathOp::__MaxOps))
 			{
-			case SOp_MathOp::Op_Add: _LowComponentLoop<_Dimension, s32, &ScalarOps::AddS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Sub: _LowComponentLoop<_Dimension, s32, &ScalarOps::SubS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Mul: _LowComponentLoop<_Dimension, s32, &ScalarOps::MulS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Div: _LowComponentLoop<_Dimension, s32, &ScalarOps::DivS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Mod: _LowComponentLoop<_Dimension, s32, &ScalarOps::ModS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Neg: _LowUnaryLoop<_Dimension, s32, &ScalarOps::NegS32>(dst, dstEnd, src0, stride0, datasrc1); return;
-			case SOp_MathOp::Op_Bitwise_ShiftLeft: _LowComponentLoop<_Dimension, s32, &ScalarOps::ShlS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_ShiftRight: _LowComponentLoop<_Dimension, s32, &ScalarOps::SarS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_ShiftRightLogical: _LowComponentLoop<_Dimension, s32, &ScalarOps::ShrS32>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_And: Impl::template Op2StreamImpl<Op2_Low_And>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_Or: Impl::template Op2StreamImpl<Op2_Low_Or>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_Xor: Impl::template Op2StreamImpl<Op2_Low_Xor>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Bitwise_Not: _LowUnaryLoop<_Dimension, s32, &ScalarOps::NotS32>(dst, dstEnd, src0, stride0, datasrc1); return;
-			case SOp_MathOp::Op_Cmp_Lower: Impl::template Op2StreamImpl<Op2_Low_LT>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_LowerOrEqual: Impl::template Op2StreamImpl<Op2_Low_LE>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_Greater: Impl::template Op2StreamImpl<Op2_Low_GT>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_GreaterOrEqual: Impl::template Op2StreamImpl<Op2_Low_GE>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_Equal: Impl::template Op2StreamImpl<Op2_Low_EQ>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			case SOp_MathOp::Op_Cmp_NotEqual: Impl::template Op2StreamImpl<Op2_Low_NE>(dst, dstEnd, src0, stride0, src1, stride1); return;
-			default:
 				OX_ASSERT_FORMAT(false, "[Backend CPU-VM]: Unsupported integer operation");
 				return;
 			}
+			_FnLowInt<_Dimension>[op](evalInto, static_cast<s32 *>(evalInto) + std::size_t(evalCount) * _Dimension, datasrc0, stride0, datasrc1, stride1);
 		}
 	}
 }

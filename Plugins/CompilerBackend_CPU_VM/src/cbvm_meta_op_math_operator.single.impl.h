@@ -28,6 +28,7 @@
 #include "simd/sse/simd_vector.h"
 
 #include <array>
+#include <utility>
 
 namespace Orvex
 {
@@ -46,23 +47,14 @@ namespace Orvex
 			__MaxKernelRows
 		};
 
-		constexpr EKernelRow _KernelRowOfType(EBaseTypeID type)
+		// The row of a type table entry: its element kind and component count.
+		constexpr EKernelRow _KernelRowOf(const SBaseTypeInfo &type)
 		{
-			switch (type)
+			switch (type.m_Kind)
 			{
-			case BaseType_Float: return Row_Float1;
-			case BaseType_Float2: return Row_Float2;
-			case BaseType_Float3: return Row_Float3;
-			case BaseType_Float4:
-			case BaseType_Quaternion: return Row_Float4;
-			case BaseType_I32:
-			case BaseType_Bool: return Row_Int1;
-			case BaseType_Int2:
-			case BaseType_Bool2: return Row_Int2;
-			case BaseType_Int3:
-			case BaseType_Bool3: return Row_Int3;
-			case BaseType_Int4:
-			case BaseType_Bool4: return Row_Int4;
+			case ElementKind_Float: return EKernelRow(Row_Float1 + type.m_Components - 1);
+			case ElementKind_Int:
+			case ElementKind_Bool: return EKernelRow(Row_Int1 + type.m_Components - 1);
 			default: return Row_None;
 			}
 		}
@@ -70,24 +62,20 @@ namespace Orvex
 		constexpr u32 _RowComponents(EKernelRow row) { return row == Row_None ? 0u : (u32(row) - 1u) % 4u + 1u; }
 
 		// Indexed by a register id's 6-bit type field (type + 1): any field value is safe.
-		constexpr std::array<EKernelRow, 64> _BuildKernelRowOfTypeField()
-		{
-			std::array<EKernelRow, 64> rows = {};
-			for (u32 field = 0; field < 64; ++field)
-				rows[field] = _KernelRowOfType(EBaseTypeID(s32(field) - 1));
+		inline constexpr std::array<EKernelRow, kTypeFieldCount> _KernelRowOfTypeField = []() {
+			std::array<EKernelRow, kTypeFieldCount> rows = {};
+			for (u32 field = 0; field < kTypeFieldCount; ++field)
+				rows[field] = _KernelRowOf(kBaseTypes[field]);
 			return rows;
-		}
-		inline constexpr std::array<EKernelRow, 64> _KernelRowOfTypeField = _BuildKernelRowOfTypeField();
+		}();
 
 		// Element sizes by type field, 0 past the table: one load, no range test.
-		constexpr std::array<u32, 64> _BuildTypeFieldSizes()
-		{
-			std::array<u32, 64> sizes = {};
-			for (u32 field = 0; field < kBaseTypeTableSize; ++field)
-				sizes[field] = CCBCPUMetaRegisters::m_DataTypeSizeInBytes[field];
+		inline constexpr std::array<u32, kTypeFieldCount> _TypeFieldSizes = []() {
+			std::array<u32, kTypeFieldCount> sizes = {};
+			for (u32 field = 0; field < kTypeFieldCount; ++field)
+				sizes[field] = kBaseTypes[field].m_Size;
 			return sizes;
-		}
-		inline constexpr std::array<u32, 64> _TypeFieldSizes = _BuildTypeFieldSizes();
+		}();
 
 		// Every type with a kernel has the element size its kernel walks: 4 bytes per
 		// component. So "destination size == source 0 size" is all the one-element path
@@ -151,77 +139,70 @@ namespace Orvex
 		template <int _Dimension>
 		struct TSingleInt
 		{
-			template <s32 (*_Fn)(s32, s32)>
+			template <SOp_MathOp::FnIntRule _Fn>
 			static void Op2(void *dst, const void *src0, const void *src1)
 			{
 				for (int k = 0; k < _Dimension; ++k)
 					static_cast<s32 *>(dst)[k] = _Fn(static_cast<const s32 *>(src0)[k], static_cast<const s32 *>(src1)[k]);
 			}
 
-			template <s32 (*_Fn)(s32)>
+			// Source 1 is null for the unary operators: never read.
+			template <SOp_MathOp::FnIntRule _Fn>
 			static void Op1(void *dst, const void *src0, const void * /*src1*/)
 			{
 				for (int k = 0; k < _Dimension; ++k)
-					static_cast<s32 *>(dst)[k] = _Fn(static_cast<const s32 *>(src0)[k]);
+					static_cast<s32 *>(dst)[k] = _Fn(static_cast<const s32 *>(src0)[k], 0);
 			}
 		};
 
 		//--------------------------------------------------------------------------------
-		// Table indexed by op * __MaxKernelRows + row. Null where the stream path has no
-		// kernel either (row 0, the bitwise operators on floats): those instructions go
-		// through the selectors, which report them.
+		// Table indexed by op * __MaxKernelRows + row, generated from the operator table.
+		// Null where the stream path has no kernel either (row 0, the bitwise operators on
+		// floats): those instructions go through the selectors, which report them.
 
 		using SingleKernelTable = std::array<FnOp2Single, SOp_MathOp::__MaxOps * __MaxKernelRows>;
 
-		template <int _Dimension>
-		constexpr void _SetSingleRows(SingleKernelTable &t)
+		template <int _Dimension, u32 _Op>
+		constexpr FnOp2Single _SingleFloatOf()
 		{
 			using F = TSingleFloat<_Dimension>;
+			constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+			if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Lanes)
+				return &F::template Op2<traits.m_FloatLane>;
+			else if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod)
+				return &F::Mod;
+			else if constexpr (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg)
+				return &F::Neg;
+			else
+				return nullptr;
+		}
+
+		template <int _Dimension, u32 _Op>
+		constexpr FnOp2Single _SingleIntOf()
+		{
 			using I = TSingleInt<_Dimension>;
-			const u32 f = Row_Float1 + (_Dimension - 1), i = Row_Int1 + (_Dimension - 1);
-			auto at = [&t](SOp_MathOp::EOp op, u32 row) -> FnOp2Single & { return t[u32(op) * __MaxKernelRows + row]; };
+			constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+			if constexpr (traits.m_ParameterCount == 1)
+				return &I::template Op1<traits.m_IntRule>;
+			else
+				return &I::template Op2<traits.m_IntRule>;
+		}
 
-			at(SOp_MathOp::Op_Add, f) = &F::template Op2<Op2_Add>;
-			at(SOp_MathOp::Op_Sub, f) = &F::template Op2<Op2_Sub>;
-			at(SOp_MathOp::Op_Mul, f) = &F::template Op2<Op2_Mul>;
-			at(SOp_MathOp::Op_Div, f) = &F::template Op2<Op2_Div>;
-			at(SOp_MathOp::Op_Mod, f) = &F::Mod;
-			at(SOp_MathOp::Op_Neg, f) = &F::Neg;
-			at(SOp_MathOp::Op_Cmp_Lower, f) = &F::template Op2<Op2_LT>;
-			at(SOp_MathOp::Op_Cmp_LowerOrEqual, f) = &F::template Op2<Op2_LE>;
-			at(SOp_MathOp::Op_Cmp_Greater, f) = &F::template Op2<Op2_GT>;
-			at(SOp_MathOp::Op_Cmp_GreaterOrEqual, f) = &F::template Op2<Op2_GE>;
-			at(SOp_MathOp::Op_Cmp_Equal, f) = &F::template Op2<Op2_EQ>;
-			at(SOp_MathOp::Op_Cmp_NotEqual, f) = &F::template Op2<Op2_NE>;
-
-			at(SOp_MathOp::Op_Add, i) = &I::template Op2<&ScalarOps::AddS32>;
-			at(SOp_MathOp::Op_Sub, i) = &I::template Op2<&ScalarOps::SubS32>;
-			at(SOp_MathOp::Op_Mul, i) = &I::template Op2<&ScalarOps::MulS32>;
-			at(SOp_MathOp::Op_Div, i) = &I::template Op2<&ScalarOps::DivS32>;
-			at(SOp_MathOp::Op_Mod, i) = &I::template Op2<&ScalarOps::ModS32>;
-			at(SOp_MathOp::Op_Neg, i) = &I::template Op1<&ScalarOps::NegS32>;
-			at(SOp_MathOp::Op_Bitwise_ShiftLeft, i) = &I::template Op2<&ScalarOps::ShlS32>;
-			at(SOp_MathOp::Op_Bitwise_ShiftRight, i) = &I::template Op2<&ScalarOps::SarS32>;
-			at(SOp_MathOp::Op_Bitwise_ShiftRightLogical, i) = &I::template Op2<&ScalarOps::ShrS32>;
-			at(SOp_MathOp::Op_Bitwise_And, i) = &I::template Op2<&ScalarOps::AndS32>;
-			at(SOp_MathOp::Op_Bitwise_Or, i) = &I::template Op2<&ScalarOps::OrS32>;
-			at(SOp_MathOp::Op_Bitwise_Xor, i) = &I::template Op2<&ScalarOps::XorS32>;
-			at(SOp_MathOp::Op_Bitwise_Not, i) = &I::template Op1<&ScalarOps::NotS32>;
-			at(SOp_MathOp::Op_Cmp_Lower, i) = &I::template Op2<&ScalarOps::CmpLtS32>;
-			at(SOp_MathOp::Op_Cmp_LowerOrEqual, i) = &I::template Op2<&ScalarOps::CmpLeS32>;
-			at(SOp_MathOp::Op_Cmp_Greater, i) = &I::template Op2<&ScalarOps::CmpGtS32>;
-			at(SOp_MathOp::Op_Cmp_GreaterOrEqual, i) = &I::template Op2<&ScalarOps::CmpGeS32>;
-			at(SOp_MathOp::Op_Cmp_Equal, i) = &I::template Op2<&ScalarOps::CmpEqS32>;
-			at(SOp_MathOp::Op_Cmp_NotEqual, i) = &I::template Op2<&ScalarOps::CmpNeS32>;
+		template <int _Dimension, std::size_t... _Ops>
+		constexpr void _SetSingleRows(SingleKernelTable &t, std::index_sequence<_Ops...>)
+		{
+			((t[_Ops * __MaxKernelRows + Row_Float1 + (_Dimension - 1)] = _SingleFloatOf<_Dimension, _Ops>(),
+			  t[_Ops * __MaxKernelRows + Row_Int1 + (_Dimension - 1)] = _SingleIntOf<_Dimension, _Ops>()), ...);
 		}
 
 		constexpr SingleKernelTable _BuildSingleKernelTable()
 		{
 			SingleKernelTable table = {};
-			_SetSingleRows<1>(table);
-			_SetSingleRows<2>(table);
-			_SetSingleRows<3>(table);
-			_SetSingleRows<4>(table);
+			constexpr auto ops = std::make_index_sequence<SOp_MathOp::__MaxOps>();
+			_SetSingleRows<1>(table, ops);
+			_SetSingleRows<2>(table, ops);
+			_SetSingleRows<3>(table, ops);
+			_SetSingleRows<4>(table, ops);
 			return table;
 		}
 

@@ -21,14 +21,17 @@
 // passed down to the loops, so that no assertion site is duplicated.
 
 #include "cbvm_meta_op_math_operator.int.impl.h"
+#include "cbvm_math_op_lanes.h"
 
 #include "kr_profiler.h"
 #include "mt_integer_tools.h"
 #include "mt_scalar_ops.h"
 #include "simd/sse/simd_vector.h"
 
+#include <array>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 namespace Orvex
 {
@@ -174,13 +177,6 @@ namespace Orvex
 
 			// Shifts by one count for every lane: the checked forms of Float4, or the
 			// *_Prechecked ones once the count is known to be at most 31.
-			enum EShiftKind
-			{
-				Shift_Left,
-				Shift_RightArith,
-				Shift_RightLogical,
-			};
-
 			template <EShiftKind _Kind, bool _Prechecked>
 			inline Float4 _Shift(const Float4 &a, u32 bits)
 			{
@@ -203,14 +199,15 @@ namespace Orvex
 					dstPtr[i] = _Fn(c.m_Src0[i], c.m_Src1[i]);
 			}
 
-			template <s32 (*_Fn)(s32)>
+			// A unary rule ignores its second operand: source 1 is never read.
+			template <s32 (*_Fn)(s32, s32)>
 			void _TailUnary(const SPackedCursor &c)
 			{
 				s32 *dstPtr = c.m_Dst;
 				const s32 *dstStop = c.m_DstStop;
 				OX_ASSERT(dstStop - dstPtr < 4*3);
 				for (std::ptrdiff_t i = 0; dstPtr + i < dstStop; ++i)
-					dstPtr[i] = _Fn(c.m_Src0[i]);
+					dstPtr[i] = _Fn(c.m_Src0[i], 0);
 			}
 
 			template <s32 (*_Scalar)(s32, s32), typename _Vector>
@@ -220,7 +217,7 @@ namespace Orvex
 				_Tail<_Scalar>(c);
 			}
 
-			template <s32 (*_Scalar)(s32), typename _Vector>
+			template <s32 (*_Scalar)(s32, s32), typename _Vector>
 			void _LanewiseUnary(SPackedCursor &c, bool prechecked, const _Vector &vectorFn)
 			{
 				_UnaryBlocks(c, prechecked, [&vectorFn](const Float4 &a, auto) { return vectorFn(a); });
@@ -439,6 +436,50 @@ namespace Orvex
 				}
 				_PerLane<_Scalar>(c, kShiftHazardFrom);
 			}
+
+			//------------------------------------------------------------------------------
+			// One kernel per operator, by the kind its row names.
+
+			using FnIntKernel = void (*)(SPackedCursor &c, bool aligned);
+
+			template <u32 _Op>
+			void _ExecLanes(SPackedCursor &c, bool aligned)
+			{
+				_Lanewise<SOp_MathOp::kTraits[_Op].m_IntRule>(c, aligned, [](const Float4 &a, const Float4 &b) { return TIntLanes<_Op>::Vector(a, b); });
+			}
+
+			// Source 1 is never read (and is null from the entry points).
+			template <u32 _Op>
+			void _ExecUnary(SPackedCursor &c, bool aligned)
+			{
+				const s32 *srcPtr1 = c.m_Src1;
+				OX_ASSERT(srcPtr1 == null);
+				_LanewiseUnary<SOp_MathOp::kTraits[_Op].m_IntRule>(c, aligned, [](const Float4 &a) { return TIntLanes<_Op>::Vector(a); });
+			}
+
+			template <u32 _Op>
+			constexpr FnIntKernel _IntKernelOf()
+			{
+				constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+				if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Lanes)
+					return &_ExecLanes<_Op>;
+				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Unary)
+					return &_ExecUnary<_Op>;
+				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Div)
+					return &_ExecDiv;
+				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Mod)
+					return &_ExecMod;
+				else
+					return &_ExecShift<traits.m_IntRule, TIntLanes<_Op>::kShift>;
+			}
+
+			template <std::size_t... _Ops>
+			constexpr std::array<FnIntKernel, SOp_MathOp::__MaxOps> _BuildIntKernelTable(std::index_sequence<_Ops...>)
+			{
+				return {{_IntKernelOf<_Ops>()...}};
+			}
+
+			constexpr std::array<FnIntKernel, SOp_MathOp::__MaxOps> kIntKernels = _BuildIntKernelTable(std::make_index_sequence<SOp_MathOp::__MaxOps>());
 		}
 
 		void _ExecIntOperatorPacked(SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)
@@ -451,52 +492,14 @@ namespace Orvex
 				OX_ASSERT_ALIGNED16(srcPtr0);
 				OX_ASSERT_ALIGNED16(srcPtr1);
 			}
-
-			SPackedCursor c = {dstPtr, dstStop, srcPtr0, stride0, srcPtr1, stride1};
-			switch (op)
+			if (u32(op) >= u32(SOp_MathOp::__MaxOps))
 			{
-			// ---- Add, Sub, Mul (wrapping; SSE2 has no 32-bit multiply, MulLoInt32 builds it)
-			case SOp_MathOp::Op_Add: _Lanewise<&ScalarOps::AddS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.AddInt32(b); }); return;
-			case SOp_MathOp::Op_Sub: _Lanewise<&ScalarOps::SubS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.SubInt32(b); }); return;
-			case SOp_MathOp::Op_Mul: _Lanewise<&ScalarOps::MulS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.MulLoInt32(b); }); return;
-
-			// ---- Div, Mod
-			case SOp_MathOp::Op_Div: _ExecDiv(c, aligned); return;
-			case SOp_MathOp::Op_Mod: _ExecMod(c, aligned); return;
-
-			// ---- Neg (0 - a: INT_MIN stays INT_MIN), Not; source 1 is never read
-			case SOp_MathOp::Op_Neg:
-				OX_ASSERT(srcPtr1 == null);
-				_LanewiseUnary<&ScalarOps::NegS32>(c, aligned, [](const Float4 &a) { return Float4::Zero().SubInt32(a); });
-				return;
-			case SOp_MathOp::Op_Bitwise_Not:
-				OX_ASSERT(srcPtr1 == null);
-				_LanewiseUnary<&ScalarOps::NotS32>(c, aligned, [](const Float4 &a) { return ~a; });
-				return;
-
-			// ---- Shifts
-			case SOp_MathOp::Op_Bitwise_ShiftLeft: _ExecShift<&ScalarOps::ShlS32, Shift_Left>(c, aligned); return;
-			case SOp_MathOp::Op_Bitwise_ShiftRight: _ExecShift<&ScalarOps::SarS32, Shift_RightArith>(c, aligned); return;
-			case SOp_MathOp::Op_Bitwise_ShiftRightLogical: _ExecShift<&ScalarOps::ShrS32, Shift_RightLogical>(c, aligned); return;
-
-			// ---- And, Or, Xor
-			case SOp_MathOp::Op_Bitwise_And: _Lanewise<&ScalarOps::AndS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a & b; }); return;
-			case SOp_MathOp::Op_Bitwise_Or: _Lanewise<&ScalarOps::OrS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a | b; }); return;
-			case SOp_MathOp::Op_Bitwise_Xor: _Lanewise<&ScalarOps::XorS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a ^ b; }); return;
-
-			// ---- Comparisons (signed). SSE2 only compares for <, > and ==: the other three
-			// are their complements.
-			case SOp_MathOp::Op_Cmp_Lower: _Lanewise<&ScalarOps::CmpLtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpLtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_LowerOrEqual: _Lanewise<&ScalarOps::CmpLeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpGtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_Greater: _Lanewise<&ScalarOps::CmpGtS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpGtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_GreaterOrEqual: _Lanewise<&ScalarOps::CmpGeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpLtInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_Equal: _Lanewise<&ScalarOps::CmpEqS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return a.CmpEqInt32(b); }); return;
-			case SOp_MathOp::Op_Cmp_NotEqual: _Lanewise<&ScalarOps::CmpNeS32>(c, aligned, [](const Float4 &a, const Float4 &b) { return ~a.CmpEqInt32(b); }); return;
-
-			default:	// past the operator set: nothing is written
+				// Past the operator set: nothing is written.
 				OX_ASSERT_NOT_REACHED();
 				return;
 			}
+			SPackedCursor c = {dstPtr, dstStop, srcPtr0, stride0, srcPtr1, stride1};
+			kIntKernels[op](c, aligned);
 		}
 	}
 }

@@ -14,19 +14,16 @@ namespace Orvex
 		{
 			using SOp_MathOp = Compiler::IR::SOp_MathOp;
 
-			constexpr u32 kMissing = 0xFFFFFFFFu;		// CVMRegID::INVALID
-			constexpr u32 kWellFormedLimit = 0x40000000u;	// bits 30-31 clear
+			constexpr u32 kMissing = CVMRegID::kInvalidBits;
+			constexpr u32 kWellFormedLimit = CVMRegID::kWellFormedLimit;
 
 			// Register id fields, read without the accessors' assertions.
-			u32 _Slot(u32 bits) { return bits & Compiler::IR::CRegID::RegisterSlotMask; }
-			u32 _BankIndex(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterBankShift) & 3u; }	// bank - 1
-			u32 _TypeIndex(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterTypeShift) & 63u; }	// type + 1
-			bool _PerElement(u32 bits) { return _BankIndex(bits) + 1 >= Compiler::MetaType_Instance; }
-			u32 _ElementSize(u32 bits)
-			{
-				const u32 index = _TypeIndex(bits);
-				return index < kBaseTypeTableSize ? CCBCPUMetaRegisters::m_DataTypeSizeInBytes[index] : 0;
-			}
+			u32 _Slot(u32 bits) { return CVMRegID::SlotOf(bits); }
+			u32 _BankIndex(u32 bits) { return CVMRegID::BankIndexOf(bits); }
+			u32 _TypeIndex(u32 bits) { return CVMRegID::TypeFieldOf(bits); }
+			bool _PerElement(u32 bits) { return CVMRegID::PerElementOf(bits); }
+			const SBaseTypeInfo &_TypeInfo(u32 bits) { return kBaseTypes[CVMRegID::TypeFieldOf(bits)]; }
+			u32 _ElementSize(u32 bits) { return _TypeInfo(bits).m_Size; }
 
 			// "stream.3:float3", as the tools write registers.
 			struct SRegisterText
@@ -45,7 +42,7 @@ namespace Orvex
 			};
 
 			// The kernel a source type runs through (bools through the integer kernels,
-			// quaternions through the four-float one).
+			// quaternions through the four-float one): the type table's kind.
 			struct SKernelType
 			{
 				bool m_Supported = false;
@@ -55,21 +52,15 @@ namespace Orvex
 
 			SKernelType _KernelType(u32 bits)
 			{
-				const EBaseTypeID type = EBaseTypeID(s32(_TypeIndex(bits)) - 1);
-				if (type >= BaseType_Bool && type <= BaseType_Bool4)
-					return {true, false, u32(type - BaseType_Bool) + 1};
-				if (type >= BaseType_I32 && type <= BaseType_Int4)
-					return {true, false, u32(type - BaseType_I32) + 1};
-				if (type >= BaseType_Float && type <= BaseType_Float4)
-					return {true, true, u32(type - BaseType_Float) + 1};
-				if (type == BaseType_Quaternion)
-					return {true, true, 4};
-				return {};
+				const SBaseTypeInfo &type = _TypeInfo(bits);
+				if (type.m_Kind == ElementKind_None)
+					return {};
+				return {true, type.m_Kind == ElementKind_Float, type.m_Components};
 			}
 
 			bool _IsShift(SOp_MathOp::EOp op)
 			{
-				return op == SOp_MathOp::Op_Bitwise_ShiftLeft || op == SOp_MathOp::Op_Bitwise_ShiftRight || op == SOp_MathOp::Op_Bitwise_ShiftRightLogical;
+				return SOp_MathOp::OperatorTraits(op).m_IntKernel == SOp_MathOp::IntKernel_Shift;
 			}
 
 			// Size of the instruction at 'offset' when its opcode is a math op and it lies
@@ -202,7 +193,7 @@ namespace Orvex
 					if (ins.HasSrc1() && _TypeIndex(ins.m_Src1) != _TypeIndex(ins.m_Src0))
 						_Report(ins.m_Offset, VerifyError_SourceTypesDiffer, "source types differ: source 0 is %s, source 1 is %s", SRegisterText(ins.m_Src0).m_Text,
 								SRegisterText(ins.m_Src1).m_Text);
-					if (kernel.m_Supported && kernel.m_Float && !traits.m_FloatSupported)
+					if (kernel.m_Supported && kernel.m_Float && !traits.FloatSupported())
 						_Report(ins.m_Offset, VerifyError_BitwiseOnFloat, "'%s' is a bitwise operator: it takes int and bool operands, source 0 is %s", traits.m_Name,
 								SRegisterText(ins.m_Src0).m_Text);
 					if (kernel.m_Supported && _ElementSize(ins.m_Dst) != kernel.m_Components * 4)
@@ -258,7 +249,7 @@ namespace Orvex
 								m_Registers->m_Registers == nullptr ? 0u : m_SlotCount);
 						return;
 					}
-					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->m_Registers[std::size_t(slot) * CCBCPUMetaRegisters::kBanksPerSlot + _BankIndex(use.m_Bits)];
+					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(use.m_Bits);
 					if (entry.m_RawData == nullptr)
 					{
 						_Report(offset, VerifyError_NoStorage, "register %s has no storage (null data pointer)", name.m_Text);
@@ -285,11 +276,12 @@ namespace Orvex
 					const SKernelType kernel = _KernelType(ins.m_Src0);
 					const bool broadcast0 = !_PerElement(ins.m_Src0);
 					const bool broadcast1 = ins.HasSrc1() && !_PerElement(ins.m_Src1);
-					const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
-					if (kernel.m_Float && ins.m_Op == SOp_MathOp::Op_Neg && broadcast0)
+					const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(ins.m_Op);
+					const char *name = traits.m_Name;
+					if (kernel.m_Float && traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg && broadcast0)
 						_Report(ins.m_Offset, VerifyError_FloatNegOfConstant, "float 'neg' of %s (one value) into a per-element destination is refused by the standard path "
 								"(nothing written); negate into a constant register, or use 'sub' from zero", SRegisterText(ins.m_Src0).m_Text);
-					if (kernel.m_Float && ins.m_Op == SOp_MathOp::Op_Mod && broadcast0 && broadcast1)
+					if (kernel.m_Float && traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod && broadcast0 && broadcast1)
 						_Report(ins.m_Offset, VerifyError_FloatModOfConstants, "float 'mod' of two one-value sources (%s, %s) into a per-element destination is reported "
 								"by the standard path; compute it into a constant register", SRegisterText(ins.m_Src0).m_Text, SRegisterText(ins.m_Src1).m_Text);
 					if (kernel.m_Float || !_IsShift(ins.m_Op) || !broadcast1 || evalCount * kernel.m_Components < 12)
@@ -298,7 +290,7 @@ namespace Orvex
 					// is known here only when no instruction writes the count's bytes (under
 					// every flag: the value read now says nothing about the run otherwise).
 					const SRegisterText count(ins.m_Src1);
-					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->m_Registers[std::size_t(_Slot(ins.m_Src1)) * CCBCPUMetaRegisters::kBanksPerSlot + _BankIndex(ins.m_Src1)];
+					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(ins.m_Src1);
 					if (_WrittenByProgram(entry.m_RawData, kernel.m_Components * 4))
 					{
 						_Report(ins.m_Offset, VerifyError_ShiftCountUnchecked, "'%s' count register %s is written by this program: its value at run time is not checked here "
@@ -335,7 +327,7 @@ namespace Orvex
 						offset += need;
 						if (dst >= kWellFormedLimit || _Slot(dst) >= m_SlotCount)
 							continue;
-						const CCBCPUMetaRegisters::SRegister &written = m_Registers->m_Registers[std::size_t(_Slot(dst)) * CCBCPUMetaRegisters::kBanksPerSlot + _BankIndex(dst)];
+						const CCBCPUMetaRegisters::SRegister &written = m_Registers->SelectWellFormed(dst);
 						if (written.m_RawData == nullptr)
 							continue;
 						const u32 widest = _ElementSize(dst) > _ElementSize(src0) ? _ElementSize(dst) : _ElementSize(src0);

@@ -5,9 +5,31 @@
 
 #include "kr_assert.h"
 #include "kr_base_types.h"
+#include "mt_scalar_ops.h"
 
 namespace Orvex
 {
+	namespace MathOp
+	{
+		// The lane operations of the lanewise float kernels: one SSE operation per four
+		// components, the same operation on one lane in the scalar tails.
+		enum EOp2Type : u8
+		{
+			Op2_Add = 0,
+			Op2_Sub = 1,
+			Op2_Mul = 2,
+			Op2_Div = 3,
+			Op2_LT = 4,
+			Op2_LE = 5,
+			Op2_GT = 6,
+			Op2_GE = 7,
+			Op2_EQ = 8,
+			Op2_NE = 9,
+			Op2_None = 10,	// not a lanewise float operator
+		};
+		static_assert(Op2_Div == 3 && Op2_NE == 9, "EOp2Type values");
+	}
+
 	namespace Compiler
 	{
 		// How often a register's value varies. Constant and Normal registers hold one
@@ -134,7 +156,11 @@ namespace Orvex
 			};
 
 			//------------------------------------------------------------------------
-			// Math operators.
+			// Math operators: one row per operator in kTraits below. Every per-operator
+			// table of the VM (kernel tables of both execution paths, the one-element
+			// kernels, the verifier's rules, the path-difference classifier, the tools'
+			// mnemonics, the tests' model) is derived from that row and checked against
+			// it; adding an operator means one row here plus its kernels.
 
 			struct SOp_MathOp
 			{
@@ -165,12 +191,41 @@ namespace Orvex
 				static_assert(Op_Bitwise_ShiftLeft == 6 && Op_Bitwise_Not == 12, "EOp: bitwise");
 				static_assert(Op_Cmp_Lower == 13 && Op_Cmp_NotEqual == 18 && __MaxOps == 19, "EOp: comparisons");
 
+				// How the float kernels evaluate an operator.
+				enum EFloatKernel : u8
+				{
+					FloatKernel_None = 0,	// no float form (the bitwise operators): reported, nothing written
+					FloatKernel_Lanes,		// m_FloatLane on every component
+					FloatKernel_Mod,		// frac(a / b) * b, with a route per constant operand
+					FloatKernel_Neg,		// a sign flip of source 0
+				};
+
+				// How the integer kernels evaluate an operator (ints and bools).
+				enum EIntKernel : u8
+				{
+					IntKernel_Lanes = 0,	// one vector operation per four lanes, two sources
+					IntKernel_Unary,		// one vector operation per four lanes, source 0 only
+					IntKernel_Div,			// by a uniform constant: sign trick, shift or magic number; else per lane
+					IntKernel_Mod,			// the same, for the remainder
+					IntKernel_Shift,		// by a uniform count: one vector shift; else per lane (count & 31)
+				};
+
+				// A scalar rule: the operator on one 32-bit integer lane (ScalarOps); a unary
+				// rule ignores b.
+				using FnIntRule = s32 (*)(s32 a, s32 b);
+
 				struct STraits
 				{
-					u8 m_ParameterCount;	// read by the VM: 1 for unary operators, 2 otherwise
-					bool m_FloatSupported;	// the bitwise operators exist for integers and bools only
-					const char *m_Name;		// assembler / disassembler mnemonic
-					const char *m_Symbol;	// the operator as scripts write it
+					u8 m_ParameterCount;		// read by the VM: 1 for unary operators, 2 otherwise
+					const char *m_Name;			// assembler / disassembler mnemonic
+					const char *m_Symbol;		// the operator as scripts write it
+					EFloatKernel m_FloatKernel;
+					MathOp::EOp2Type m_FloatLane;		// for FloatKernel_Lanes, else Op2_None
+					EIntKernel m_IntKernel;
+					FnIntRule m_IntRule;		// the per-lane definition every integer path shares
+
+					// The bitwise operators exist for integers and bools only.
+					constexpr bool FloatSupported() const { return m_FloatKernel != FloatKernel_None; }
 				};
 
 				struct SDesc
@@ -183,27 +238,27 @@ namespace Orvex
 
 				// Indexed by EOp; constexpr so that the VM's hot path reads it without a call.
 				static constexpr STraits kTraits[__MaxOps] = {
-					{2, true, "add", "+"},
-					{2, true, "sub", "-"},
-					{2, true, "mul", "*"},
-					{2, true, "div", "/"},
-					{2, true, "mod", "%"},
-					{1, true, "neg", "-"},
-					{2, false, "shl", "<<"},
-					{2, false, "shr", ">>"},
-					{2, false, "shrl", ">>>"},
-					{2, false, "and", "&"},
-					{2, false, "or", "|"},
-					{2, false, "xor", "^"},
-					{1, false, "not", "~"},
-					{2, true, "cmplt", "<"},
-					{2, true, "cmple", "<="},
-					{2, true, "cmpgt", ">"},
-					{2, true, "cmpge", ">="},
-					{2, true, "cmpeq", "=="},
-					{2, true, "cmpne", "!="},
+					{2, "add", "+", FloatKernel_Lanes, MathOp::Op2_Add, IntKernel_Lanes, &ScalarOps::AddS32},
+					{2, "sub", "-", FloatKernel_Lanes, MathOp::Op2_Sub, IntKernel_Lanes, &ScalarOps::SubS32},
+					{2, "mul", "*", FloatKernel_Lanes, MathOp::Op2_Mul, IntKernel_Lanes, &ScalarOps::MulS32},
+					{2, "div", "/", FloatKernel_Lanes, MathOp::Op2_Div, IntKernel_Div, &ScalarOps::DivS32},
+					{2, "mod", "%", FloatKernel_Mod, MathOp::Op2_None, IntKernel_Mod, &ScalarOps::ModS32},
+					{1, "neg", "-", FloatKernel_Neg, MathOp::Op2_None, IntKernel_Unary, &ScalarOps::Unary<&ScalarOps::NegS32>},
+					{2, "shl", "<<", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::ShlS32},
+					{2, "shr", ">>", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::SarS32},
+					{2, "shrl", ">>>", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::ShrS32},
+					{2, "and", "&", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::AndS32},
+					{2, "or", "|", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::OrS32},
+					{2, "xor", "^", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::XorS32},
+					{1, "not", "~", FloatKernel_None, MathOp::Op2_None, IntKernel_Unary, &ScalarOps::Unary<&ScalarOps::NotS32>},
+					{2, "cmplt", "<", FloatKernel_Lanes, MathOp::Op2_LT, IntKernel_Lanes, &ScalarOps::CmpLtS32},
+					{2, "cmple", "<=", FloatKernel_Lanes, MathOp::Op2_LE, IntKernel_Lanes, &ScalarOps::CmpLeS32},
+					{2, "cmpgt", ">", FloatKernel_Lanes, MathOp::Op2_GT, IntKernel_Lanes, &ScalarOps::CmpGtS32},
+					{2, "cmpge", ">=", FloatKernel_Lanes, MathOp::Op2_GE, IntKernel_Lanes, &ScalarOps::CmpGeS32},
+					{2, "cmpeq", "==", FloatKernel_Lanes, MathOp::Op2_EQ, IntKernel_Lanes, &ScalarOps::CmpEqS32},
+					{2, "cmpne", "!=", FloatKernel_Lanes, MathOp::Op2_NE, IntKernel_Lanes, &ScalarOps::CmpNeS32},
 				};
-				static constexpr STraits kUnknownTraits = {2, false, "?", "?"};
+				static constexpr STraits kUnknownTraits = {2, "?", "?", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, nullptr};
 
 				// Traits of any value: an operator outside the set reads as a two-operand
 				// operator named "?", never outside the table.
@@ -218,10 +273,29 @@ namespace Orvex
 				static void DescToGeneric(const SDesc &desc, SOp_Generic &generic);
 			};
 
+			// The rows agree with themselves: one source exactly for the unary kernels, a
+			// lane exactly for the lanewise float kernels, a rule for every operator.
+			constexpr bool _TraitsAreConsistent()
+			{
+				using T = SOp_MathOp;
+				for (const T::STraits &t : T::kTraits)
+				{
+					if ((t.m_ParameterCount == 1) != (t.m_IntKernel == T::IntKernel_Unary) || t.m_ParameterCount < 1 || t.m_ParameterCount > 2)
+						return false;
+					if ((t.m_FloatKernel == T::FloatKernel_Lanes) != (t.m_FloatLane != MathOp::Op2_None))
+						return false;
+					if (t.m_FloatKernel == T::FloatKernel_Neg && t.m_ParameterCount != 1)
+						return false;
+					if (t.m_IntRule == nullptr || t.m_Name == nullptr || t.m_Symbol == nullptr)
+						return false;
+				}
+				return true;
+			}
 			static_assert(sizeof(SOp_MathOp::kTraits) / sizeof(SOp_MathOp::kTraits[0]) == SOp_MathOp::__MaxOps, "one traits entry per operator");
+			static_assert(_TraitsAreConsistent(), "each operator row agrees with itself");
 			static_assert(SOp_MathOp::OperatorTraits(SOp_MathOp::Op_Neg).m_ParameterCount == 1 && SOp_MathOp::OperatorTraits(SOp_MathOp::Op_Bitwise_Not).m_ParameterCount == 1, "the unary operators");
-			static_assert(!SOp_MathOp::kTraits[SOp_MathOp::Op_Bitwise_ShiftLeft].m_FloatSupported && !SOp_MathOp::kTraits[SOp_MathOp::Op_Bitwise_Not].m_FloatSupported &&
-						  SOp_MathOp::kTraits[SOp_MathOp::Op_Cmp_Lower].m_FloatSupported && SOp_MathOp::kTraits[SOp_MathOp::Op_Neg].m_FloatSupported, "bitwise operators are integer-only");
+			static_assert(!SOp_MathOp::kTraits[SOp_MathOp::Op_Bitwise_ShiftLeft].FloatSupported() && !SOp_MathOp::kTraits[SOp_MathOp::Op_Bitwise_Not].FloatSupported() &&
+						  SOp_MathOp::kTraits[SOp_MathOp::Op_Cmp_Lower].FloatSupported() && SOp_MathOp::kTraits[SOp_MathOp::Op_Neg].FloatSupported(), "bitwise operators are integer-only");
 			static_assert(SOp_MathOp::OperatorTraits(SOp_MathOp::EOp(200)).m_ParameterCount == 2, "an unknown operator reads as a two-operand one");
 		}
 	}

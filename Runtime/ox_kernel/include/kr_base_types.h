@@ -56,9 +56,81 @@ namespace Orvex
 
 	// Number of entries of a table indexed by (type + 1): Evolved .. Quaternion.
 	inline constexpr u32 kBaseTypeTableSize = u32(__MaxBaseTypes) + 1;
+	// Values of a register id's 6-bit type field (type + 1): the type table's size.
+	inline constexpr u32 kTypeFieldCount = 64;
+
+	// What the components of a value type are, as the math kernels see them.
+	enum EElementKind : u8
+	{
+		ElementKind_None = 0,	// no 32-bit lane kernel: void, 8/16/64-bit and unsigned integers, double
+		ElementKind_Float,		// 32-bit floats: float .. float4, quaternion
+		ElementKind_Int,		// signed 32-bit integers: i32 .. int4
+		ElementKind_Bool,		// 32-bit masks: bool .. bool4, run by the integer kernels
+	};
+
+	// One row per value type: every table indexed by type (names, element sizes, the
+	// kernels a type runs through) is this one or derived from it.
+	struct SBaseTypeInfo
+	{
+		const char *m_Name;		// as the assembler reads it
+		u32 m_Size;				// bytes of one element in a register: the stream stride
+		u8 m_Components;		// components of an element (0 for void and evolved)
+		EElementKind m_Kind;
+	};
+
+	// Indexed by the type field (type + 1), all 64 values: past Quaternion, "?" of size 0.
+	inline constexpr SBaseTypeInfo kBaseTypes[kTypeFieldCount] = {
+		{"evolved", 0, 0, ElementKind_None}, {"void", 0, 0, ElementKind_None},
+		{"bool", 4, 1, ElementKind_Bool}, {"bool2", 8, 2, ElementKind_Bool}, {"bool3", 12, 3, ElementKind_Bool}, {"bool4", 16, 4, ElementKind_Bool},
+		{"u8", 1, 1, ElementKind_None}, {"ubyte2", 2, 2, ElementKind_None}, {"ubyte3", 3, 3, ElementKind_None}, {"ubyte4", 4, 4, ElementKind_None},
+		{"i8", 1, 1, ElementKind_None}, {"byte2", 2, 2, ElementKind_None}, {"byte3", 3, 3, ElementKind_None}, {"byte4", 4, 4, ElementKind_None},
+		{"u16", 2, 1, ElementKind_None}, {"uword2", 4, 2, ElementKind_None}, {"uword3", 6, 3, ElementKind_None}, {"uword4", 8, 4, ElementKind_None},
+		{"i16", 2, 1, ElementKind_None}, {"word2", 4, 2, ElementKind_None}, {"word3", 6, 3, ElementKind_None}, {"word4", 8, 4, ElementKind_None},
+		{"u32", 4, 1, ElementKind_None}, {"uint2", 8, 2, ElementKind_None}, {"uint3", 12, 3, ElementKind_None}, {"uint4", 16, 4, ElementKind_None},
+		{"i32", 4, 1, ElementKind_Int}, {"int2", 8, 2, ElementKind_Int}, {"int3", 12, 3, ElementKind_Int}, {"int4", 16, 4, ElementKind_Int},
+		{"u64", 8, 1, ElementKind_None}, {"i64", 8, 1, ElementKind_None},
+		{"float", 4, 1, ElementKind_Float}, {"float2", 8, 2, ElementKind_Float}, {"float3", 12, 3, ElementKind_Float}, {"float4", 16, 4, ElementKind_Float},
+		{"double", 8, 1, ElementKind_None},
+		{"quaternion", 16, 4, ElementKind_Float},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+		{"?", 0, 0, ElementKind_None}, {"?", 0, 0, ElementKind_None},
+	};
+
+	// The row of any value: outside the enumeration, the "?" row.
+	constexpr const SBaseTypeInfo &BaseTypeInfo(EBaseTypeID type)
+	{
+		return kBaseTypes[u32(s32(type) + 1) < kTypeFieldCount ? u32(s32(type) + 1) : kTypeFieldCount - 1];
+	}
 
 	// Readable name of a value type; any value outside the enumeration gives "?".
-	const char *BaseTypeName(EBaseTypeID type);
+	constexpr const char *BaseTypeName(EBaseTypeID type) { return BaseTypeInfo(type).m_Name; }
+
+	// The rows agree with the enumeration: a kernel kind only for 32-bit components, the
+	// component count of every vector family, nothing past the last type.
+	constexpr bool _BaseTypesAreConsistent()
+	{
+		for (u32 field = 0; field < kTypeFieldCount; ++field)
+		{
+			const SBaseTypeInfo &t = kBaseTypes[field];
+			if (t.m_Kind != ElementKind_None && t.m_Size != 4u * t.m_Components)
+				return false;
+			if (field >= kBaseTypeTableSize && (t.m_Size != 0 || t.m_Name[0] != '?'))
+				return false;
+		}
+		return true;
+	}
+	static_assert(sizeof(kBaseTypes) / sizeof(kBaseTypes[0]) == kTypeFieldCount, "one row per type field");
+	static_assert(_BaseTypesAreConsistent(), "a kernel kind only for 32-bit components; nothing past Quaternion");
+	static_assert(BaseTypeInfo(BaseType_Float3).m_Size == 12 && BaseTypeInfo(BaseType_Quaternion).m_Components == 4 && BaseTypeInfo(BaseType_Bool3).m_Kind == ElementKind_Bool,
+				  "rows in enumeration order");
+	static_assert(BaseTypeInfo(BaseType_Double).m_Size == 8 && BaseTypeInfo(BaseType_Word3).m_Size == 6 && BaseTypeInfo(BaseType_UInt4).m_Kind == ElementKind_None,
+				  "types without a kernel");
+	static_assert(BaseTypeInfo(EBaseTypeID(200)).m_Size == 0 && BaseTypeInfo(EBaseTypeID(-5)).m_Name[0] == '?', "any value is safe");
 
 	//----------------------------------------------------------------------------
 	// Identifiers: a typed integer whose all-ones value means "none".

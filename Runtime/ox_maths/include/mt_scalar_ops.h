@@ -89,6 +89,10 @@ namespace Orvex
 		inline s32 XorS32(s32 a, s32 b) { return a ^ b; }
 		inline s32 NotS32(s32 a) { return ~a; }
 
+		// A one-operand rule in the two-operand shape of the operator table (b is ignored).
+		template <s32 (*_Fn)(s32)>
+		inline s32 Unary(s32 a, s32 /*b*/) { return _Fn(a); }
+
 		// ---- Comparisons (signed): -1 (all bits set) for true, never 1, as the vector
 		// compares give it
 
