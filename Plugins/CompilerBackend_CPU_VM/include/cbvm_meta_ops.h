@@ -56,7 +56,8 @@ namespace Orvex
 		static constexpr u32 BankIndexOf(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterBankShift) & Compiler::IR::CRegID::RegisterBankMask; }
 		static constexpr Compiler::EMetaType BankOf(u32 bits) { return Compiler::EMetaType(BankIndexOf(bits) + Compiler::MetaType_Constant); }
 		// Instance and Stream registers hold one value per element.
-		static constexpr bool PerElementOf(u32 bits) { return BankOf(bits) >= Compiler::MetaType_Instance; }
+		// (Bank fields 2 and 3: one bit.)
+		static constexpr bool PerElementOf(u32 bits) { return (BankIndexOf(bits) & 2u) != 0; }
 		// The type field: type + 1, the index of the type table (kBaseTypes).
 		static constexpr u32 TypeFieldOf(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterTypeShift) & Compiler::IR::CRegID::RegisterTypeMask; }
 		static constexpr EBaseTypeID TypeOf(u32 bits) { return EBaseTypeID(s32(TypeFieldOf(bits)) - 1); }
@@ -112,6 +113,8 @@ namespace Orvex
 	static_assert(sizeof(CVMRegID) == 4, "CVMRegID is one 32-bit word, as stored in bytecode");
 	static_assert(CVMRegID::SlotOf(0x20200005u) == 5 && CVMRegID::BankOf(0x20200005u) == Compiler::MetaType_Normal && CVMRegID::TypeOf(0x20200005u) == BaseType_Float,
 				  "type field = type + 1, bank field = bank - 1");
+	static_assert(Compiler::MetaType_Instance - Compiler::MetaType_Constant == 2 && Compiler::MetaType_Stream - Compiler::MetaType_Constant == 3 &&
+				  !CVMRegID::PerElementOf(0x00200000u) && CVMRegID::PerElementOf(0x00400000u) && CVMRegID::PerElementOf(0x00600000u), "per-element banks are bank fields 2 and 3");
 	static_assert(CVMRegID::kWellFormedLimit == 1u << 30 && !CVMRegID::WellFormedBits(CVMRegID::kInvalidBits), "the top two bits are clear in a well-formed id");
 
 	//--------------------------------------------------------------------------------

@@ -20,6 +20,7 @@
 //     broadcast operand, so no uniform-constant block path applies).
 // The tests run every operator and row both ways and compare the results bit for bit.
 
+#include "cbvm_math_op_checks.h"
 #include "cbvm_meta_op_math_operator.float.impl.h"
 #include "cbvm_registers.h"
 #include "cp_ir_details.h"
@@ -68,6 +69,9 @@ namespace Orvex
 				rows[field] = _KernelRowOf(kBaseTypes[field]);
 			return rows;
 		}();
+
+		// The row of any type value (the table covers every type field).
+		inline EKernelRow _KernelRowOfType(EBaseTypeID type) { return _KernelRowOfTypeField[u32(s32(type) + 1) % kTypeFieldCount]; }
 
 		// Element sizes by type field, 0 past the table: one load, no range test.
 		inline constexpr std::array<u32, kTypeFieldCount> _TypeFieldSizes = []() {
@@ -223,5 +227,79 @@ namespace Orvex
 			return true;
 		}
 		static_assert(_SingleTableMatchesSelectors(), "one-element kernels exist where the stream kernels do");
+
+		// The one-element kernel of the instruction at bytecode (register block at wb) and
+		// its resolved operands, when it evaluates one element (a well-formed Constant or
+		// Normal destination) and none of the checks of the worker, the selectors and the
+		// stream kernels could report, nor would the stream kernel take its slow path: the
+		// probe of ResolveOperands for one element, then KernelChecks. Null otherwise.
+		struct SSingleCall
+		{
+			FnOp2Single m_Fn = nullptr;	// null: not a one-element instruction without reports
+			void *m_Dst = nullptr;
+			const void *m_Src0 = nullptr;
+			const void *m_Src1 = nullptr;
+		};
+
+		inline SSingleCall SingleKernelChecked(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		{
+			const u32 dstBits = ReadOperandIds(bytecode, wb).m_Dst;
+			if (!CVMRegID::WellFormedBits(dstBits) || CVMRegID::PerElementOf(dstBits))
+				return {};
+			SProbePolicy probe;
+			SResolvedMathOp r;
+			if (!ResolveOperands<Path_Standard, SProbePolicy, /*_OneElement*/ true>(probe, registers, bytecode, wb, op, r) || !KernelChecks</*_OneElement*/ true>(probe, op, r))
+				return {};
+			return {_FnSingleLookup[u32(op) * __MaxKernelRows + _KernelRowOfType(r.m_SrcType0)], r.m_EvalInto, r.m_Data0, r.m_Data1};
+		}
+
+		// SingleKernelChecked with its tests fused, for the entry points: one element is the
+		// common case of a script's constant math, where the separate tests cost a quarter
+		// of the instruction. It accepts exactly what SingleKernelChecked accepts, with the
+		// same kernel and operands (a test compares the two over random instructions):
+		//   - well-formed and not per-element: bits 30, 31 and 22 of the destination clear;
+		//   - source 1 of a binary operator: the same top byte as source 0's (same type,
+		//     valid and well-formed at once); of a unary one: CVMRegID::INVALID;
+		//   - a one-element kernel for (operator, row): the row exists (a size of 4 x N) and
+		//     the operator has a form for it; the destination of the same size;
+		//   - register sizes for one element, pointers present and 32-byte aligned.
+		inline __attribute__((always_inline)) SSingleCall SingleKernelFused(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		{
+			constexpr u32 kTopBits = ~(CVMRegID::kWellFormedLimit - 1);
+			constexpr u32 kPerElementBit = 2u << Compiler::IR::CRegID::RegisterBankShift;
+			static_assert(CVMRegID::PerElementOf(kPerElementBit) && !CVMRegID::PerElementOf(~kPerElementBit & (CVMRegID::kWellFormedLimit - 1)), "the per-element bit");
+			const u32 dstBits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset);
+			if ((dstBits & (kTopBits | kPerElementBit)) != 0 || u32(op) >= u32(SOp_MathOp::__MaxOps))
+				return {};
+			if (!IsMathOpOpcode(bytecode[0]))
+				return {};
+			const SOperandIds ids = ReadOperandIds(bytecode, wb);
+			if (!CVMRegID::WellFormedBits(ids.m_Src0))
+				return {};
+			const bool binary = SOp_MathOp::kTraits[op].m_ParameterCount > 1;
+			constexpr u32 kTypeAndTopShift = Compiler::IR::CRegID::RegisterTypeShift;
+			if (binary ? (ids.m_Src1 >> kTypeAndTopShift) != (ids.m_Src0 >> kTypeAndTopShift) : ids.m_Src1 != CVMRegID::kInvalidBits)
+				return {};
+			const u32 src0Field = CVMRegID::TypeFieldOf(ids.m_Src0);
+			const FnOp2Single fn = _FnSingleLookup[u32(op) * __MaxKernelRows + _KernelRowOfTypeField[src0Field]];
+			const u32 size = _TypeFieldSizes[src0Field];
+			if (fn == nullptr || _TypeFieldSizes[CVMRegID::TypeFieldOf(ids.m_Dst)] != size)
+				return {};
+			const RegisterEntry &reg = registers.SelectWellFormed(ids.m_Dst);
+			const RegisterEntry &reg0 = registers.SelectWellFormed(ids.m_Src0);
+			if (!(reg.m_Size >= u64(registers.m_StreamDimensions) * size || reg.m_Size >= size) || reg0.m_Size < size)
+				return {};
+			const void *data1 = nullptr;
+			if (binary)
+			{
+				const RegisterEntry &reg1 = registers.SelectWellFormed(ids.m_Src1);
+				if (reg1.m_Size < size || reg1.m_RawData == nullptr)
+					return {};
+				data1 = reg1.m_RawData;
+			}
+			if (reg.m_RawData == nullptr || reg0.m_RawData == nullptr || !SIMD_SSE::_AreAligned<32>(reg.m_RawData, reg0.m_RawData, data1))
+				return {};
+			return {fn, reg.m_RawData, reg0.m_RawData, data1};
+		}
 	}
 }

@@ -298,7 +298,7 @@ namespace Orvex
 				}
 
 				// At most 31 by construction; a loop checks it once with this.
-				bool ShiftInRange() const { return m_Shift <= 31; }
+				bool ShiftInRange() const { return Float4::ShiftCountInRange(m_Shift); }
 				bool SubtractsDividend() const { return m_SubtractDividend; }
 
 				// _Prechecked: the shift count is known to be in range (ShiftInRange).
@@ -354,7 +354,7 @@ namespace Orvex
 					// that one quotient is kept as it is.
 					const u32 k = _Log2OfPowerOfTwo(divisor);
 					const Float4 biasMask = Float4::SplatInt(s32(u32(divisor) - 1u));
-					_UnaryBlocks(c, aligned && k <= 31, [&biasMask, k](const Float4 &a, auto prechecked)
+					_UnaryBlocks(c, aligned && Float4::ShiftCountInRange(k), [&biasMask, k](const Float4 &a, auto prechecked)
 					{
 						constexpr bool kPrechecked = decltype(prechecked)::value;
 						return _Shift<Shift_RightArith, kPrechecked>(a.AddInt32(_Shift<Shift_RightArith, kPrechecked>(a, 31) & biasMask), k);
@@ -432,7 +432,7 @@ namespace Orvex
 				if (c.m_Stride1 == 0 && c.HasBlock() && _IsUniform(c.m_Src1))
 				{
 					const u32 bits = u32(c.m_Src1[0]);
-					_UnaryBlocks(c, aligned && bits <= 31, [bits](const Float4 &a, auto prechecked) { return _Shift<_Kind, decltype(prechecked)::value>(a, bits); });
+					_UnaryBlocks(c, aligned && Float4::ShiftCountInRange(bits), [bits](const Float4 &a, auto prechecked) { return _Shift<_Kind, decltype(prechecked)::value>(a, bits); });
 				}
 				_PerLane<_Scalar>(c, kShiftHazardFrom);
 			}
@@ -440,46 +440,45 @@ namespace Orvex
 			//------------------------------------------------------------------------------
 			// One kernel per operator, by the kind its row names.
 
-			using FnIntKernel = void (*)(SPackedCursor &c, bool aligned);
-
 			template <u32 _Op>
-			void _ExecLanes(SPackedCursor &c, bool aligned)
+			inline __attribute__((always_inline)) void _ExecLanes(SPackedCursor &c, bool aligned)
 			{
 				_Lanewise<SOp_MathOp::kTraits[_Op].m_IntRule>(c, aligned, [](const Float4 &a, const Float4 &b) { return TIntLanes<_Op>::Vector(a, b); });
 			}
 
 			// Source 1 is never read (and is null from the entry points).
 			template <u32 _Op>
-			void _ExecUnary(SPackedCursor &c, bool aligned)
+			inline __attribute__((always_inline)) void _ExecUnary(SPackedCursor &c, bool aligned)
 			{
 				const s32 *srcPtr1 = c.m_Src1;
 				OX_ASSERT(srcPtr1 == null);
 				_LanewiseUnary<SOp_MathOp::kTraits[_Op].m_IntRule>(c, aligned, [](const Float4 &a) { return TIntLanes<_Op>::Vector(a); });
 			}
 
+			// The kernel of one operator, by the kind its row names.
 			template <u32 _Op>
-			constexpr FnIntKernel _IntKernelOf()
+			inline __attribute__((always_inline)) void _ExecOperator(SPackedCursor &c, bool aligned)
 			{
 				constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
 				if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Lanes)
-					return &_ExecLanes<_Op>;
+					_ExecLanes<_Op>(c, aligned);
 				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Unary)
-					return &_ExecUnary<_Op>;
+					_ExecUnary<_Op>(c, aligned);
 				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Div)
-					return &_ExecDiv;
+					_ExecDiv(c, aligned);
 				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Mod)
-					return &_ExecMod;
+					_ExecMod(c, aligned);
 				else
-					return &_ExecShift<traits.m_IntRule, TIntLanes<_Op>::kShift>;
+					_ExecShift<traits.m_IntRule, TIntLanes<_Op>::kShift>(c, aligned);
 			}
 
+			// One case per operator of the table (the compiler turns the chain into one
+			// indexed jump); false for a value past the set.
 			template <std::size_t... _Ops>
-			constexpr std::array<FnIntKernel, SOp_MathOp::__MaxOps> _BuildIntKernelTable(std::index_sequence<_Ops...>)
+			inline __attribute__((always_inline)) bool _ExecOperatorOf(u32 op, SPackedCursor &c, bool aligned, std::index_sequence<_Ops...>)
 			{
-				return {{_IntKernelOf<_Ops>()...}};
+				return ((op == _Ops ? (_ExecOperator<_Ops>(c, aligned), true) : false) || ...);
 			}
-
-			constexpr std::array<FnIntKernel, SOp_MathOp::__MaxOps> kIntKernels = _BuildIntKernelTable(std::make_index_sequence<SOp_MathOp::__MaxOps>());
 		}
 
 		void _ExecIntOperatorPacked(SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)
@@ -492,14 +491,9 @@ namespace Orvex
 				OX_ASSERT_ALIGNED16(srcPtr0);
 				OX_ASSERT_ALIGNED16(srcPtr1);
 			}
-			if (u32(op) >= u32(SOp_MathOp::__MaxOps))
-			{
-				// Past the operator set: nothing is written.
-				OX_ASSERT_NOT_REACHED();
-				return;
-			}
 			SPackedCursor c = {dstPtr, dstStop, srcPtr0, stride0, srcPtr1, stride1};
-			kIntKernels[op](c, aligned);
+			if (!_ExecOperatorOf(u32(op), c, aligned, std::make_index_sequence<SOp_MathOp::__MaxOps>()))
+				OX_ASSERT_NOT_REACHED();	// past the operator set: nothing is written
 		}
 	}
 }

@@ -101,6 +101,15 @@ namespace Orvex
 			::OX_NAMESPACE::Assert::_Conclude(_ox_site, ::OX_NAMESPACE::Assert::EvalAssert(__FILE__, OX_FUNCTION, __LINE__, #cond, #cond, #cond)); \
 	} while (0)
 
+// A check whose predicate and text are written once elsewhere (a named check such as
+// the math op's, cbvm_math_op_checks.h): reports exactly as OX_ASSERT of that text.
+#define OX_ASSERT_TEXT(cond, text) \
+	do { \
+		static ::OX_NAMESPACE::Assert::CSiteFlag _ox_site; \
+		if (!_ox_site.Ignored() && !(cond)) \
+			::OX_NAMESPACE::Assert::_Conclude(_ox_site, ::OX_NAMESPACE::Assert::EvalAssert(__FILE__, OX_FUNCTION, __LINE__, text, text, text)); \
+	} while (0)
+
 // OX_ASSERT_FORMAT(cond, "printf format", args...)
 #define OX_ASSERT_FORMAT(cond, ...) \
 	do { \

@@ -283,21 +283,25 @@ namespace Orvex
 			// left and logical right shifts and the sign fill for the arithmetic one.
 			// That is the behaviour kept when the assertion is not fatal.
 
+			// A vector shift takes one count for every lane and shifts everything out past 31
+			// (0, or the sign fill): such a count is reported.
+			static constexpr bool ShiftCountInRange(u32 bits) { return bits <= 31; }
+
 			OX_SIMD_INLINE Float4 ShiftLeftInt32(u32 bits) const
 			{
-				OX_ASSERT(bits <= 31);
+				OX_ASSERT_TEXT(ShiftCountInRange(bits), "bits <= 31");
 				return Float4(_mm_sll_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
 			}
 
 			OX_SIMD_INLINE Float4 ShiftRightArithInt32(u32 bits) const
 			{
-				OX_ASSERT(bits <= 31);
+				OX_ASSERT_TEXT(ShiftCountInRange(bits), "bits <= 31");
 				return Float4(_mm_sra_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
 			}
 
 			OX_SIMD_INLINE Float4 ShiftRightLogicalInt32(u32 bits) const
 			{
-				OX_ASSERT(bits <= 31);
+				OX_ASSERT_TEXT(ShiftCountInRange(bits), "bits <= 31");
 				return Float4(_mm_srl_epi32(AsInt(), _mm_cvtsi32_si128(static_cast<int>(bits))));
 			}
 
