@@ -115,8 +115,12 @@ namespace Orvex
 		struct SCheck_KernelRow {};			// the dispatch: "Control point shouldn't be reached."
 		struct SCheck_FloatOperator {};		// the float selector: no float kernel (bitwise operators)
 		struct SCheck_IntOperator {};		// the integer kernel: an operator value past the set
-		struct SCheck_Aligned {};			// the selectors: every pointer 32-byte aligned
-		struct SCheck_Present {};			// the selectors and kernels: pointers present
+		struct SCheck_DstAligned {};		// the selectors: every pointer 32-byte aligned
+		struct SCheck_Src0Aligned {};
+		struct SCheck_Src1Aligned {};
+		struct SCheck_DstPresent {};		// the selectors and kernels: pointers present
+		struct SCheck_Src0Present {};
+		struct SCheck_Src1Present {};
 		struct SCheck_DstElementSize {};	// "stride == _Dimension * sizeof(s32)", "stride == sizeof(_Type)"
 		struct SCheck_ModOneConstant {};	// "(stride0 == 0) != (stride1 == 0)"
 		struct SCheck_NegOfStream {};		// "stride == sizeof(_Type) && stride0 == sizeof(_Type)"
@@ -159,6 +163,7 @@ namespace Orvex
 		{
 			static constexpr bool kStopAtFirst = false;
 			static constexpr bool kAccessorsReport = true;
+			static constexpr bool kResolvesRegisters = true;
 
 			// 'holds' is evaluated only while the site is not silenced, as OX_ASSERT does.
 			template <typename _Check, typename _FnHolds>
@@ -176,16 +181,21 @@ namespace Orvex
 		{
 			static constexpr bool kStopAtFirst = true;
 			static constexpr bool kAccessorsReport = false;
+			static constexpr bool kResolvesRegisters = true;
 
 			template <typename _Check, typename _FnHolds>
 			__attribute__((always_inline)) bool Check(const _FnHolds &holds) { return holds(); }
 		};
 
 		// Collects the failing checks by type: Failed<SCheck_DstSize>() and so on.
-		struct SCollectPolicy
+		// _Registers false: the instruction alone, without a register file (the checks of
+		// register entries, sizes and pointers are left out).
+		template <bool _Registers>
+		struct TCollectPolicy
 		{
 			static constexpr bool kStopAtFirst = false;
 			static constexpr bool kAccessorsReport = false;
+			static constexpr bool kResolvesRegisters = _Registers;
 
 			template <typename _Check, typename _FnHolds>
 			bool Check(const _FnHolds &holds)
@@ -206,8 +216,8 @@ namespace Orvex
 			{
 				using L = TCheckList<SCheck_Opcode, SCheck_DstId, SCheck_Src0Id, SCheck_Src1Id, SCheck_DstTypeSize, SCheck_SrcTypeSize, SCheck_DstSize,
 									 SCheck_Src0Size, SCheck_OperandCount, SCheck_SourceTypes, SCheck_Src1Size, SCheck_KernelRow, SCheck_FloatOperator,
-									 SCheck_IntOperator, SCheck_Aligned, SCheck_Present, SCheck_DstElementSize, SCheck_ModOneConstant, SCheck_NegOfStream,
-									 SCheck_ShiftCount>;
+									 SCheck_IntOperator, SCheck_DstAligned, SCheck_Src0Aligned, SCheck_Src1Aligned, SCheck_DstPresent, SCheck_Src0Present,
+									 SCheck_Src1Present, SCheck_DstElementSize, SCheck_ModOneConstant, SCheck_NegOfStream, SCheck_ShiftCount>;
 				static_assert(L::template IndexOf<_Check>() < 32, "every check has a bit");
 				return 1u << L::template IndexOf<_Check>();
 			}
@@ -228,6 +238,8 @@ namespace Orvex
 
 			u32 m_Failed = 0;
 		};
+		using SCollectPolicy = TCollectPolicy<true>;
+		using SCollectStructurePolicy = TCollectPolicy<false>;
 
 		//--------------------------------------------------------------------------------
 		// Resolution: ids, register entries, element count and strides, with their checks,
@@ -254,7 +266,11 @@ namespace Orvex
 			static __attribute__((always_inline)) Compiler::EMetaType Bank(CVMRegID id) { return _Policy::kAccessorsReport ? id.ToBank() : CVMRegID::BankOf(id.Bits()); }
 			static __attribute__((always_inline)) const RegisterEntry &Select(const CCBCPUMetaRegisters &registers, CVMRegID id)
 			{
-				return _Policy::kAccessorsReport ? registers.SelectRegister(id) : registers.SelectWellFormed(id.Bits());
+				static constexpr RegisterEntry kNoRegister = {nullptr, 0};
+				if constexpr (!_Policy::kResolvesRegisters)
+					return kNoRegister;
+				else
+					return _Policy::kAccessorsReport ? registers.SelectRegister(id) : registers.SelectWellFormed(id.Bits());
 			}
 			static __attribute__((always_inline)) u32 Size(EBaseTypeID type) { return _Policy::kAccessorsReport ? CCBCPUMetaRegisters::DataSizeInBytes(type) : BaseTypeInfo(type).m_Size; }
 		};
@@ -331,8 +347,11 @@ namespace Orvex
 				OX_MATHOP_CHECK(SCheck_SrcTypeSize, typeSize != 0);
 			}
 
-			OX_MATHOP_CHECK(SCheck_DstSize, reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && mt < Compiler::MetaType_Instance));
-			OX_MATHOP_CHECK(SCheck_Src0Size, reg0.m_Size >= evalCount * stride0);
+			if constexpr (_Policy::kResolvesRegisters)
+			{
+				OX_MATHOP_CHECK(SCheck_DstSize, reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && mt < Compiler::MetaType_Instance));
+				OX_MATHOP_CHECK(SCheck_Src0Size, reg0.m_Size >= evalCount * stride0);
+			}
 			OX_MATHOP_CHECK(SCheck_OperandCount, m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1));
 
 			u64 stride1 = 0;
@@ -346,7 +365,8 @@ namespace Orvex
 				// Source 0's type size, deliberately: the sources are meant to share a type.
 				// (The standard path does not read the bank of a one-element evaluation.)
 				stride1 = ((_Path == Path_Standard && evalCount == 1) || Ids::Bank(m_SrcReg1) >= Compiler::MetaType_Instance) ? typeSize : 0;
-				OX_MATHOP_CHECK(SCheck_Src1Size, reg1.m_Size >= evalCount * stride1);
+				if constexpr (_Policy::kResolvesRegisters)
+					OX_MATHOP_CHECK(SCheck_Src1Size, reg1.m_Size >= evalCount * stride1);
 				data1 = reg1.m_RawData;
 			}
 			out = {reg.m_RawData, u32(stride), evalCount, reg0.m_RawData, u32(stride0), data1, u32(stride1), m_SrcType0};
@@ -383,23 +403,30 @@ namespace Orvex
 			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);
 			const bool known = u32(op) < u32(SOp_MathOp::__MaxOps);
 			const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(op);
+			if constexpr (_Policy::kResolvesRegisters)
+			{
+				OX_MATHOP_CHECK(SCheck_DstPresent, r.m_EvalInto != nullptr);
+				OX_MATHOP_CHECK(SCheck_Src0Present, r.m_Data0 != nullptr);
+				OX_MATHOP_CHECK(SCheck_Src1Present, traits.m_ParameterCount == 1 || r.m_Data1 != nullptr);
+				OX_MATHOP_CHECK(SCheck_DstAligned, Mem::IsAligned<32>(r.m_EvalInto));
+				OX_MATHOP_CHECK(SCheck_Src0Aligned, Mem::IsAligned<32>(r.m_Data0));
+				OX_MATHOP_CHECK(SCheck_Src1Aligned, Mem::IsAligned<32>(r.m_Data1));
+			}
 			OX_MATHOP_CHECK(SCheck_KernelRow, type.m_Kind != ElementKind_None);
+			if (type.m_Kind == ElementKind_None)
+				return true;
 			if (type.m_Kind == ElementKind_Float)
 				OX_MATHOP_CHECK(SCheck_FloatOperator, known && traits.FloatSupported());
 			else
 				OX_MATHOP_CHECK(SCheck_IntOperator, known);
 			OX_MATHOP_CHECK(SCheck_DstElementSize, SKernelPredicates::DestinationPacked(r.m_Stride, type.m_Size));
-			OX_MATHOP_CHECK(SCheck_Present, r.m_EvalInto != nullptr);
-			OX_MATHOP_CHECK(SCheck_Present, r.m_Data0 != nullptr);
-			OX_MATHOP_CHECK(SCheck_Present, traits.m_ParameterCount == 1 || r.m_Data1 != nullptr);
-			OX_MATHOP_CHECK(SCheck_Aligned, SIMD_SSE::_AreAligned<32>(r.m_EvalInto, r.m_Data0, r.m_Data1));
 			if constexpr (!_OneElement)
 			{
 				if (type.m_Kind == ElementKind_Float && traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod)
 					OX_MATHOP_CHECK(SCheck_ModOneConstant, (r.m_Stride0 != 0 && r.m_Stride1 != 0) || SKernelPredicates::ModOneConstant(r.m_Stride0, r.m_Stride1));
 				if (type.m_Kind == ElementKind_Float && traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg)
 					OX_MATHOP_CHECK(SCheck_NegOfStream, SKernelPredicates::NegOfStream(r.m_Stride, r.m_Stride0, type.m_Size));
-				if (type.m_Kind != ElementKind_Float && type.m_Kind != ElementKind_None && known && traits.m_IntKernel == SOp_MathOp::IntKernel_Shift && r.m_Data1 != nullptr)
+				if (_Policy::kResolvesRegisters && type.m_Kind != ElementKind_Float && type.m_Kind != ElementKind_None && known && traits.m_IntKernel == SOp_MathOp::IntKernel_Shift && r.m_Data1 != nullptr)
 				{
 					const u64 ints = u64(r.m_EvalCount) * type.m_Components;
 					const s32 *counts = static_cast<const s32 *>(r.m_Data1);

@@ -18,6 +18,7 @@
 // Every kernel has the signature of FnOp2Stream and computes src0 op src1. Modulo and
 // negation have kernels of their own at the end of the file.
 
+#include "cbvm_math_op_checks.h"
 #include "cbvm_math_op_lanes.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
@@ -253,7 +254,7 @@ namespace Orvex
 
 			static void Op2StreamImpl_Op2_Mod(void *dst, u32 stride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
 			{
-				OX_ASSERT(stride == sizeof(_Type));
+				OX_ASSERT_TEXT(SKernelPredicates::DestinationPacked(stride, kElementBytes), "stride == sizeof(_Type)");
 				OX_ASSERT(stride0 == sizeof(_Type) || stride0 == 0);
 				OX_ASSERT(stride1 == sizeof(_Type) || stride1 == 0);
 				// The walk is packed and ends 'count' destination strides after dst: a
@@ -270,8 +271,8 @@ namespace Orvex
 					Op2StreamImpl_Op2_Mod_Packed(dstStream, dstStop, srcStream0, srcStream1);
 					return;
 				}
-				OX_ASSERT(stride == sizeof(_Type));
-				OX_ASSERT((stride0 == 0) != (stride1 == 0));
+				OX_ASSERT_TEXT(SKernelPredicates::DestinationPacked(stride, kElementBytes), "stride == sizeof(_Type)");
+				OX_ASSERT_TEXT(SKernelPredicates::ModOneConstant(stride0, stride1), "(stride0 == 0) != (stride1 == 0)");
 				if (stride0 == 0 && stride1 == 0)
 				{
 					// Two constants are not a stream operation. Rather than read a constant
@@ -428,7 +429,7 @@ namespace Orvex
 			{
 				OX_ASSERT(datasrc0 != null && datasrc1 == null);
 				// A constant operand is not supported here: report it and write nothing.
-				OX_VERIFY_OR(stride == sizeof(_Type) && stride0 == sizeof(_Type), OX_ASSERT(false); return);
+				OX_VERIFY_TEXT_OR(SKernelPredicates::NegOfStream(stride, stride0, kElementBytes), "stride == sizeof(_Type) && stride0 == sizeof(_Type)", OX_ASSERT(false); return);
 
 				float *dstStream = static_cast<float *>(dst);
 				const float *dstStreamStop = dstStream + std::size_t(count) * _Dimension;

@@ -20,6 +20,7 @@
 // shifts everything out instead of using its low five bits, and INT_MIN divided by
 // the constant INT_MIN gives -1 instead of 1.
 
+#include "cbvm_math_op_checks.h"
 #include "cbvm_stream_copier.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
@@ -52,7 +53,7 @@ namespace Orvex
 			OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
 			// The kernel writes a dense stream: a destination of another element size would
 			// be overrun or left half-written, so this one is refused, not just reported.
-			OX_VERIFY_OR_RETURN(stride == _Dimension * sizeof(s32), false);
+			OX_VERIFY_TEXT_OR(SKernelPredicates::DestinationPacked(stride, _Dimension * sizeof(s32)), "stride == _Dimension * sizeof(s32)", return false);
 			return true;
 		}
 
@@ -67,7 +68,7 @@ namespace Orvex
 			constexpr u32 kElementBytes = _Dimension * sizeof(s32);
 			// The checks of _CheckIntOperands in one test: when it holds, none of them can report.
 			const bool wellFormed = evalInto != null && datasrc0 != null && SIMD_SSE::_AreAligned<32>(evalInto, datasrc0, datasrc1) &&
-									(stride0 == kElementBytes || stride0 == 0) && (stride1 == kElementBytes || stride1 == 0) && stride == kElementBytes;
+									(stride0 == kElementBytes || stride0 == 0) && (stride1 == kElementBytes || stride1 == 0) && SKernelPredicates::DestinationPacked(stride, kElementBytes);
 			if (!wellFormed && !_CheckIntOperands<_Dimension>(evalInto, stride, datasrc0, stride0, datasrc1, stride1))
 				return;
 

@@ -86,12 +86,9 @@ namespace Orvex
 				}
 			};
 
-			// The four integers that any vector of a constant block holds: equal means every
-			// component of the constant is equal (the block starts x y z x for N = 3).
-			inline bool _IsUniform(const s32 *block)
-			{
-				return block[0] == block[1] && block[0] == block[2] && block[0] == block[3];
-			}
+			// Every component of a broadcast constant equal: the four integers of any vector
+			// of its block are (the block starts x y z x for N = 3).
+			inline bool _IsUniform(const s32 *block) { return SKernelPredicates::UniformLanes(block, 4); }
 
 			//------------------------------------------------------------------------------
 			// Loop shapes shared by the operators.

@@ -3,6 +3,8 @@
 
 #include "cbvm_verifier.h"
 
+#include "cbvm_math_op_checks.h"
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -41,28 +43,6 @@ namespace Orvex
 				}
 			};
 
-			// The kernel a source type runs through (bools through the integer kernels,
-			// quaternions through the four-float one): the type table's kind.
-			struct SKernelType
-			{
-				bool m_Supported = false;
-				bool m_Float = false;
-				u32 m_Components = 0;
-			};
-
-			SKernelType _KernelType(u32 bits)
-			{
-				const SBaseTypeInfo &type = _TypeInfo(bits);
-				if (type.m_Kind == ElementKind_None)
-					return {};
-				return {true, type.m_Kind == ElementKind_Float, type.m_Components};
-			}
-
-			bool _IsShift(SOp_MathOp::EOp op)
-			{
-				return SOp_MathOp::OperatorTraits(op).m_IntKernel == SOp_MathOp::IntKernel_Shift;
-			}
-
 			// Size of the instruction at 'offset' when its opcode is a math op and it lies
 			// inside the buffer; 0 otherwise.
 			u32 _DecodableSize(const u8 *bytecode, u32 size, u32 offset)
@@ -70,14 +50,10 @@ namespace Orvex
 				const u8 opcode = bytecode[offset];
 				if (opcode < Opcode_MathOp || opcode > Opcode_MathOpDiv)
 					return 0;
-				const u32 need = opcode == Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+				const u32 need = MathOp::InstructionSize(opcode);
 				return size - offset >= need ? need : 0;
 			}
 
-			const u8 *_RegisterBlock(const u8 *instruction)
-			{
-				return instruction + (instruction[0] == Opcode_MathOp ? CMetaOp_MathOp::kGenericRegistersOffset : CMetaOp_MathOp::kSpecializedRegistersOffset);
-			}
 
 			// One operand's register-file entry and what the instruction needs of it.
 			struct SOperandUse
@@ -142,64 +118,89 @@ namespace Orvex
 						_Report(offset, VerifyError_UnknownOperator, "unknown operator %u (operators are 0 to %d)", op, SOp_MathOp::__MaxOps - 1);
 						return need;
 					}
-					const u8 *block = _RegisterBlock(at);
-					const SInstruction ins = {offset, SOp_MathOp::EOp(op), OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kDstRegOffset),
-											  OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kSrcReg0Offset), OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kSrcReg1Offset)};
-					// Ids and operand count first: past them the fields mean nothing.
-					if (!_CheckIds(ins))
+					const u32 wb = MathOp::RegisterBlockOffset(opcode);
+					const MathOp::SOperandIds ids = MathOp::ReadOperandIds(at, wb);
+					const SInstruction ins = {offset, SOp_MathOp::EOp(op), ids.m_Dst, ids.m_Src0, ids.m_Src1};
+
+					// The instruction alone: the checks both paths make of its ids, operand
+					// count and types, and those of the selectors and kernels about types.
+					MathOp::SCollectStructurePolicy shape;
+					MathOp::SResolvedMathOp resolved;
+					const CCBCPUMetaRegisters noFile;
+					MathOp::ResolveOperands<MathOp::Path_Standard>(shape, noFile, at, wb, ins.m_Op, resolved);
+					MathOp::ResolveOperands<MathOp::Path_Low>(shape, noFile, at, wb, ins.m_Op, resolved);
+					// Past ill-formed ids or a wrong operand count the fields mean nothing.
+					if (!_ReportIds(ins, shape))
 						return need;
-					const bool typesOk = _CheckTypes(ins);
-					// Sizes need one element size: source 0's, when the destination agrees
-					// (the VM sizes both sources by source 0's type).
-					const SKernelType kernel = _KernelType(ins.m_Src0);
-					const u32 elementSize = kernel.m_Supported && _ElementSize(ins.m_Dst) == kernel.m_Components * 4 ? kernel.m_Components * 4 : 0;
-					if (m_Registers != nullptr && _CheckRegisters(ins, elementSize) && typesOk)
-						_CheckReportedForms(ins);
+					MathOp::KernelChecks</*_OneElement*/ false>(shape, ins.m_Op, resolved);
+					const bool typesOk = _ReportTypes(ins, shape);
+					if (m_Registers == nullptr || !_SlotsInside(ins))
+						return need;
+
+					// Against the register file: the same checks with the entries resolved.
+					MathOp::SCollectPolicy file;
+					MathOp::ResolveOperands<MathOp::Path_Standard>(file, *m_Registers, at, wb, ins.m_Op, resolved);
+					MathOp::SResolvedMathOp resolvedLow;
+					MathOp::ResolveOperands<MathOp::Path_Low>(file, *m_Registers, at, wb, ins.m_Op, resolvedLow);
+					const MathOp::ECountKnowledge count = _CountKnowledge(ins);
+					MathOp::KernelChecks</*_OneElement*/ false>(file, ins.m_Op, resolved, count);
+					if (_ReportRegisters(ins, file) && typesOk)
+						_ReportForms(ins, file, count);
 					return need;
 				}
 
-				bool _CheckIds(const SInstruction &ins)
+				// Ids and operand count. True when nothing was wrong.
+				bool _ReportIds(const SInstruction &ins, const MathOp::SCollectStructurePolicy &checks)
 				{
 					const u32 errors = m_Result.m_Errors;
-					_CheckId(ins.m_Offset, ins.m_Dst, "destination");
-					_CheckId(ins.m_Offset, ins.m_Src0, "source 0");
-					if (ins.HasSrc1() && ins.m_Src1 >= kWellFormedLimit)
+					if (checks.Failed<MathOp::SCheck_DstId>())
+						_ReportId(ins.m_Offset, ins.m_Dst, "destination");
+					if (checks.Failed<MathOp::SCheck_Src0Id>())
+						_ReportId(ins.m_Offset, ins.m_Src0, "source 0");
+					if (checks.Failed<MathOp::SCheck_Src1Id>())
 						_Report(ins.m_Offset, VerifyError_IllFormedRegister, "source 1 register id 0x%08x is ill-formed: bits 30 and 31 must be clear", ins.m_Src1);
 					const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(ins.m_Op);
-					const bool binary = traits.m_ParameterCount > 1;
-					if (binary && !ins.HasSrc1())
-						_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 2 sources, source 1 is missing (0xffffffff)", traits.m_Name);
-					if (!binary && ins.HasSrc1())
-						_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 1 source, source 1 must be 0xffffffff, not 0x%08x", traits.m_Name, ins.m_Src1);
+					if (checks.Failed<MathOp::SCheck_OperandCount>())
+					{
+						if (!ins.HasSrc1())
+							_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 2 sources, source 1 is missing (0xffffffff)", traits.m_Name);
+						else
+							_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 1 source, source 1 must be 0xffffffff, not 0x%08x", traits.m_Name, ins.m_Src1);
+					}
 					return m_Result.m_Errors == errors;
 				}
 
-				void _CheckId(u32 offset, u32 bits, const char *role)
+				void _ReportId(u32 offset, u32 bits, const char *role)
 				{
 					if (bits == kMissing)
 						_Report(offset, VerifyError_IllFormedRegister, "%s register is missing (0xffffffff)", role);
-					else if (bits >= kWellFormedLimit)
+					else
 						_Report(offset, VerifyError_IllFormedRegister, "%s register id 0x%08x is ill-formed: bits 30 and 31 must be clear", role, bits);
 				}
 
-				bool _CheckTypes(const SInstruction &ins)
+				// Types: a kernel for source 0's type, one type for both sources, a float form
+				// of the operator, a destination of the sources' element size. True when
+				// nothing was wrong.
+				bool _ReportTypes(const SInstruction &ins, const MathOp::SCollectStructurePolicy &checks)
 				{
 					const u32 errors = m_Result.m_Errors;
-					const SKernelType kernel = _KernelType(ins.m_Src0);
 					const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(ins.m_Op);
-					if (!kernel.m_Supported)
+					const SBaseTypeInfo &type = _TypeInfo(ins.m_Src0);
+					if (checks.Failed<MathOp::SCheck_KernelRow>() || checks.Failed<MathOp::SCheck_SrcTypeSize>())
 						_Report(ins.m_Offset, VerifyError_UnsupportedType, "source type of %s has no math kernel (kernels: float..float4, quaternion, i32..int4, bool..bool4)",
 								SRegisterText(ins.m_Src0).m_Text);
-					if (ins.HasSrc1() && _TypeIndex(ins.m_Src1) != _TypeIndex(ins.m_Src0))
+					if (checks.Failed<MathOp::SCheck_SourceTypes>())
 						_Report(ins.m_Offset, VerifyError_SourceTypesDiffer, "source types differ: source 0 is %s, source 1 is %s", SRegisterText(ins.m_Src0).m_Text,
 								SRegisterText(ins.m_Src1).m_Text);
-					if (kernel.m_Supported && kernel.m_Float && !traits.FloatSupported())
+					if (checks.Failed<MathOp::SCheck_FloatOperator>())
 						_Report(ins.m_Offset, VerifyError_BitwiseOnFloat, "'%s' is a bitwise operator: it takes int and bool operands, source 0 is %s", traits.m_Name,
 								SRegisterText(ins.m_Src0).m_Text);
-					if (kernel.m_Supported && _ElementSize(ins.m_Dst) != kernel.m_Components * 4)
+					// (A destination of another size makes the integer and the modulo and
+					// negation kernels report, and the other float kernels take their slow
+					// path: refused for all, as the Low path would write past it.)
+					if (checks.Failed<MathOp::SCheck_DstElementSize>() || (type.m_Kind != ElementKind_None && checks.Failed<MathOp::SCheck_DstTypeSize>()))
 						_Report(ins.m_Offset, VerifyError_DestinationType, "destination %s holds %u-byte elements; '%s' of %s sources writes %u-byte elements",
-								SRegisterText(ins.m_Dst).m_Text, _ElementSize(ins.m_Dst), traits.m_Name, BaseTypeName(EBaseTypeID(s32(_TypeIndex(ins.m_Src0)) - 1)),
-								kernel.m_Components * 4);
+								SRegisterText(ins.m_Dst).m_Text, _ElementSize(ins.m_Dst), traits.m_Name, type.m_Name, type.m_Size);
 					return m_Result.m_Errors == errors;
 				}
 
@@ -208,102 +209,138 @@ namespace Orvex
 					return _PerElement(ins.m_Dst) ? u64(m_Registers->m_StreamDimensions) : 1;
 				}
 
-				// Slots, storage and alignment of each distinct register; sizes when the
-				// element size is known (not 0). True when nothing was wrong.
-				bool _CheckRegisters(const SInstruction &ins, u32 elementSize)
+				// Every operand's slot inside the table (the entry points cannot check it: they
+				// would read outside the table to find out). True when they all are.
+				bool _SlotsInside(const SInstruction &ins)
+				{
+					const u32 errors = m_Result.m_Errors;
+					u32 seen[3];
+					u32 count = 0;
+					for (u32 bits : {ins.m_Dst, ins.m_Src0, ins.m_Src1})
+					{
+						if (bits == kMissing)
+							continue;
+						bool repeated = false;
+						for (u32 i = 0; i < count; ++i)
+							repeated = repeated || (_Slot(seen[i]) == _Slot(bits) && _BankIndex(seen[i]) == _BankIndex(bits));
+						seen[count++] = bits;
+						if (!repeated && (m_Registers->m_Registers == nullptr || _Slot(bits) >= m_SlotCount))
+							_Report(ins.m_Offset, VerifyError_SlotOutOfRange, "slot %u of %s is outside the register file (%u slots)", _Slot(bits), SRegisterText(bits).m_Text,
+									m_Registers->m_Registers == nullptr ? 0u : m_SlotCount);
+					}
+					return m_Result.m_Errors == errors;
+				}
+
+				// What the count of a shift is known to be: its value read now, unless an
+				// instruction of this program may write its bytes (or the register is too
+				// small to read it).
+				MathOp::ECountKnowledge _CountKnowledge(const SInstruction &ins) const
+				{
+					if (!ins.HasSrc1())
+						return MathOp::Count_Read;
+					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(ins.m_Src1);
+					const u32 bytes = _TypeInfo(ins.m_Src0).m_Size;
+					if (entry.m_RawData == nullptr || bytes == 0 || entry.m_Size < bytes || _WrittenByProgram(entry.m_RawData, bytes))
+						return MathOp::Count_Unknown;
+					return MathOp::Count_Read;
+				}
+
+				// Storage and sizes of each distinct register, from the checks of its roles: a
+				// destination that holds the stream (or one element), sources that hold what
+				// the instruction reads. Beyond the entry points' checks, a one-value register
+				// must hold its one element: a broadcast source (the kernels read it; its
+				// stride is 0) and a Constant or Normal destination (whose check passes for
+				// any size when m_StreamDimensions is 0, and one element is written). Sizes
+				// are checked when the element size is known. True when nothing was wrong.
+				bool _ReportRegisters(const SInstruction &ins, const MathOp::SCollectPolicy &checks)
 				{
 					const u32 errors = m_Result.m_Errors;
 					const u64 evalCount = _EvalCount(ins);
-					SOperandUse uses[3];
+					// Source 0's element size, when it has a kernel and the destination agrees
+					// (the paths size both sources by source 0's type).
+					const SBaseTypeInfo &type = _TypeInfo(ins.m_Src0);
+					const u32 elementSize = type.m_Kind != ElementKind_None && _ElementSize(ins.m_Dst) == type.m_Size ? type.m_Size : 0;
+					struct SUse
+					{
+						u32 m_Bits;
+						u64 m_Elements;		// elements read or written
+						bool m_Writes;
+						bool m_Missing, m_Misaligned, m_TooSmall;
+					};
+					SUse uses[3];
 					u32 count = 0;
-					auto add = [&](u32 bits, u64 elements, bool writes) {
+					auto add = [&](u32 bits, u64 elements, bool writes, bool missing, bool misaligned, bool tooSmall) {
 						for (u32 i = 0; i < count; ++i)
 							if (_Slot(uses[i].m_Bits) == _Slot(bits) && _BankIndex(uses[i].m_Bits) == _BankIndex(bits))
 							{
 								// The same storage in two roles: it must satisfy the larger need.
-								if (elements > uses[i].m_Elements)
-									uses[i] = {uses[i].m_Bits, elements, writes};
+								SUse &use = uses[i];
+								if (elements > use.m_Elements)
+								{
+									use.m_Elements = elements;
+									use.m_Writes = writes;
+								}
+								use.m_Missing |= missing;
+								use.m_Misaligned |= misaligned;
+								use.m_TooSmall |= tooSmall;
 								return;
 							}
-						uses[count++] = {bits, elements, writes};
+						uses[count++] = {bits, elements, writes, missing, misaligned, tooSmall};
 					};
+					auto holdsOne = [&](u32 bits) { return _PerElement(bits) || m_Registers->SelectWellFormed(bits).m_Size >= elementSize; };
 					// A per-element source steps through evalCount elements; any other
 					// source is read once (broadcast, or a one-element evaluation).
-					add(ins.m_Dst, evalCount, true);
-					add(ins.m_Src0, _PerElement(ins.m_Src0) ? evalCount : 1, false);
+					add(ins.m_Dst, evalCount, true, checks.Failed<MathOp::SCheck_DstPresent>(), checks.Failed<MathOp::SCheck_DstAligned>(),
+						checks.Failed<MathOp::SCheck_DstSize>() || !holdsOne(ins.m_Dst));
+					add(ins.m_Src0, _PerElement(ins.m_Src0) ? evalCount : 1, false, checks.Failed<MathOp::SCheck_Src0Present>(), checks.Failed<MathOp::SCheck_Src0Aligned>(),
+						checks.Failed<MathOp::SCheck_Src0Size>() || !holdsOne(ins.m_Src0));
 					if (ins.HasSrc1())
-						add(ins.m_Src1, _PerElement(ins.m_Src1) ? evalCount : 1, false);
+						add(ins.m_Src1, _PerElement(ins.m_Src1) ? evalCount : 1, false, checks.Failed<MathOp::SCheck_Src1Present>(), checks.Failed<MathOp::SCheck_Src1Aligned>(),
+							checks.Failed<MathOp::SCheck_Src1Size>() || !holdsOne(ins.m_Src1));
 
 					for (u32 i = 0; i < count; ++i)
-						_CheckRegister(ins.m_Offset, uses[i], elementSize);
+					{
+						const SUse &use = uses[i];
+						const SRegisterText name(use.m_Bits);
+						const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(use.m_Bits);
+						if (use.m_Missing)
+						{
+							_Report(ins.m_Offset, VerifyError_NoStorage, "register %s has no storage (null data pointer)", name.m_Text);
+							continue;
+						}
+						if (use.m_Misaligned)
+							_Report(ins.m_Offset, VerifyError_Misaligned, "storage of register %s is not 32-byte aligned (address %% 32 = %u)", name.m_Text,
+									u32(reinterpret_cast<std::uintptr_t>(entry.m_RawData) & 31u));
+						const u64 needed = use.m_Elements * elementSize;
+						if (elementSize != 0 && use.m_TooSmall)
+							_Report(ins.m_Offset, VerifyError_RegisterTooSmall, "register %s holds %u bytes, too small: this instruction %s %llu element%s (%llu bytes)", name.m_Text,
+									entry.m_Size, use.m_Writes ? "writes" : "reads", static_cast<unsigned long long>(use.m_Elements), use.m_Elements == 1 ? "" : "s",
+									static_cast<unsigned long long>(needed));
+					}
 					return m_Result.m_Errors == errors;
 				}
 
-				void _CheckRegister(u32 offset, const SOperandUse &use, u32 elementSize)
+				// The legal forms that the standard path reports (cbvm_math_op_paths.h): the
+				// kernels' checks that fail for operands the register file accepts.
+				void _ReportForms(const SInstruction &ins, const MathOp::SCollectPolicy &checks, MathOp::ECountKnowledge count)
 				{
-					const SRegisterText name(use.m_Bits);
-					const u32 slot = _Slot(use.m_Bits);
-					if (m_Registers->m_Registers == nullptr || slot >= m_SlotCount)
-					{
-						_Report(offset, VerifyError_SlotOutOfRange, "slot %u of %s is outside the register file (%u slots)", slot, name.m_Text,
-								m_Registers->m_Registers == nullptr ? 0u : m_SlotCount);
-						return;
-					}
-					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(use.m_Bits);
-					if (entry.m_RawData == nullptr)
-					{
-						_Report(offset, VerifyError_NoStorage, "register %s has no storage (null data pointer)", name.m_Text);
-						return;
-					}
-					if (!Mem::IsAligned<32>(entry.m_RawData))
-						_Report(offset, VerifyError_Misaligned, "storage of register %s is not 32-byte aligned (address %% 32 = %u)", name.m_Text,
-								u32(reinterpret_cast<std::uintptr_t>(entry.m_RawData) & 31u));
-					const u64 needed = use.m_Elements * elementSize;
-					if (elementSize != 0 && entry.m_Size < needed)
-						_Report(offset, VerifyError_RegisterTooSmall, "register %s holds %u bytes, too small: this instruction %s %llu element%s (%llu bytes)", name.m_Text,
-								entry.m_Size, use.m_Writes ? "writes" : "reads", static_cast<unsigned long long>(use.m_Elements), use.m_Elements == 1 ? "" : "s",
-								static_cast<unsigned long long>(needed));
-				}
-
-				// The legal forms that the standard path reports (cbvm_math_op_paths.h),
-				// with the same conditions: a Constant or Normal source is broadcast when
-				// the evaluation count is not 1.
-				void _CheckReportedForms(const SInstruction &ins)
-				{
-					const u64 evalCount = _EvalCount(ins);
-					if (evalCount == 1)
-						return;
-					const SKernelType kernel = _KernelType(ins.m_Src0);
-					const bool broadcast0 = !_PerElement(ins.m_Src0);
-					const bool broadcast1 = ins.HasSrc1() && !_PerElement(ins.m_Src1);
-					const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(ins.m_Op);
-					const char *name = traits.m_Name;
-					if (kernel.m_Float && traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg && broadcast0)
+					const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
+					if (checks.Failed<MathOp::SCheck_NegOfStream>())
 						_Report(ins.m_Offset, VerifyError_FloatNegOfConstant, "float 'neg' of %s (one value) into a per-element destination is refused by the standard path "
 								"(nothing written); negate into a constant register, or use 'sub' from zero", SRegisterText(ins.m_Src0).m_Text);
-					if (kernel.m_Float && traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod && broadcast0 && broadcast1)
+					if (checks.Failed<MathOp::SCheck_ModOneConstant>())
 						_Report(ins.m_Offset, VerifyError_FloatModOfConstants, "float 'mod' of two one-value sources (%s, %s) into a per-element destination is reported "
 								"by the standard path; compute it into a constant register", SRegisterText(ins.m_Src0).m_Text, SRegisterText(ins.m_Src1).m_Text);
-					if (kernel.m_Float || !_IsShift(ins.m_Op) || !broadcast1 || evalCount * kernel.m_Components < 12)
+					if (!checks.Failed<MathOp::SCheck_ShiftCount>())
 						return;
-					// A uniform count runs whole 12-integer blocks by vector shifts. Its value
-					// is known here only when no instruction writes the count's bytes (under
-					// every flag: the value read now says nothing about the run otherwise).
-					const SRegisterText count(ins.m_Src1);
-					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(ins.m_Src1);
-					if (_WrittenByProgram(entry.m_RawData, kernel.m_Components * 4))
-					{
+					const SRegisterText countText(ins.m_Src1);
+					if (count == MathOp::Count_Unknown)
 						_Report(ins.m_Offset, VerifyError_ShiftCountUnchecked, "'%s' count register %s is written by this program: its value at run time is not checked here "
-								"(a uniform count above 31 is reported by the standard path)", name, count.m_Text);
-						return;
-					}
-					const s32 *words = static_cast<const s32 *>(entry.m_RawData);	// one whole element, checked above
-					for (u32 i = 1; i < 4; ++i)
-						if (words[i % kernel.m_Components] != words[0])
-							return;	// not uniform: the per-lane path, which uses count & 31
-					if (u32(words[0]) > 31)
+								"(a uniform count above 31 is reported by the standard path)", name, countText.m_Text);
+					else
 						_Report(ins.m_Offset, VerifyError_ShiftCountAbove31, "uniform '%s' count %u in %s is above 31: the standard path shifts whole blocks out (0 or the sign fill) "
-								"and reports it, the Low path uses the low five bits; keep counts in 0..31", name, u32(words[0]), count.m_Text);
+								"and reports it, the Low path uses the low five bits; keep counts in 0..31", name, u32(*static_cast<const s32 *>(m_Registers->SelectWellFormed(ins.m_Src1).m_RawData)),
+								countText.m_Text);
 				}
 
 				// True when an instruction of this program may write a byte of [data, data +
@@ -321,9 +358,8 @@ namespace Orvex
 						const u32 need = _DecodableSize(m_Bytecode, m_Size, offset);
 						if (need == 0)
 							return false;
-						const u8 *block = _RegisterBlock(m_Bytecode + offset);
-						const u32 dst = OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kDstRegOffset);
-						const u32 src0 = OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kSrcReg0Offset);
+						const MathOp::SOperandIds ids = MathOp::ReadOperandIds(m_Bytecode + offset, MathOp::RegisterBlockOffset(m_Bytecode[offset]));
+						const u32 dst = ids.m_Dst, src0 = ids.m_Src0;
 						offset += need;
 						if (dst >= kWellFormedLimit || _Slot(dst) >= m_SlotCount)
 							continue;

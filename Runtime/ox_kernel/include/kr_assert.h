@@ -136,6 +136,17 @@ namespace Orvex
 		} \
 	} while (0)
 
+// OX_VERIFY_OR with the reported text given (see OX_ASSERT_TEXT).
+#define OX_VERIFY_TEXT_OR(cond, text, ...) \
+	do { \
+		if (!(cond)) { \
+			static ::OX_NAMESPACE::Assert::CSiteFlag _ox_site; \
+			if (::OX_NAMESPACE::Assert::VerifyAssertFalse_Breaks(_ox_site, __FILE__, OX_FUNCTION, __LINE__, text, text, text)) \
+				::OX_NAMESPACE::Assert::DebugBreak(); \
+			__VA_ARGS__; \
+		} \
+	} while (0)
+
 // The common form: the enclosing function returns, optionally with a value:
 // OX_VERIFY_OR_RETURN(cond) / OX_VERIFY_OR_RETURN(cond, value).
 #define OX_VERIFY_OR_RETURN(cond, ...) OX_VERIFY_OR(cond, return __VA_ARGS__)
