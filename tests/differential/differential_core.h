@@ -2,7 +2,7 @@
 // The differential check shared by ox_differential (tests/differential_main.cpp) and
 // the fuzz target fuzz_differential: one math-op instruction, run on the standard path
 // and on the Low path from identical register files, every destination word compared
-// with the plain scalar model (tests/scalar_model.h). The two programs differ in where
+// with the plain scalar model (tests/support/scalar_model.h). The two programs differ in where
 // the instruction and the register values come from (a seeded generator, the fuzz
 // input); the fuzz target also holds the verifier's verdict against m_Refusal.
 //
