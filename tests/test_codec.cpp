@@ -256,7 +256,7 @@ TEST(Codec, EncoderChecks)
 	EXPECT_EQ(capture.Count(), 3u);
 	// Every report names the codec's source file.
 	for (const OxTest::SCapturedReport &r : capture.Reports())
-		EXPECT_NE(r.m_File.find("cbvm_meta_op_math_operator.cpp"), std::string::npos) << r.m_File;
+		EXPECT_NE(r.m_File.find("cbvm_math_op_codec.cpp"), std::string::npos) << r.m_File;
 }
 
 TEST(Codec, OperatorBeyondAByteKeepsItsLowByte)

@@ -10,7 +10,7 @@
 // register file guarantees); the padding and every word a kernel has no business
 // writing start as a guard pattern and are checked afterwards.
 
-#include "cbvm_meta_op_math_operator.float.impl.h"
+#include "cbvm_math_op_float_kernels.h"
 #include "guarded_storage.h"
 #include "scalar_model.h"
 #include "seeded_random.h"
@@ -40,7 +40,7 @@ namespace FloatKernelTest
 
 	inline const char *const kInvalidFloatOpMessage = "[Backend CPU-VM]: Invalid Operation: logical ops cannot be applied to 'float' type";
 	inline const char *const kSlowPathMessage = "CBVM: math op: slow codepath taken, bad strides";
-	inline const char *const kImplFileName = "cbvm_meta_op_math_operator.float.impl.h";
+	inline const char *const kImplFileName = "cbvm_math_op_float_kernels.h";
 
 	// Counts 0 .. 40 (every tail length of every dimension, a few times over), then two
 	// long streams.

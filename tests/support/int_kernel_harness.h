@@ -10,7 +10,7 @@
 //     reported); the tail uses the count's low five bits like the model;
 //   - INT_MIN divided by the constant INT_MIN gives -1 on whole blocks (power-of-two path).
 
-#include "cbvm_meta_op_math_operator.int.impl.h"
+#include "cbvm_math_op_int_selector.h"
 #include "guarded_storage.h"
 #include "kr_profiler.h"
 #include "scalar_model.h"

@@ -16,7 +16,7 @@
 // INT_MIN % -1 = 0, shift counts use their low five bits.
 //
 // The block paths of a uniform constant operand differ from those rules in two
-// places (see cbvm_meta_op_math_operator_int.cpp): a uniform shift count above 31
+// places (see cbvm_math_op_int_kernel.cpp): a uniform shift count above 31
 // shifts everything out instead of using its low five bits, and INT_MIN divided by
 // the constant INT_MIN gives -1 instead of 1.
 

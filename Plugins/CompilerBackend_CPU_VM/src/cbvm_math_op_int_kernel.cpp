@@ -20,7 +20,7 @@
 // forms, which report exactly as before. The choice is a run-time flag ('prechecked')
 // passed down to the loops, so that no assertion site is duplicated.
 
-#include "cbvm_meta_op_math_operator.int.impl.h"
+#include "cbvm_math_op_int_selector.h"
 #include "cbvm_math_op_lanes.h"
 
 #include "kr_profiler.h"

@@ -1,0 +1,80 @@
+// The math-operator meta-op's Low entry points: the plain execution path (the kernels
+// are in cbvm_math_op_low_kernels.h).
+
+#include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_low_kernels.h"
+#include "cbvm_math_op_rows.h"
+#include "cbvm_meta_ops.h"
+#include "cbvm_registers.h"
+
+namespace Orvex
+{
+	using Compiler::IR::SOp_MathOp;
+}
+
+namespace Orvex
+{
+	namespace
+	{
+		// Resolves the three operands at bytecode + wb, every check reported, and runs the
+		// selector of source 0's type. The Low path has no destination stride (the kernels
+		// write densely) and gives a source a stride by its bank alone: a Constant or Normal
+		// source is re-read (stride 0) even when only one element is evaluated.
+		void _MetaOp_MathOp_ExecBytecode_Low_Impl(const CBytecodeExecContext &context, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		{
+			MathOp::TReportPolicy<MathOp::Path_Low> report;
+			MathOp::SResolvedMathOp r;
+			MathOp::ResolveOperands<MathOp::Path_Low>(report, context.m_Registers, bytecode, wb, op, r);
+			switch (MathOp::_KernelRowOfType(r.m_SrcType0))
+			{
+			case MathOp::Row_Int1: MathOp::ExecOperatorInt_Low<1>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int2: MathOp::ExecOperatorInt_Low<2>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int3: MathOp::ExecOperatorInt_Low<3>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Int4: MathOp::ExecOperatorInt_Low<4>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float1: MathOp::ExecOperatorFloat_Low<1>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float2: MathOp::ExecOperatorFloat_Low<2>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float3: MathOp::ExecOperatorFloat_Low<3>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			case MathOp::Row_Float4: MathOp::ExecOperatorFloat_Low<4>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
+			default:
+				OX_ASSERT_NOT_REACHED();
+				return;
+			}
+		}
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kGenericRegistersOffset, SOp_MathOp::EOp(bytecode[kGenericOperatorOffset]));
+		return IP_Offset;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Add_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpAdd);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Add);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Sub_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpSub);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Sub);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Mul_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpMul);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Mul);
+		return kSpecializedSize;
+	}
+
+	u32 CMetaOp_MathOp::_ExecBytecode_Div_Low(const CBytecodeExecContext &context, const u8 *bytecode)
+	{
+		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpDiv);
+		_MetaOp_MathOp_ExecBytecode_Low_Impl(context, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
+		return kSpecializedSize;
+	}
+}
+
