@@ -139,6 +139,10 @@ namespace OxDiff
 				setStandard(i, RecipModFloat(src0[i], src1[i % n]));
 			e.m_Difference = CBVM::PathDifference_FloatModByConstant;
 		}
+		// One element divides exactly (the model's values), but the same operands take the
+		// reciprocal from two elements on: classified all the same.
+		if (c.m_Kind == EModelKind::Float && c.m_Op == SOp_MathOp::Op_Mod && evalCount == 1 && !c.m_Unary && !IsStream(c.m_Src1Bank))
+			e.m_Difference = CBVM::PathDifference_FloatModByConstant;
 		if (c.m_Kind == EModelKind::Float && c.m_Op == SOp_MathOp::Op_Mod && broadcast0 && broadcast1)
 		{
 			e.m_AllowedReports.push_back("(stride0 == 0) != (stride1 == 0)");

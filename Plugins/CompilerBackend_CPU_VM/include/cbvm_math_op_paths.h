@@ -17,7 +17,9 @@ namespace Orvex
 		enum EPathDifference : u8
 		{
 			PathDifference_None = 0,
-			PathDifference_FloatModByConstant,	// one reciprocal and a multiply: frac(a * (1/c)) * c
+			PathDifference_FloatModByConstant,	// a one-value divisor: one reciprocal and a multiply from two
+												// elements on, frac(a * (1/c)) * c; one element divides exactly,
+												// so the same operands give other bits in a stream
 			PathDifference_FloatModOfConstants,	// two constant operands: reported on the standard path
 			PathDifference_FloatNegOfConstant,	// refused on the standard path: nothing written
 			PathDifference_ShiftCountAbove31,	// uniform count > 31 on whole blocks: 0 or the sign fill

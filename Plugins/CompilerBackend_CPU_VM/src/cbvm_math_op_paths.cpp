@@ -1,5 +1,7 @@
 #include "cbvm_math_op_paths.h"
 
+#include "cbvm_math_op_checks.h"
+
 namespace Orvex
 {
 	namespace CBVM
@@ -8,7 +10,7 @@ namespace Orvex
 		{
 			static constexpr const char *kNames[__MaxPathDifferences] = {
 				"none",
-				"float modulo by a constant (reciprocal multiply)",
+				"float modulo by a constant (reciprocal multiply from two elements on)",
 				"float modulo of two constants",
 				"float negation of a constant (refused)",
 				"uniform shift count above 31",
@@ -20,46 +22,42 @@ namespace Orvex
 		EPathDifference StandardPathDifference(const CCBCPUMetaRegisters &registers, const u8 *bytecode)
 		{
 			using SOp_MathOp = Compiler::IR::SOp_MathOp;
-			const bool generic = bytecode[0] == Opcode_MathOp;
-			const SOp_MathOp::EOp op = generic ? SOp_MathOp::EOp(bytecode[CMetaOp_MathOp::kGenericOperatorOffset])
-											   : SOp_MathOp::EOp(bytecode[0] - Opcode_MathOpAdd);
-			const u8 *block = bytecode + (generic ? CMetaOp_MathOp::kGenericRegistersOffset : CMetaOp_MathOp::kSpecializedRegistersOffset);
-			const CVMRegID dst = {s32(OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kDstRegOffset))};
-			const CVMRegID src0 = {s32(OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kSrcReg0Offset))};
-			const CVMRegID src1 = {s32(OXLoadAndSwapLittleEndian<u32>(block + CMetaOp_MathOp::kSrcReg1Offset))};
-			if (!dst._ValidAndWellFormed() || !src0._ValidAndWellFormed())
+			const SOp_MathOp::EOp op = MathOp::OperatorOf(bytecode);
+			const u32 wb = MathOp::RegisterBlockOffset(bytecode[0]);
+			const MathOp::SOperandIds ids = MathOp::ReadOperandIds(bytecode, wb);
+			if (!CVMRegID::WellFormedBits(ids.m_Dst) || !CVMRegID::WellFormedBits(ids.m_Src0))
 				return PathDifference_None;
+			// The operands as the standard path resolves them, and its kernels' checks.
+			MathOp::SCollectPolicy checks;
+			MathOp::SResolvedMathOp r;
+			MathOp::ResolveOperands<MathOp::Path_Standard>(checks, registers, bytecode, wb, op, r);
+			MathOp::KernelChecks</*_OneElement*/ false>(checks, op, r);
 
-			// The standard path broadcasts a Constant or Normal source only when it evaluates
-			// a count other than one.
-			const u32 evalCount = dst.ToBank() >= Compiler::MetaType_Instance ? registers.m_StreamDimensions : 1;
-			const bool broadcast0 = evalCount != 1 && src0.ToBank() < Compiler::MetaType_Instance;
-			const bool hasSrc1 = src1._ValidAndWellFormed();
-			const bool broadcast1 = evalCount != 1 && hasSrc1 && src1.ToBank() < Compiler::MetaType_Instance;
-
-			const SBaseTypeInfo &type = BaseTypeInfo(src0.ToType());
+			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);
 			const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(op);
+			const bool hasSrc1 = CVMRegID::WellFormedBits(ids.m_Src1);
 			if (type.m_Kind == ElementKind_Float)
 			{
-				if (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod && broadcast1)
-					return broadcast0 ? PathDifference_FloatModOfConstants : PathDifference_FloatModByConstant;
-				if (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Neg && broadcast0)
+				if (checks.Failed<MathOp::SCheck_ModOneConstant>())
+					return PathDifference_FloatModOfConstants;
+				// The reciprocal route takes a broadcast divisor; one element divides exactly,
+				// but the same operands take the reciprocal in a stream.
+				if (traits.m_FloatKernel == SOp_MathOp::FloatKernel_Mod && hasSrc1 && !CVMRegID::PerElementOf(ids.m_Src1))
+					return PathDifference_FloatModByConstant;
+				// (Negation reports another destination size too; that is no path difference.)
+				if (checks.Failed<MathOp::SCheck_NegOfStream>() && r.m_Stride0 == 0)
 					return PathDifference_FloatNegOfConstant;
 				return PathDifference_None;
 			}
 
-			// Integers: the block paths run on whole 12-integer blocks when the constant's
-			// first four broadcast words are equal.
-			const u32 components = type.m_Kind != ElementKind_None ? type.m_Components : 0;
-			if (!broadcast1 || components == 0 || u64(evalCount) * components < 12)
-				return PathDifference_None;
-			const s32 *constant = static_cast<const s32 *>(registers.SelectRegister(src1).m_RawData);
-			for (u32 i = 1; i < 4; ++i)
-				if (constant[i % components] != constant[0])
-					return PathDifference_None;
-			if (traits.m_IntKernel == SOp_MathOp::IntKernel_Shift && u32(constant[0]) > 31)
+			// Integers: the block paths of a uniform constant divisor or count.
+			if (checks.Failed<MathOp::SCheck_ShiftCount>())
 				return PathDifference_ShiftCountAbove31;
-			if (traits.m_IntKernel == SOp_MathOp::IntKernel_Div && u32(constant[0]) == 0x80000000u)
+			if (type.m_Kind == ElementKind_None || !hasSrc1 || r.m_Data1 == nullptr)
+				return PathDifference_None;
+			const s32 *constant = static_cast<const s32 *>(r.m_Data1);
+			const bool blocks = MathOp::SKernelPredicates::UniformBlocks(r.m_Stride1, u64(r.m_EvalCount) * type.m_Components, constant, type.m_Components);
+			if (blocks && traits.m_IntKernel == SOp_MathOp::IntKernel_Div && u32(constant[0]) == 0x80000000u)
 				return PathDifference_DivByIntMin;
 			return PathDifference_None;
 		}
