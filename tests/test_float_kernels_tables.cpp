@@ -53,26 +53,6 @@ TYPED_TEST(FloatKernelTableRows, EveryOperatorHasItsKernelOrNone)
 	EXPECT_TRUE(t[SOp_MathOp::Op_Cmp_NotEqual * 4 + d] == &Impl::template Op2StreamImpl<MO::Op2_NE>) << N;
 }
 
-TEST(FloatKernels, TableHas76EntriesIndexedByOperatorAndDimension)
-{
-	EXPECT_EQ(MO::_FnMathOpLookup.size(), 76u);
-	EXPECT_EQ(SOp_MathOp::__MaxOps * 4, 76);
-	EXPECT_EQ(int(MO::Op2_Add), 0);
-	EXPECT_EQ(int(MO::Op2_Sub), 1);
-	EXPECT_EQ(int(MO::Op2_Mul), 2);
-	EXPECT_EQ(int(MO::Op2_Div), 3);
-	EXPECT_EQ(int(MO::Op2_LT), 4);
-	EXPECT_EQ(int(MO::Op2_LE), 5);
-	EXPECT_EQ(int(MO::Op2_GT), 6);
-	EXPECT_EQ(int(MO::Op2_GE), 7);
-	EXPECT_EQ(int(MO::Op2_EQ), 8);
-	EXPECT_EQ(int(MO::Op2_NE), 9);
-	u32 nulls = 0;
-	for (const MO::FnOp2Stream fn : MO::_FnMathOpLookup)
-		nulls += fn == nullptr ? 1 : 0;
-	EXPECT_EQ(nulls, 28u);
-}
-
 TEST(FloatKernels, OperatorFlipComputesSource0OpSource1)
 {
 	using SIMD_SSE::Float4;

@@ -88,9 +88,11 @@ namespace OxTest
 		return value;
 	}
 
+	// Which operators exist, and their operand counts, are the operator table's
+	// (cp_ir_details.h); only the values are the model's own.
 	bool ModelIsUnary(ModelEOp op)
 	{
-		return op == SOp::Op_Neg || op == SOp::Op_Bitwise_Not;
+		return ModelSupportsInt(op) && SOp::kTraits[op].m_ParameterCount == 1;
 	}
 
 	bool ModelSupportsInt(ModelEOp op)
@@ -100,24 +102,7 @@ namespace OxTest
 
 	bool ModelSupportsFloat(ModelEOp op)
 	{
-		switch (op)
-		{
-		case SOp::Op_Add:
-		case SOp::Op_Sub:
-		case SOp::Op_Mul:
-		case SOp::Op_Div:
-		case SOp::Op_Mod:
-		case SOp::Op_Neg:
-		case SOp::Op_Cmp_Lower:
-		case SOp::Op_Cmp_LowerOrEqual:
-		case SOp::Op_Cmp_Greater:
-		case SOp::Op_Cmp_GreaterOrEqual:
-		case SOp::Op_Cmp_Equal:
-		case SOp::Op_Cmp_NotEqual:
-			return true;
-		default:
-			return false;
-		}
+		return ModelSupportsInt(op) && SOp::kTraits[op].FloatSupported();
 	}
 
 	bool ModelSupports(EModelKind kind, ModelEOp op)
@@ -203,22 +188,15 @@ namespace OxTest
 		return kind == EModelKind::Float ? ModelFloatAlternative(op, a, b) : ModelInt(op, a, b);
 	}
 
+	// The kernel family of a type is the type table's element kind (kr_base_types.h).
 	bool ModelKernelForType(Orvex::EBaseTypeID type, EModelKind &kind, u32 &components)
 	{
-		using namespace Orvex;
-		switch (type)
-		{
-		case BaseType_Bool: case BaseType_I32: kind = EModelKind::Int; components = 1; return true;
-		case BaseType_Bool2: case BaseType_Int2: kind = EModelKind::Int; components = 2; return true;
-		case BaseType_Bool3: case BaseType_Int3: kind = EModelKind::Int; components = 3; return true;
-		case BaseType_Bool4: case BaseType_Int4: kind = EModelKind::Int; components = 4; return true;
-		case BaseType_Float: kind = EModelKind::Float; components = 1; return true;
-		case BaseType_Float2: kind = EModelKind::Float; components = 2; return true;
-		case BaseType_Float3: kind = EModelKind::Float; components = 3; return true;
-		case BaseType_Float4: case BaseType_Quaternion: kind = EModelKind::Float; components = 4; return true;
-		default:
+		const Orvex::SBaseTypeInfo &info = Orvex::BaseTypeInfo(type);
+		if (info.m_Kind == Orvex::ElementKind_None)
 			return false;
-		}
+		kind = info.m_Kind == Orvex::ElementKind_Float ? EModelKind::Float : EModelKind::Int;
+		components = info.m_Components;
+		return true;
 	}
 
 	bool ModelStream(ModelEOp op, EModelKind kind, u32 components, u32 evalCount,

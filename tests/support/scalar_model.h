@@ -1,10 +1,11 @@
 #pragma once
 // A plain scalar model of the math operators' values, for differential tests.
 //
-// It is written for clarity, one component at a time, with no vector code and nothing
-// shared with the kernels: integer division, remainder and products go through 64-bit
-// arithmetic, the float modulo through std::trunc / std::fabs, comparisons through the
-// language's own operators. Every value is passed as its raw 32-bit word so that NaN
+// Which operators and types exist comes from the library's operator and type tables;
+// the values are the model's own, written for clarity, one component at a time, with no
+// vector code and nothing shared with the kernels: integer division, remainder and
+// products go through 64-bit arithmetic, the float modulo through std::trunc /
+// std::fabs, comparisons through the language's own operators. Every value is passed as its raw 32-bit word so that NaN
 // payloads, signed zeros and all-ones masks compare bit for bit.
 //
 // Float NaN rule (what SSE does for "a op b"): a NaN operand comes back quieted

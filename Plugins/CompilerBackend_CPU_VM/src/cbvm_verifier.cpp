@@ -55,14 +55,6 @@ namespace Orvex
 			}
 
 
-			// One operand's register-file entry and what the instruction needs of it.
-			struct SOperandUse
-			{
-				u32 m_Bits = 0;
-				u64 m_Elements = 0;		// elements read or written
-				bool m_Writes = false;	// the destination
-			};
-
 			class CWalk
 			{
 			public:

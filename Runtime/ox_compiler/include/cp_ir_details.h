@@ -218,7 +218,6 @@ namespace Orvex
 				{
 					u8 m_ParameterCount;		// read by the VM: 1 for unary operators, 2 otherwise
 					const char *m_Name;			// assembler / disassembler mnemonic
-					const char *m_Symbol;		// the operator as scripts write it
 					EFloatKernel m_FloatKernel;
 					MathOp::EOp2Type m_FloatLane;		// for FloatKernel_Lanes, else Op2_None
 					EIntKernel m_IntKernel;
@@ -238,27 +237,27 @@ namespace Orvex
 
 				// Indexed by EOp; constexpr so that the VM's hot path reads it without a call.
 				static constexpr STraits kTraits[__MaxOps] = {
-					{2, "add", "+", FloatKernel_Lanes, MathOp::Op2_Add, IntKernel_Lanes, &ScalarOps::AddS32},
-					{2, "sub", "-", FloatKernel_Lanes, MathOp::Op2_Sub, IntKernel_Lanes, &ScalarOps::SubS32},
-					{2, "mul", "*", FloatKernel_Lanes, MathOp::Op2_Mul, IntKernel_Lanes, &ScalarOps::MulS32},
-					{2, "div", "/", FloatKernel_Lanes, MathOp::Op2_Div, IntKernel_Div, &ScalarOps::DivS32},
-					{2, "mod", "%", FloatKernel_Mod, MathOp::Op2_None, IntKernel_Mod, &ScalarOps::ModS32},
-					{1, "neg", "-", FloatKernel_Neg, MathOp::Op2_None, IntKernel_Unary, &ScalarOps::Unary<&ScalarOps::NegS32>},
-					{2, "shl", "<<", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::ShlS32},
-					{2, "shr", ">>", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::SarS32},
-					{2, "shrl", ">>>", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::ShrS32},
-					{2, "and", "&", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::AndS32},
-					{2, "or", "|", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::OrS32},
-					{2, "xor", "^", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::XorS32},
-					{1, "not", "~", FloatKernel_None, MathOp::Op2_None, IntKernel_Unary, &ScalarOps::Unary<&ScalarOps::NotS32>},
-					{2, "cmplt", "<", FloatKernel_Lanes, MathOp::Op2_LT, IntKernel_Lanes, &ScalarOps::CmpLtS32},
-					{2, "cmple", "<=", FloatKernel_Lanes, MathOp::Op2_LE, IntKernel_Lanes, &ScalarOps::CmpLeS32},
-					{2, "cmpgt", ">", FloatKernel_Lanes, MathOp::Op2_GT, IntKernel_Lanes, &ScalarOps::CmpGtS32},
-					{2, "cmpge", ">=", FloatKernel_Lanes, MathOp::Op2_GE, IntKernel_Lanes, &ScalarOps::CmpGeS32},
-					{2, "cmpeq", "==", FloatKernel_Lanes, MathOp::Op2_EQ, IntKernel_Lanes, &ScalarOps::CmpEqS32},
-					{2, "cmpne", "!=", FloatKernel_Lanes, MathOp::Op2_NE, IntKernel_Lanes, &ScalarOps::CmpNeS32},
+					{2, "add", FloatKernel_Lanes, MathOp::Op2_Add, IntKernel_Lanes, &ScalarOps::AddS32},
+					{2, "sub", FloatKernel_Lanes, MathOp::Op2_Sub, IntKernel_Lanes, &ScalarOps::SubS32},
+					{2, "mul", FloatKernel_Lanes, MathOp::Op2_Mul, IntKernel_Lanes, &ScalarOps::MulS32},
+					{2, "div", FloatKernel_Lanes, MathOp::Op2_Div, IntKernel_Div, &ScalarOps::DivS32},
+					{2, "mod", FloatKernel_Mod, MathOp::Op2_None, IntKernel_Mod, &ScalarOps::ModS32},
+					{1, "neg", FloatKernel_Neg, MathOp::Op2_None, IntKernel_Unary, &ScalarOps::Unary<&ScalarOps::NegS32>},
+					{2, "shl", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::ShlS32},
+					{2, "shr", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::SarS32},
+					{2, "shrl", FloatKernel_None, MathOp::Op2_None, IntKernel_Shift, &ScalarOps::ShrS32},
+					{2, "and", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::AndS32},
+					{2, "or", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::OrS32},
+					{2, "xor", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, &ScalarOps::XorS32},
+					{1, "not", FloatKernel_None, MathOp::Op2_None, IntKernel_Unary, &ScalarOps::Unary<&ScalarOps::NotS32>},
+					{2, "cmplt", FloatKernel_Lanes, MathOp::Op2_LT, IntKernel_Lanes, &ScalarOps::CmpLtS32},
+					{2, "cmple", FloatKernel_Lanes, MathOp::Op2_LE, IntKernel_Lanes, &ScalarOps::CmpLeS32},
+					{2, "cmpgt", FloatKernel_Lanes, MathOp::Op2_GT, IntKernel_Lanes, &ScalarOps::CmpGtS32},
+					{2, "cmpge", FloatKernel_Lanes, MathOp::Op2_GE, IntKernel_Lanes, &ScalarOps::CmpGeS32},
+					{2, "cmpeq", FloatKernel_Lanes, MathOp::Op2_EQ, IntKernel_Lanes, &ScalarOps::CmpEqS32},
+					{2, "cmpne", FloatKernel_Lanes, MathOp::Op2_NE, IntKernel_Lanes, &ScalarOps::CmpNeS32},
 				};
-				static constexpr STraits kUnknownTraits = {2, "?", "?", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, nullptr};
+				static constexpr STraits kUnknownTraits = {2, "?", FloatKernel_None, MathOp::Op2_None, IntKernel_Lanes, nullptr};
 
 				// Traits of any value: an operator outside the set reads as a two-operand
 				// operator named "?", never outside the table.
@@ -286,7 +285,7 @@ namespace Orvex
 						return false;
 					if (t.m_FloatKernel == T::FloatKernel_Neg && t.m_ParameterCount != 1)
 						return false;
-					if (t.m_IntRule == nullptr || t.m_Name == nullptr || t.m_Symbol == nullptr)
+					if (t.m_IntRule == nullptr || t.m_Name == nullptr)
 						return false;
 				}
 				return true;
