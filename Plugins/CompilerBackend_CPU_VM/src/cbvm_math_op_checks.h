@@ -379,6 +379,26 @@ namespace Orvex
 		// own variables); KernelChecks evaluates them for a resolved instruction, for the
 		// policies that do not run the kernels.
 
+		// The selectors' checks of their operands, each an assertion: pointers 32-byte
+		// aligned and present, source strides of a packed element or 0. Every selector
+		// (the standard integer one, both Low ones) makes them with its own sites: one per
+		// path, element kind and dimension, as each template instance has its own.
+		template <EPath _Path, typename _Scalar, int _Dimension>
+		void AssertSelectorOperands(const void *evalInto, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
+		{
+			static_assert(std::is_same_v<_Scalar, float> || std::is_same_v<_Scalar, s32>, "float or 32-bit integer components");
+			constexpr bool kFloat = std::is_same_v<_Scalar, float>;
+			OX_ASSERT_ALIGNED32(evalInto);
+			OX_ASSERT_ALIGNED32(datasrc0);
+			OX_ASSERT_ALIGNED32(datasrc1);
+			OX_ASSERT(evalInto != null);
+			OX_ASSERT(datasrc0 != null);
+			OX_ASSERT_TEXT(stride0 == _Dimension * sizeof(_Scalar) || stride0 == 0,
+						   kFloat ? "stride0 == _Dimension * sizeof(float) || stride0 == 0" : "stride0 == _Dimension * sizeof(s32) || stride0 == 0");
+			OX_ASSERT_TEXT(stride1 == _Dimension * sizeof(_Scalar) || stride1 == 0,
+						   kFloat ? "stride1 == _Dimension * sizeof(float) || stride1 == 0" : "stride1 == _Dimension * sizeof(s32) || stride1 == 0");
+		}
+
 		// What KernelChecks needs to know of register values: a uniform shift count is
 		// checked by its value, which a caller may not know (the verifier, when the program
 		// itself writes the count).

@@ -44,13 +44,7 @@ namespace Orvex
 		template <int _Dimension>
 		__attribute__((noinline, cold)) bool _CheckIntOperands(const void *evalInto, u32 stride, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
 		{
-			OX_ASSERT_ALIGNED32(evalInto);
-			OX_ASSERT_ALIGNED32(datasrc0);
-			OX_ASSERT_ALIGNED32(datasrc1);
-			OX_ASSERT(evalInto != null);
-			OX_ASSERT(datasrc0 != null);
-			OX_ASSERT(stride0 == _Dimension * sizeof(s32) || stride0 == 0);
-			OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
+			AssertSelectorOperands<Path_Standard, s32, _Dimension>(evalInto, datasrc0, stride0, datasrc1, stride1);
 			// The kernel writes a dense stream: a destination of another element size would
 			// be overrun or left half-written, so this one is refused, not just reported.
 			OX_VERIFY_TEXT_OR(SKernelPredicates::DestinationPacked(stride, _Dimension * sizeof(s32)), "stride == _Dimension * sizeof(s32)", return false);

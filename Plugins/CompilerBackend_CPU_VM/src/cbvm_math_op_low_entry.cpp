@@ -16,6 +16,21 @@ namespace Orvex
 {
 	namespace
 	{
+		// The Low path's selectors, by kernel row: no destination stride.
+		struct SLowSelectors
+		{
+			template <int _Dimension>
+			static void Float(SOp_MathOp::EOp op, const MathOp::SResolvedMathOp &r)
+			{
+				MathOp::ExecOperatorFloat_Low<_Dimension>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1);
+			}
+			template <int _Dimension>
+			static void Int(SOp_MathOp::EOp op, const MathOp::SResolvedMathOp &r)
+			{
+				MathOp::ExecOperatorInt_Low<_Dimension>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1);
+			}
+		};
+
 		// Resolves the three operands at bytecode + wb, every check reported, and runs the
 		// selector of source 0's type. The Low path has no destination stride (the kernels
 		// write densely) and gives a source a stride by its bank alone: a Constant or Normal
@@ -25,20 +40,8 @@ namespace Orvex
 			MathOp::TReportPolicy<MathOp::Path_Low> report;
 			MathOp::SResolvedMathOp r;
 			MathOp::ResolveOperands<MathOp::Path_Low>(report, context.m_Registers, bytecode, wb, op, r);
-			switch (MathOp::_KernelRowOfType(r.m_SrcType0))
-			{
-			case MathOp::Row_Int1: MathOp::ExecOperatorInt_Low<1>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int2: MathOp::ExecOperatorInt_Low<2>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int3: MathOp::ExecOperatorInt_Low<3>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int4: MathOp::ExecOperatorInt_Low<4>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float1: MathOp::ExecOperatorFloat_Low<1>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float2: MathOp::ExecOperatorFloat_Low<2>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float3: MathOp::ExecOperatorFloat_Low<3>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float4: MathOp::ExecOperatorFloat_Low<4>(op, r.m_EvalInto, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			default:
+			if (!MathOp::RunRowSelector<SLowSelectors>(MathOp::_KernelRowOfType(r.m_SrcType0), op, r))
 				OX_ASSERT_NOT_REACHED();
-				return;
-			}
 		}
 	}
 

@@ -14,6 +14,7 @@
 //   N = 3   Float4::LoadFloat3 / StoreFloat3           (8 + 4 bytes)
 //   N = 4   Float4::LoadAligned16 / StoreAligned16     (16 bytes, 16-byte aligned elements)
 
+#include "cbvm_math_op_checks.h"
 #include "cbvm_math_op_lanes.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
@@ -245,19 +246,13 @@ namespace Orvex
 		inline constexpr std::array<FnLowKernel, SOp_MathOp::__MaxOps> _FnLowInt = _BuildLowIntTable<_Dimension>(std::make_index_sequence<SOp_MathOp::__MaxOps>());
 
 		//--------------------------------------------------------------------------------
-		// Operator selectors, called once per instruction by the Low entry points. Their
-		// checks, each an assertion: alignment, pointers, then the source strides.
+		// Operator selectors, called once per instruction by the Low entry points, after
+		// their operand checks (AssertSelectorOperands).
 
 		template <int _Dimension>
 		void ExecOperatorFloat_Low(SOp_MathOp::EOp op, void *evalInto, u32 evalCount, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
 		{
-			OX_ASSERT_ALIGNED32(evalInto);
-			OX_ASSERT_ALIGNED32(datasrc0);
-			OX_ASSERT_ALIGNED32(datasrc1);
-			OX_ASSERT(evalInto != null);
-			OX_ASSERT(datasrc0 != null);
-			OX_ASSERT(stride0 == _Dimension * sizeof(float) || stride0 == 0);
-			OX_ASSERT(stride1 == _Dimension * sizeof(float) || stride1 == 0);
+			AssertSelectorOperands<Path_Low, float, _Dimension>(evalInto, datasrc0, stride0, datasrc1, stride1);
 
 			const FnLowKernel fn = u32(op) < u32(SOp_MathOp::__MaxOps) ? _FnLowFloat<_Dimension>[op] : nullptr;
 			if (fn == nullptr)
@@ -272,13 +267,7 @@ namespace Orvex
 		template <int _Dimension>
 		void ExecOperatorInt_Low(SOp_MathOp::EOp op, void *evalInto, u32 evalCount, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
 		{
-			OX_ASSERT_ALIGNED32(evalInto);
-			OX_ASSERT_ALIGNED32(datasrc0);
-			OX_ASSERT_ALIGNED32(datasrc1);
-			OX_ASSERT(evalInto != null);
-			OX_ASSERT(datasrc0 != null);
-			OX_ASSERT(stride0 == _Dimension * sizeof(s32) || stride0 == 0);
-			OX_ASSERT(stride1 == _Dimension * sizeof(s32) || stride1 == 0);
+			AssertSelectorOperands<Path_Low, s32, _Dimension>(evalInto, datasrc0, stride0, datasrc1, stride1);
 
 			if (u32(op) >= u32(SOp_MathOp::__MaxOps))
 			{

@@ -67,5 +67,24 @@ namespace Orvex
 		static_assert(_KernelRowOfTypeField[BaseType_Bool3 + 1] == Row_Int3 && _KernelRowOfTypeField[BaseType_Quaternion + 1] == Row_Float4, "bools and quaternions");
 		static_assert(_KernelRowOfTypeField[BaseType_Double + 1] == Row_None && _KernelRowOfTypeField[63] == Row_None, "types without a kernel");
 
+		// Runs the selector of a kernel row with 'args': _Selectors::Float<N> or
+		// _Selectors::Int<N> (each path has its family); false for Row_None. The switch
+		// compiles to one indexed jump.
+		template <typename _Selectors, typename... _Args>
+		inline __attribute__((always_inline)) bool RunRowSelector(EKernelRow row, const _Args &...args)
+		{
+			switch (row)
+			{
+			case Row_Float1: _Selectors::template Float<1>(args...); return true;
+			case Row_Float2: _Selectors::template Float<2>(args...); return true;
+			case Row_Float3: _Selectors::template Float<3>(args...); return true;
+			case Row_Float4: _Selectors::template Float<4>(args...); return true;
+			case Row_Int1: _Selectors::template Int<1>(args...); return true;
+			case Row_Int2: _Selectors::template Int<2>(args...); return true;
+			case Row_Int3: _Selectors::template Int<3>(args...); return true;
+			case Row_Int4: _Selectors::template Int<4>(args...); return true;
+			default: return false;
+			}
+		}
 	}
 }

@@ -223,10 +223,12 @@ namespace Orvex
 				return {};
 			const u32 src0Field = CVMRegID::TypeFieldOf(ids.m_Src0);
 			const FnOp2Single fn = _FnSingleLookup[u32(op) * __MaxKernelRows + _KernelRowOfTypeField[src0Field]];
-			const u32 size = _TypeFieldSizes[src0Field];
-			if (fn == nullptr || _TypeFieldSizes[CVMRegID::TypeFieldOf(ids.m_Dst)] != size)
+			if (fn == nullptr)
 				return {};
-			const RegisterEntry &reg = registers.SelectWellFormed(ids.m_Dst);
+			const u32 size = _TypeFieldSizes[src0Field];
+			if (_TypeFieldSizes[CVMRegID::TypeFieldOf(dstBits)] != size)
+				return {};
+			const RegisterEntry &reg = registers.SelectWellFormed(dstBits);
 			const RegisterEntry &reg0 = registers.SelectWellFormed(ids.m_Src0);
 			if (!(reg.m_Size >= u64(registers.m_StreamDimensions) * size || reg.m_Size >= size) || reg0.m_Size < size)
 				return {};

@@ -22,24 +22,27 @@ namespace Orvex
 	{
 		using MathOp::SResolvedMathOp;
 
+		// The standard path's selectors, by kernel row.
+		struct SStandardSelectors
+		{
+			template <int _Dimension>
+			static __attribute__((always_inline)) void Float(SOp_MathOp::EOp op, const SResolvedMathOp &r)
+			{
+				MathOp::ExecOperatorFloat<_Dimension>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1);
+			}
+			template <int _Dimension>
+			static __attribute__((always_inline)) void Int(SOp_MathOp::EOp op, const SResolvedMathOp &r)
+			{
+				MathOp::ExecOperatorInt<_Dimension>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1);
+			}
+		};
+
 		// Runs the kernel of source 0's type: only that type selects it (through its kernel
-		// row), and the switch compiles to one indexed jump.
+		// row). A type without a row is reported and nothing is written.
 		inline __attribute__((always_inline)) void _Dispatch(SOp_MathOp::EOp op, const SResolvedMathOp &r)
 		{
-			switch (MathOp::_KernelRowOfType(r.m_SrcType0))
-			{
-			case MathOp::Row_Float1: MathOp::ExecOperatorFloat<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float2: MathOp::ExecOperatorFloat<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float3: MathOp::ExecOperatorFloat<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Float4: MathOp::ExecOperatorFloat<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int1: MathOp::ExecOperatorInt<1>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int2: MathOp::ExecOperatorInt<2>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int3: MathOp::ExecOperatorInt<3>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			case MathOp::Row_Int4: MathOp::ExecOperatorInt<4>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1); break;
-			default:
+			if (!MathOp::RunRowSelector<SStandardSelectors>(MathOp::_KernelRowOfType(r.m_SrcType0), op, r))
 				OX_ASSERT_NOT_REACHED();
-				return;
-			}
 		}
 
 		// An instruction that the probe did not accept: resolved with every check reported,
