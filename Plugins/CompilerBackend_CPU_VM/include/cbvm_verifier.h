@@ -14,12 +14,15 @@
 //           log("offset %u: %s", problems[i].m_Offset, problems[i].m_Message);
 //
 // Checked, per instruction: a known opcode (113..117), the whole instruction inside the
-// buffer, the operator in range, well-formed register ids, the operand count, a source
-// type with a kernel (float..float4, quaternion, i32..int4, bool..bool4), both sources
-// of one type, no bitwise operator on floats, a destination whose element size is the
-// sources' (the integer kernels refuse any other stride, the Low path writes densely);
-// then, against the register file: every slot inside it, storage present and 32-byte
-// aligned, and register sizes for m_StreamDimensions (computed in 64 bits).
+// buffer, the operator in range; then the checks the entry points of both paths make
+// themselves, the same predicates evaluated instead of reported: well-formed register
+// ids, the operand count, a source type with a kernel (float..float4, quaternion,
+// i32..int4, bool..bool4), both sources of one type, no bitwise operator on floats, a
+// destination whose element size is the sources' (the integer kernels refuse any other
+// stride, the Low path writes densely), storage present and 32-byte aligned, register
+// sizes for m_StreamDimensions (in 64 bits), and the kernels' checks of the operand
+// forms below. What the entry points cannot check is checked here too: every slot
+// inside the register file, and one element in every one-value register.
 //
 // The guarantee: when Verify reports no problem at all (no error, no warning), the
 // program runs on both paths (CInterpreter::Run, standard or Low) with no assertion

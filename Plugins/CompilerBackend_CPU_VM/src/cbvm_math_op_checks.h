@@ -6,7 +6,7 @@
 //   - TReportPolicy<path>: the entry points. Each check is an assertion site of its own
 //     (one per path), reported through the handler, and execution goes on with the
 //     values at hand. The register-id and type-size checks are the accessors' own
-//     (CVMRegID::ToType, SelectRegister, DataSizeInBytes), called as before.
+//     (CVMRegID::ToType, SelectRegister, DataSizeInBytes), called in the path's order.
 //   - SProbePolicy: the fast paths. The first failing check stops the resolution, and
 //     the instruction goes the reporting way instead (which then reports it).
 //   - SCollectPolicy: the verifier and the path-difference classifier. Every check is

@@ -13,7 +13,7 @@
 // Each vector loop checks its stream pointers for 16-byte alignment once, on entry:
 // aligned pointers (always, from the register file) run the loop without a check per
 // access (SIMD_SSE::TAlignedAccess<true>); a misaligned one runs the same loop with the
-// vector library's checked accesses, which report every misaligned access as before.
+// vector library's checked accesses, which report every misaligned access.
 //
 // Every kernel has the signature of FnOp2Stream and computes src0 op src1. Modulo and
 // negation have kernels of their own at the end of the file.

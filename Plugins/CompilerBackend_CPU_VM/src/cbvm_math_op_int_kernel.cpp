@@ -17,7 +17,7 @@
 // count is at most 31, no check inside the loop could fail, so the loop runs without
 // the per-access alignment test and the per-vector shift-count test (TAlignedAccess<true>
 // and the *_Prechecked shifts). Otherwise it runs with the vector library's checked
-// forms, which report exactly as before. The choice is a run-time flag ('prechecked')
+// forms, which report each failing access. The choice is a run-time flag ('prechecked')
 // passed down to the loops, so that no assertion site is duplicated.
 
 #include "cbvm_math_op_int_selector.h"
