@@ -3,6 +3,7 @@
 // ends count strides after the start, never past the register; a stride above it ends
 // at count packed elements, never reading the packed sources past their registers.
 
+#include "bytecode_builder.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"
 #include "scalar_model.h"
@@ -66,18 +67,13 @@ namespace
 			pb[w] = 2.0f + 0.5f * float(w % 3);
 
 		CAssertCapture capture;
-		SOp_MathOp::SDesc desc;
-		desc.m_Op = SOp_MathOp::Op_Mod;
-		desc.m_DstReg = dst.ToIRRegID();
-		desc.m_SrcReg0 = a.ToIRRegID();
-		desc.m_SrcReg1 = b.ToIRRegID();
-		u8 bytes[CMetaOp_MathOp::IP_Offset];
-		CMetaOp_MathOp::EncodeDescToBytecode(bytes, desc);
+		std::vector<u8> bytes;
+		OxTest::EmitEncoded(bytes, SOp_MathOp::Op_Mod, dst, a, b);
 		CCompilerBackendCPUProgram_VM program;
 		CRuntimeCPUBindings bindings;
 		SCompilerCPUDebugCtx debugCtx;
 		const CBytecodeExecContext ctx(&program, bindings, storage.Registers(), debugCtx);
-		CMetaOp_MathOp::_ExecBytecode(ctx, bytes);
+		CMetaOp_MathOp::_ExecBytecode(ctx, bytes.data());
 
 		// The destination of another element size is reported by the kernel, once more on
 		// the route of a one-value divisor (which repeats the check).

@@ -6,6 +6,7 @@
 
 #include "cbvm_math_op_single_kernels.h"
 #include "cbvm_meta_ops.h"
+#include "bytecode_builder.h"
 #include "cbvm_register_storage.h"
 #include "kr_profiler.h"
 #include "seeded_random.h"
@@ -23,17 +24,10 @@ namespace
 
 	constexpr u32 kSlots = 3;
 
-	// Raw instruction bytes: any ids, any operator byte.
 	std::vector<u8> Instruction(u32 op, u32 dst, u32 src0, u32 src1, bool generic)
 	{
 		std::vector<u8> code;
-		const bool shortForm = op < CMetaOp_MathOp::kSpecializedOpCount && !generic;
-		code.push_back(shortForm ? u8(CBVM::Opcode_MathOpAdd + op) : u8(CBVM::Opcode_MathOp));
-		if (!shortForm)
-			code.push_back(u8(op));
-		for (u32 bits : {dst, src0, src1})
-			for (u32 b = 0; b < 4; ++b)
-				code.push_back(u8(bits >> (8 * b)));
+		OxTest::EmitRaw(code, op, dst, src0, src1, generic);
 		return code;
 	}
 

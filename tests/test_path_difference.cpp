@@ -3,6 +3,7 @@
 // same operands give other bits in a constant register and in a stream; the classifier
 // names both cases.
 
+#include "bytecode_builder.h"
 #include "cbvm_math_op_paths.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"
@@ -47,13 +48,8 @@ namespace
 
 		std::vector<u8> Mod(CVMRegID dst, CVMRegID a) const
 		{
-			SOp_MathOp::SDesc desc;
-			desc.m_Op = SOp_MathOp::Op_Mod;
-			desc.m_DstReg = dst.ToIRRegID();
-			desc.m_SrcReg0 = a.ToIRRegID();
-			desc.m_SrcReg1 = m_Divisor.ToIRRegID();
-			std::vector<u8> bytes(CMetaOp_MathOp::IP_Offset);
-			bytes.resize(CMetaOp_MathOp::EncodeDescToBytecode(bytes.data(), desc));
+			std::vector<u8> bytes;
+			OxTest::EmitEncoded(bytes, SOp_MathOp::Op_Mod, dst, a, m_Divisor);
 			return bytes;
 		}
 

@@ -7,6 +7,7 @@
 #include "cbvm_interpreter.h"
 #include "cbvm_register_storage.h"
 #include "cbvm_verifier.h"
+#include "bytecode_builder.h"
 #include "oxvm_runner.h"
 #include "test_support.h"
 
@@ -29,17 +30,9 @@ namespace
 
 	constexpr u8 kSentinel = 0xA5;
 
+	using OxTest::EmitRaw;
 	// Raw instruction bytes: any ids, any operator (the encoder would assert on bad ones).
-	void Emit(std::vector<u8> &code, u32 op, u32 dst, u32 src0, u32 src1 = 0xFFFFFFFFu, bool generic = false)
-	{
-		const bool shortForm = op < CMetaOp_MathOp::kSpecializedOpCount && !generic;
-		code.push_back(shortForm ? u8(CBVM::Opcode_MathOpAdd + op) : u8(CBVM::Opcode_MathOp));
-		if (!shortForm)
-			code.push_back(u8(op));
-		for (u32 bits : {dst, src0, src1})
-			for (u32 b = 0; b < 4; ++b)
-				code.push_back(u8(bits >> (8 * b)));
-	}
+	void Emit(std::vector<u8> &code, u32 op, u32 dst, u32 src0, u32 src1 = 0xFFFFFFFFu, bool generic = false) { EmitRaw(code, op, dst, src0, src1, generic); }
 
 	u32 Id(u32 slot, EMetaType bank, EBaseTypeID type) { return u32(CVMRegID::Build(slot, bank, type).m_RawBits); }
 

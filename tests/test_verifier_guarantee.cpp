@@ -6,6 +6,7 @@
 
 #include "cbvm_interpreter.h"
 #include "cbvm_register_storage.h"
+#include "bytecode_builder.h"
 #include "cbvm_verifier.h"
 #include "test_support.h"
 
@@ -19,16 +20,7 @@ namespace
 	using namespace Orvex;
 	using Compiler::IR::SOp_MathOp;
 
-	void Emit(std::vector<u8> &code, SOp_MathOp::EOp op, CVMRegID dst, CVMRegID src0, CVMRegID src1)
-	{
-		SOp_MathOp::SDesc desc;
-		desc.m_Op = op;
-		desc.m_DstReg = dst.ToIRRegID();
-		desc.m_SrcReg0 = src0.ToIRRegID();
-		desc.m_SrcReg1 = src1.ToIRRegID();
-		u8 bytes[CMetaOp_MathOp::IP_Offset];
-		code.insert(code.end(), bytes, bytes + CMetaOp_MathOp::EncodeDescToBytecode(bytes, desc));
-	}
+	using OxTest::EmitEncoded;
 
 	u32 ReportsOfARun(CCBCPUMetaRegisters &registers, const std::vector<u8> &code, CBVM::EExecPath path)
 	{
@@ -68,8 +60,8 @@ namespace
 		*storage.DataAs<s32>(k) = 3;
 		*storage.DataAs<s32>(step) = 37;
 		std::vector<u8> code;
-		Emit(code, SOp_MathOp::Op_Add, k, k, step);
-		Emit(code, SOp_MathOp::Op_Bitwise_ShiftLeft, y, x, k);
+		EmitEncoded(code, SOp_MathOp::Op_Add, k, k, step);
+		EmitEncoded(code, SOp_MathOp::Op_Bitwise_ShiftLeft, y, x, k);
 
 		CBVM::SVerifyProblem problem;
 		const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(code.data(), u32(code.size()), storage, &problem, 1, GetParam().m_Flags);
@@ -105,8 +97,8 @@ namespace
 		registers.m_Registers = table.data();
 
 		std::vector<u8> code;
-		Emit(code, SOp_MathOp::Op_Add, counts, counts, step);
-		Emit(code, SOp_MathOp::Op_Bitwise_ShiftLeft, y, x, countView);
+		EmitEncoded(code, SOp_MathOp::Op_Add, counts, counts, step);
+		EmitEncoded(code, SOp_MathOp::Op_Bitwise_ShiftLeft, y, x, countView);
 
 		CBVM::SVerifyProblem problem;
 		const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(code.data(), u32(code.size()), registers, 4, &problem, 1, GetParam().m_Flags);
@@ -118,8 +110,8 @@ namespace
 		for (u32 i = 0; i < 24; ++i)
 			storage.DataAs<s32>(counts)[i] = 3;
 		std::vector<u8> clean;
-		Emit(clean, SOp_MathOp::Op_Add, y, counts, step);
-		Emit(clean, SOp_MathOp::Op_Bitwise_ShiftLeft, y, x, countView);
+		EmitEncoded(clean, SOp_MathOp::Op_Add, y, counts, step);
+		EmitEncoded(clean, SOp_MathOp::Op_Bitwise_ShiftLeft, y, x, countView);
 		EXPECT_EQ(CBVM::CVerifier::Verify(clean.data(), u32(clean.size()), registers, 4, nullptr, 0, GetParam().m_Flags).Problems(), 0u);
 		EXPECT_EQ(ReportsOfARun(registers, clean, CBVM::ExecPath_Standard), 0u);
 		EXPECT_EQ(ReportsOfARun(registers, clean, CBVM::ExecPath_Low), 0u);
