@@ -79,7 +79,7 @@ namespace
 			const u32 wb = MathOp::RegisterBlockOffset(code[0]);
 			const SOp_MathOp::EOp decoded = MathOp::OperatorOf(code.data());
 
-			const MathOp::SSingleCall fused = MathOp::SingleKernelFused(registers, code.data(), wb, decoded);
+			const MathOp::SSingleCall fused = MathOp::SingleKernelFused</*_Run*/ false>(registers, code.data(), wb, decoded);
 			const MathOp::SSingleCall checked = MathOp::SingleKernelChecked(registers, code.data(), wb, decoded);
 			ASSERT_EQ(fused.m_Fn, checked.m_Fn) << "round " << round;
 			if (checked.m_Fn == nullptr)

@@ -30,6 +30,7 @@
 #include "simd/sse/simd_vector.h"
 
 #include <array>
+#include <type_traits>
 #include <utility>
 
 namespace Orvex
@@ -204,45 +205,55 @@ namespace Orvex
 		//   - a one-element kernel for (operator, row): the row exists (a size of 4 x N) and
 		//     the operator has a form for it; the destination of the same size;
 		//   - register sizes for one element, pointers present and 32-byte aligned.
-		inline __attribute__((always_inline)) SSingleCall SingleKernelFused(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		//
+		// _Run: call the kernel here and return whether it ran (the entry points), instead of
+		// returning the call (the test).
+		template <bool _Run>
+		inline __attribute__((always_inline)) std::conditional_t<_Run, bool, SSingleCall> SingleKernelFused(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
 		{
 			constexpr u32 kTopBits = ~(CVMRegID::kWellFormedLimit - 1);
 			constexpr u32 kPerElementBit = 2u << Compiler::IR::CRegID::RegisterBankShift;
 			static_assert(CVMRegID::PerElementOf(kPerElementBit) && !CVMRegID::PerElementOf(~kPerElementBit & (CVMRegID::kWellFormedLimit - 1)), "the per-element bit");
 			const u32 dstBits = OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset);
 			if ((dstBits & (kTopBits | kPerElementBit)) != 0 || u32(op) >= u32(SOp_MathOp::__MaxOps))
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			if (!IsMathOpOpcode(bytecode[0]))
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			const SOperandIds ids = ReadOperandIds(bytecode, wb);
 			if (!CVMRegID::WellFormedBits(ids.m_Src0))
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			const bool binary = SOp_MathOp::kTraits[op].m_ParameterCount > 1;
 			constexpr u32 kTypeAndTopShift = Compiler::IR::CRegID::RegisterTypeShift;
 			if (binary ? (ids.m_Src1 >> kTypeAndTopShift) != (ids.m_Src0 >> kTypeAndTopShift) : ids.m_Src1 != CVMRegID::kInvalidBits)
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			const u32 src0Field = CVMRegID::TypeFieldOf(ids.m_Src0);
 			const FnOp2Single fn = _FnSingleLookup[u32(op) * __MaxKernelRows + _KernelRowOfTypeField[src0Field]];
 			if (fn == nullptr)
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			const u32 size = _TypeFieldSizes[src0Field];
 			if (_TypeFieldSizes[CVMRegID::TypeFieldOf(dstBits)] != size)
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			const RegisterEntry &reg = registers.SelectWellFormed(dstBits);
 			const RegisterEntry &reg0 = registers.SelectWellFormed(ids.m_Src0);
 			if (!(reg.m_Size >= u64(registers.m_StreamDimensions) * size || reg.m_Size >= size) || reg0.m_Size < size)
-				return {};
+				return std::conditional_t<_Run, bool, SSingleCall>();
 			const void *data1 = nullptr;
 			if (binary)
 			{
 				const RegisterEntry &reg1 = registers.SelectWellFormed(ids.m_Src1);
 				if (reg1.m_Size < size || reg1.m_RawData == nullptr)
-					return {};
+					return std::conditional_t<_Run, bool, SSingleCall>();
 				data1 = reg1.m_RawData;
 			}
 			if (reg.m_RawData == nullptr || reg0.m_RawData == nullptr || !SIMD_SSE::_AreAligned<32>(reg.m_RawData, reg0.m_RawData, data1))
-				return {};
-			return {fn, reg.m_RawData, reg0.m_RawData, data1};
+				return std::conditional_t<_Run, bool, SSingleCall>();
+			if constexpr (_Run)
+			{
+				fn(reg.m_RawData, reg0.m_RawData, data1);
+				return true;
+			}
+			else
+				return SSingleCall{fn, reg.m_RawData, reg0.m_RawData, data1};
 		}
 	}
 }

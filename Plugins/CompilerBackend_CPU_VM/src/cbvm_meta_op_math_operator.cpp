@@ -63,11 +63,7 @@ namespace Orvex
 		// goes the general way, which reports whatever is wrong.
 		inline __attribute__((always_inline)) bool _TrySingle(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
 		{
-			const MathOp::SSingleCall call = MathOp::SingleKernelFused(registers, bytecode, wb, op);
-			if (call.m_Fn == nullptr)
-				return false;
-			call.m_Fn(call.m_Dst, call.m_Src0, call.m_Src1);
-			return true;
+			return MathOp::SingleKernelFused</*_Run*/ true>(registers, bytecode, wb, op);
 		}
 
 		// Resolves the three operands at bytecode + wb in the register file (probed, or with
