@@ -3,6 +3,7 @@
 #include "assembler.h"
 #include "bundled_example.h"
 #include "commands.h"
+#include "output_file.h"
 #include "program_loader.h"
 #include "source_file.h"
 #include "verification.h"
@@ -33,14 +34,22 @@ namespace OxVm
 
 	int CommandAsm(const std::string &programPath, const std::string &outputPath)
 	{
+		// The output is opened first: a path that cannot be written stops here.
+		COutputFile output;
+		std::string error;
+		if (!output.Open(outputPath, error))
+		{
+			fmt::print(stderr, "oxvm: error: {}\n", error);
+			return Exit_BadInput;
+		}
 		SProgram program;
 		if (!LoadProgram(programPath, 0, program))
 			return Exit_BadInput;
 		const std::vector<u8> bytecode = Assemble(program);
-		std::string error;
-		if (!WriteFileAtomically(outputPath, bytecode.data(), bytecode.size(), error))
+		const bool wrote = std::fwrite(bytecode.data(), 1, bytecode.size(), output.Stream()) == bytecode.size();
+		if (!output.Commit(error) || !wrote)
 		{
-			fmt::print(stderr, "oxvm: error: {}\n", error);
+			fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", outputPath) : error);
 			return Exit_RunFailed;
 		}
 		fmt::print("{}: {} instructions, {} bytes of bytecode -> {}\n", programPath, program.m_Instructions.size(), bytecode.size(), outputPath);

@@ -8,6 +8,7 @@
 #include "kr_profiler.h"
 #include "program_loader.h"
 #include "register_file.h"
+#include "output_file.h"
 #include "results.h"
 #include "runner.h"
 #include "verification.h"
@@ -90,6 +91,15 @@ namespace OxVm
 		const u32 elements = options.m_Elements != 0 ? options.m_Elements : program.m_Stream;
 		const CBVM::EExecPath path = options.m_Path == "low" ? CBVM::ExecPath_Low : CBVM::ExecPath_Standard;
 		const std::vector<u8> bytecode = Assemble(program);
+		// The CSV output is opened before anything runs: a path that cannot be written
+		// stops the command here, not after the run.
+		COutputFile csv;
+		std::string csvError;
+		if (!options.m_Csv.empty() && !csv.Open(options.m_Csv, csvError))
+		{
+			fmt::print(stderr, "oxvm: error: {}\n", csvError);
+			return Exit_BadInput;
+		}
 
 		Profiler::CProfiler &profiler = *Profiler::MainEngineProfiler();
 		profiler.Reset();
@@ -174,9 +184,10 @@ namespace OxVm
 		}
 		if (!options.m_Csv.empty())
 		{
-			if (!WriteCsv(options.m_Csv, program, file, WrittenRegisters(program), elements, error))
+			const bool wrote = WriteCsv(csv.Stream(), program, file, WrittenRegisters(program), elements);
+			if (!csv.Commit(error) || !wrote)
 			{
-				fmt::print(stderr, "oxvm: error: {}\n", error);
+				fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", options.m_Csv) : error);
 				return Exit_RunFailed;
 			}
 			fmt::print("\ncsv        {} ({} rows)\n", options.m_Csv, elements);

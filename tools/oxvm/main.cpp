@@ -27,7 +27,7 @@ int main(int argc, char **argv)
 	std::string asmProgram, asmOutput;
 	CLI::App *asmCommand = app.add_subcommand("asm", "Assemble a program into bytecode with the VM's encoder (13-byte add, sub, mul, div; 14 bytes otherwise).");
 	asmCommand->add_option("program", asmProgram, "program text (.oxs)")->required();
-	asmCommand->add_option("-o,--output", asmOutput, "bytecode file to write (written whole or not at all)")->required();
+	asmCommand->add_option("-o,--output", asmOutput, "bytecode file to write: a regular file is replaced whole or not at all, keeping its mode and links; a device or FIFO is written as it is; - is standard output")->required();
 
 	std::string disasmPath, disasmInput = "auto";
 	CLI::App *disasmCommand = app.add_subcommand("disasm",
@@ -52,7 +52,7 @@ int main(int argc, char **argv)
 	runCommand->add_option("--path", run.m_Path, "execution path: standard (SIMD) or low (plain)")->check(CLI::IsMember({"standard", "low"}))->capture_default_str();
 	runCommand->add_option("--seed", run.m_Seed, "seed of random() initialisers")->capture_default_str();
 	runCommand->add_option("--dump", run.m_Dump, "print every element of these registers (names or bank.slot:type)");
-	runCommand->add_option("--csv", run.m_Csv, "write the written registers, one row per element, to this CSV file (only when the run succeeds)");
+	runCommand->add_option("--csv", run.m_Csv, "write the written registers, one row per element, to this CSV file (only when the run succeeds; a regular file is replaced whole, keeping its mode and links; a device or FIFO is written as it is; - is standard output)");
 	runCommand->add_flag("--profile", run.m_Profile, "print the profiler's count and time per VM entry point");
 	runCommand->add_flag("--compare", run.m_Compare,
 		"run the standard and the low path side by side from the same inputs and list every differing word outside the documented differences (exit 1 if any)");

@@ -130,15 +130,8 @@ namespace OxVm
 		}
 	}
 
-	bool WriteCsv(const std::string &path, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, std::string &error)
+	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements)
 	{
-		const std::string temporary = path + ".tmp";
-		std::FILE *out = std::fopen(temporary.c_str(), "wb");
-		if (out == nullptr)
-		{
-			error = fmt::format("cannot write '{}': {}", temporary, std::strerror(errno));
-			return false;
-		}
 		std::string header = "element";
 		for (s32 index : registers)
 		{
@@ -162,13 +155,6 @@ namespace OxVm
 			row += "\n";
 			std::fputs(row.c_str(), out);
 		}
-		const bool written = std::ferror(out) == 0;
-		if (std::fclose(out) != 0 || !written || std::rename(temporary.c_str(), path.c_str()) != 0)
-		{
-			error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
-			std::remove(temporary.c_str());
-			return false;
-		}
-		return true;
+		return std::ferror(out) == 0;
 	}
 }

@@ -23,6 +23,6 @@ namespace OxVm
 
 	// One row per element of the stream, a column per component of each register
 	// (name, or name.x name.y ...); a Constant or Normal register repeats its value.
-	// Written to 'path'.tmp, then renamed, so a failed write leaves no partial file.
-	bool WriteCsv(const std::string &path, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, std::string &error);
+	// Written to 'out' (an output opened by COutputFile); false when a write failed.
+	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements);
 }

@@ -29,25 +29,6 @@ namespace OxVm
 		return true;
 	}
 
-	bool WriteFileAtomically(const std::string &path, const void *data, std::size_t size, std::string &error)
-	{
-		const std::string temporary = path + ".tmp";
-		std::FILE *out = std::fopen(temporary.c_str(), "wb");
-		if (out == nullptr)
-		{
-			error = fmt::format("cannot write '{}': {}", temporary, std::strerror(errno));
-			return false;
-		}
-		const bool written = std::fwrite(data, 1, size, out) == size;
-		if (std::fclose(out) != 0 || !written || std::rename(temporary.c_str(), path.c_str()) != 0)
-		{
-			error = fmt::format("cannot write '{}': {}", path, std::strerror(errno));
-			std::remove(temporary.c_str());
-			return false;
-		}
-		return true;
-	}
-
 	bool LooksLikeText(const std::string &bytes)
 	{
 		if (bytes.empty())

@@ -10,9 +10,6 @@ namespace OxVm
 	// The whole file; false with 'error' set ("cannot read 'x': No such file or directory").
 	bool ReadFile(const std::string &path, std::string &bytes, std::string &error);
 
-	// Writes 'path'.tmp, then renames it: a failure leaves no partial file.
-	bool WriteFileAtomically(const std::string &path, const void *data, std::size_t size, std::string &error);
-
 	// A program is text: tabs, line ends and printable bytes only. Bytecode always has
 	// control bytes in practice (register ids hold small slots and zero bank bits), and
 	// an empty file counts as bytecode (no instructions).
