@@ -19,6 +19,10 @@ function(run_step)
 endfunction()
 
 run_step(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+# The tool is installed too, and runs from there.
+if(EXISTS "${BUILD_DIR}/tools/oxvm")
+  run_step("${prefix}/bin/oxvm" --help)
+endif()
 run_step(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" -G Ninja -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
 run_step(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
 run_step("${WORK_DIR}/build/embed_host")

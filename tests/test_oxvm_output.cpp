@@ -111,6 +111,11 @@ namespace
 		ASSERT_EQ(result.m_Status, 0) << result.m_Err;
 		EXPECT_NE(result.m_Out.find(kCsv), std::string::npos) << result.m_Out;
 		EXPECT_FALSE(Exists("-"));
+		// asm -o -: the bytecode alone on standard output, the summary on standard error.
+		const SOxvmResult assembled = Oxvm("asm tiny.oxs -o -");
+		ASSERT_EQ(assembled.m_Status, 0) << assembled.m_Err;
+		EXPECT_EQ(assembled.m_Out.size(), 13u);
+		EXPECT_NE(assembled.m_Err.find("1 instructions, 13 bytes of bytecode -> -"), std::string::npos) << assembled.m_Err;
 	}
 
 	TEST_F(OxvmOutput, AnUnwritablePathStopsTheCommandBeforeItRuns)

@@ -52,7 +52,8 @@ namespace OxVm
 			fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", outputPath) : error);
 			return Exit_RunFailed;
 		}
-		fmt::print("{}: {} instructions, {} bytes of bytecode -> {}\n", programPath, program.m_Instructions.size(), bytecode.size(), outputPath);
+		// (On standard error when the bytecode itself went to standard output.)
+		fmt::print(outputPath == "-" ? stderr : stdout, "{}: {} instructions, {} bytes of bytecode -> {}\n", programPath, program.m_Instructions.size(), bytecode.size(), outputPath);
 		return Exit_Ok;
 	}
 
