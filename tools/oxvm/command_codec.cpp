@@ -66,6 +66,11 @@ namespace OxVm
 			fmt::print(stderr, "oxvm: error: {}\n", error);
 			return Exit_BadInput;
 		}
+		if (bytes.empty())
+		{
+			fmt::print(stderr, "{}: error: empty file: no program and no bytecode\n", path);
+			return Exit_BadInput;
+		}
 		const bool text = format == Input_Text || (format == Input_Auto && LooksLikeText(bytes));
 		if (text)
 		{

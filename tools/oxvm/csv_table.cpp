@@ -1,5 +1,7 @@
 #include "csv_table.h"
 
+#include "source_file.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -66,6 +68,8 @@ namespace OxVm
 		while (std::getline(in, line))
 		{
 			++lineNumber;
+			if (lineNumber == 1)
+				SkipByteOrderMark(line);
 			if (!line.empty() && line.back() == '\r')
 				line.pop_back();
 			if (line.find_first_not_of(" \t") == std::string::npos)

@@ -51,7 +51,11 @@ int main(int argc, char **argv)
 		->capture_default_str();
 	runCommand->add_option("--path", run.m_Path, "execution path: standard (SIMD) or low (plain)")->check(CLI::IsMember({"standard", "low"}))->capture_default_str();
 	runCommand->add_option("--seed", run.m_Seed, "seed of random() initialisers")->capture_default_str();
-	runCommand->add_option("--dump", run.m_Dump, "print every element of these registers (names or bank.slot:type)");
+	// One value per --dump (repeat it, or give a comma list), so that it never takes the
+	// program's name for a register's.
+	runCommand->add_option("--dump", run.m_Dump, "print every element of this register (a name or bank.slot:type; repeat --dump, or give a comma list)")
+		->allow_extra_args(false)
+		->delimiter(',');
 	runCommand->add_option("--csv", run.m_Csv, "write the written registers, one row per element, to this CSV file (only when the run succeeds; a regular file is replaced whole, keeping its mode and links; a device or FIFO is written as it is; - is standard output)");
 	runCommand->add_flag("--profile", run.m_Profile, "print the profiler's count and time per VM entry point");
 	runCommand->add_flag("--compare", run.m_Compare,

@@ -18,6 +18,12 @@ namespace OxVm
 				fmt::print(stderr, "oxvm: error: {}\n", error);
 				return false;
 			}
+			SkipByteOrderMark(text);
+			if (text.find_first_not_of(" \t\r\n") == std::string::npos)
+			{
+				fmt::print(stderr, "{}: error: empty program (a program has a 'stream' line and instructions)\n", path);
+				return false;
+			}
 			if (!LooksLikeText(text))
 			{
 				fmt::print(stderr, "{}: error: this is bytecode (or not text); a program is expected here\n", path);

@@ -29,6 +29,12 @@ namespace OxVm
 		return true;
 	}
 
+	void SkipByteOrderMark(std::string &text)
+	{
+		if (text.compare(0, 3, "\xEF\xBB\xBF") == 0)
+			text.erase(0, 3);
+	}
+
 	bool LooksLikeText(const std::string &bytes)
 	{
 		if (bytes.empty())
