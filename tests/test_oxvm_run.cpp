@@ -182,7 +182,7 @@ namespace
 		// The CSV is a valid initialiser again.
 		Write("again.oxs", "stream 5\nreg p stream 0 float = csv(\"out.csv\", p)\nreg q stream 1 int2 = csv(\"out.csv\", q.x, q.y)\n"
 						   "reg m stream 2 bool = csv(\"out.csv\", m)\nreg r stream 3 float\nadd r, p, p\n");
-		const SOxvmResult again = Oxvm("run again.oxs --dump q m r");
+		const SOxvmResult again = Oxvm("run again.oxs --dump q,m,r");
 		ASSERT_EQ(again.m_Status, 0) << again.m_Err;
 		EXPECT_NE(again.m_Out.find("  [4] (3, -2)\n"), std::string::npos) << again.m_Out;
 		EXPECT_NE(again.m_Out.find("dump m (stream.2:bool, 5 elements)\n  [0] false\n  [1] false\n  [2] true\n"), std::string::npos);
