@@ -1,6 +1,7 @@
-// What oxvm accepts as input and how its options read: a byte-order mark is not part of
-// the first word, an empty file is called empty, and --dump takes one register (or a
-// comma list) so that it never takes the program's name.
+// What oxvm accepts as input and how its command line reads: a byte-order mark is not
+// part of the first word, an empty file is called empty, --dump takes one register (or
+// a comma list) so that it never takes the program's name, an unknown command is named,
+// --version and help answer, and --compare refuses a --path it would ignore.
 
 #include "oxvm_runner.h"
 
@@ -51,5 +52,22 @@ namespace
 		EXPECT_NE(disasm.m_Err.find("empty.oxs: error: empty file"), std::string::npos) << disasm.m_Err;
 		Write("blank.oxs", "\n  \n");
 		EXPECT_NE(Oxvm("run blank.oxs").m_Err.find("blank.oxs: error: empty program"), std::string::npos);
+	}
+
+	TEST_F(OxvmInput, TheCommandLineNamesWhatIsWrong)
+	{
+		const SOxvmResult unknown = Oxvm("frobnicate");
+		EXPECT_EQ(unknown.m_Status, 2);
+		EXPECT_NE(unknown.m_Err.find("oxvm: error: unknown command 'frobnicate' (commands: help, asm, disasm, run, example; oxvm --help)"), std::string::npos) << unknown.m_Err;
+		const SOxvmResult version = Oxvm("--version");
+		EXPECT_EQ(version.m_Status, 0);
+		EXPECT_EQ(version.m_Out.rfind("oxvm ", 0), 0u) << version.m_Out;
+		const SOxvmResult help = Oxvm("help");
+		EXPECT_EQ(help.m_Status, 0);
+		EXPECT_EQ(help.m_Out, Oxvm("--help").m_Out);
+		EXPECT_NE(help.m_Out.find("Usage: oxvm"), std::string::npos);
+		const SOxvmResult both = Oxvm("run --compare --path low");
+		EXPECT_EQ(both.m_Status, 2);
+		EXPECT_NE(both.m_Err.find("--path excludes --compare"), std::string::npos) << both.m_Err;
 	}
 }

@@ -5,6 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
+
 #include <map>
 
 namespace
@@ -23,6 +25,8 @@ int main(int argc, char **argv)
 	CLI::App app{"oxvm: assemble, disassemble and run math-op programs of the CPU bytecode VM.", "oxvm"};
 	app.footer(kFormatHelp);
 	app.require_subcommand(1);
+	app.set_version_flag("--version", std::string("oxvm ") + OXVM_VERSION);
+	CLI::App *helpCommand = app.add_subcommand("help", "Print this help.");
 
 	std::string asmProgram, asmOutput;
 	CLI::App *asmCommand = app.add_subcommand("asm", "Assemble a program into bytecode with the VM's encoder (13-byte add, sub, mul, div; 14 bytes otherwise).");
@@ -58,12 +62,34 @@ int main(int argc, char **argv)
 		->delimiter(',');
 	runCommand->add_option("--csv", run.m_Csv, "write the written registers, one row per element, to this CSV file (only when the run succeeds; a regular file is replaced whole, keeping its mode and links; a device or FIFO is written as it is; - is standard output)");
 	runCommand->add_flag("--profile", run.m_Profile, "print the profiler's count and time per VM entry point");
-	runCommand->add_flag("--compare", run.m_Compare,
+	CLI::Option *compare = runCommand->add_flag("--compare", run.m_Compare,
 		"run the standard and the low path side by side from the same inputs and list every differing word outside the documented differences (exit 1 if any)");
+	// --compare runs both paths: a --path beside it would be ignored, so it is refused.
+	compare->excludes(runCommand->get_option("--path"));
 	runCommand->add_flag("--strict", run.m_Strict, "fail (exit 1) when the VM reports any assertion");
 
 	app.add_subcommand("example", "Print the bundled example program (examples/particles.oxs).");
 
+	// The help of the whole tool, as --help prints it ('oxvm help' prints it too).
+	const std::string toolHelp = app.help();
+
+	// A first word that is no option and no command is named (CLI11 would only say that
+	// a command is required).
+	if (argc > 1 && argv[1][0] != '-')
+	{
+		bool known = false;
+		std::string commands;
+		for (const CLI::App *command : app.get_subcommands({}))
+		{
+			known = known || command->get_name() == argv[1];
+			commands += (commands.empty() ? "" : ", ") + command->get_name();
+		}
+		if (!known)
+		{
+			std::fprintf(stderr, "oxvm: error: unknown command '%s' (commands: %s; oxvm --help)\n", argv[1], commands.c_str());
+			return Exit_BadInput;
+		}
+	}
 	try
 	{
 		app.parse(argc, argv);
@@ -74,6 +100,11 @@ int main(int argc, char **argv)
 		return app.exit(e) == 0 ? Exit_Ok : Exit_BadInput;
 	}
 
+	if (helpCommand->parsed())
+	{
+		std::fputs(toolHelp.c_str(), stdout);
+		return Exit_Ok;
+	}
 	if (asmCommand->parsed())
 		return CommandAsm(asmProgram, asmOutput);
 	if (disasmCommand->parsed())
