@@ -90,6 +90,13 @@ namespace Orvex
 			// of its block are (the block starts x y z x for N = 3).
 			inline bool _IsUniform(const s32 *block) { return SKernelPredicates::UniformLanes(block, 4); }
 
+			// The block path of a uniform right operand: the predicate the verifier and the
+			// classifier evaluate, on the broadcast block (4 lanes) and what is left.
+			inline bool _UniformBlocks(const SPackedCursor &c)
+			{
+				return SKernelPredicates::UniformBlocks(c.m_Stride1, c.HasBlock() ? u64(c.Remaining()) : 0, c.m_Src1, 4);
+			}
+
 			//------------------------------------------------------------------------------
 			// Loop shapes shared by the operators.
 
@@ -365,7 +372,7 @@ namespace Orvex
 			void _ExecDiv(SPackedCursor &c, bool aligned)
 			{
 				// The uniform test reads the constant block only once a whole block remains.
-				if (c.m_Stride1 == 0 && c.HasBlock() && _IsUniform(c.m_Src1))
+				if (_UniformBlocks(c))
 					_DivideBlocksByUniform(c, aligned, c.m_Src1[0]);
 				_PerLane<&ScalarOps::DivS32>(c, kDivModHazardFrom);
 			}
@@ -426,7 +433,7 @@ namespace Orvex
 			template <s32 (*_Scalar)(s32, s32), EShiftKind _Kind>
 			void _ExecShift(SPackedCursor &c, bool aligned)
 			{
-				if (c.m_Stride1 == 0 && c.HasBlock() && _IsUniform(c.m_Src1))
+				if (_UniformBlocks(c))
 				{
 					const u32 bits = u32(c.m_Src1[0]);
 					_UnaryBlocks(c, aligned && Float4::ShiftCountInRange(bits), [bits](const Float4 &a, auto prechecked) { return _Shift<_Kind, decltype(prechecked)::value>(a, bits); });
