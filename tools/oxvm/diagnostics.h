@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace OxVm
@@ -16,6 +17,15 @@ namespace OxVm
 		std::uint32_t m_Line = 0;				// 1-based; 0: the whole file
 		std::uint32_t m_Column = 0;				// 1-based; 0: the whole line
 	};
+
+	// A piece of input as messages show it, in single quotes: bytes that are not
+	// printable text (controls, broken UTF-8) as \xNN, and a long token cut after its
+	// first kShownBytes bytes with its length given ("'aaaa...' (1048576 bytes)"), so
+	// that a message stays one readable line whatever the input holds.
+	std::string Shown(std::string_view text);
+	// The same without the quotes (names of files, whole lines).
+	std::string Printable(std::string_view text);
+	constexpr std::size_t kShownBytes = 40;
 
 	class CDiagnostics
 	{
@@ -51,12 +61,13 @@ namespace OxVm
 		};
 
 		void _Add(const SLocation &where, const char *severity, const std::string &message);
+		void _Sort();
 
 		std::FILE *m_Out;
 		std::string *m_Capture = nullptr;
 		std::uint32_t m_Errors = 0;
 		std::vector<const std::string *> m_Files;
-		std::vector<SEntry> m_Pending;
+		std::vector<SEntry> m_Pending;	// never more than about 2 x kMaxErrors: the first ones in order are kept
 		std::uint32_t m_Sequence = 0;
 		std::uint32_t m_Printed = 0;
 	};

@@ -2,8 +2,13 @@
 
 #include <fmt/format.h>
 
+#include "diagnostics.h"
+
 #include <charconv>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace OxVm
 {
@@ -27,13 +32,56 @@ namespace OxVm
 		{
 			return text.size() > 1 && text[0] == '+' && text[1] != '-' ? text.substr(1) : text;
 		}
+
+		enum ENumberParse : u8
+		{
+			Number_Ok,
+			Number_Malformed,
+			Number_TooLarge,
+		};
+
+		// The float rule of the text format (numbers.h): the nearest float, an overflow refused.
+		ENumberParse ParseFloatText(std::string_view text, float &value)
+		{
+			const std::string_view digits = SkipPlus(text);
+			const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+			if (digits.empty() || result.ptr != digits.data() + digits.size() || result.ec == std::errc::invalid_argument)
+				return Number_Malformed;
+			if (result.ec != std::errc::result_out_of_range)
+				return Number_Ok;
+			// Out of range either way: strtof rounds to nearest and tells an underflow (a
+			// subnormal or zero) from an overflow (an infinity). The syntax is from_chars'
+			// own, checked above, so the two read the same number.
+			const float nearest = std::strtof(std::string(digits).c_str(), nullptr);
+			if (std::isinf(nearest))
+				return Number_TooLarge;
+			value = nearest;
+			return Number_Ok;
+		}
+
+		std::string OutOfRange(std::string_view text)
+		{
+			return fmt::format("number {} is beyond the float range (largest {}; write inf for an infinity)", Shown(text), std::numeric_limits<float>::max());
+		}
 	}
 
-	bool ParseDouble(std::string_view text, double &value)
+	bool ParseFloatArgument(std::string_view text, double &value, std::string &error)
 	{
-		text = SkipPlus(text);
-		const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-		return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size();
+		float nearest = 0.0f;
+		const ENumberParse parsed = ParseFloatText(text, nearest);
+		if (parsed == Number_Malformed)
+			return false;
+		if (parsed == Number_TooLarge)
+		{
+			error = OutOfRange(text);
+			return false;
+		}
+		// The double itself: the float is only the range check. A double underflow is its zero.
+		const std::string_view digits = SkipPlus(text);
+		const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+		if (result.ec == std::errc::result_out_of_range)
+			value = double(nearest);
+		return true;
 	}
 
 	bool ParseInt64(std::string_view text, s64 &value)
@@ -63,7 +111,7 @@ namespace OxVm
 			u64 bits = 0;
 			if (!ParseHex(SkipPlus(text), bits) || bits > 0xFFFFFFFFu)
 			{
-				error = fmt::format("malformed number '{}': a hex word has at most 8 digits", text);
+				error = fmt::format("malformed number {}: a hex word has at most 8 digits", Shown(text));
 				return false;
 			}
 			word = u32(bits);
@@ -71,17 +119,11 @@ namespace OxVm
 		}
 		if (kind == ElementKind_Float)
 		{
-			const std::string_view digits = SkipPlus(text);
 			float value = 0.0f;
-			const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-			if (digits.empty() || result.ptr != digits.data() + digits.size() || result.ec == std::errc::invalid_argument)
+			const ENumberParse parsed = ParseFloatText(text, value);
+			if (parsed != Number_Ok)
 			{
-				error = fmt::format("malformed number '{}'", text);
-				return false;
-			}
-			if (result.ec == std::errc::result_out_of_range)
-			{
-				error = fmt::format("number '{}' is out of the float range", text);
+				error = parsed == Number_TooLarge ? OutOfRange(text) : fmt::format("malformed number {}", Shown(text));
 				return false;
 			}
 			std::memcpy(&word, &value, 4);
@@ -90,13 +132,13 @@ namespace OxVm
 		s64 value = 0;
 		if (!ParseInt64(text, value))
 		{
-			error = kind == ElementKind_Bool ? fmt::format("malformed value '{}': expected true, false or an integer", text)
-										   : fmt::format("malformed integer '{}'", text);
+			error = kind == ElementKind_Bool ? fmt::format("malformed value {}: expected true, false or an integer", Shown(text))
+										   : fmt::format("malformed integer {}", Shown(text));
 			return false;
 		}
 		if (value < -2147483648LL || value > 2147483647LL)
 		{
-			error = fmt::format("integer '{}' does not fit in 32 bits (use 0x... for raw bits)", text);
+			error = fmt::format("integer {} does not fit in 32 bits (use 0x... for raw bits)", Shown(text));
 			return false;
 		}
 		word = u32(s32(value));

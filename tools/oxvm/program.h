@@ -11,8 +11,11 @@
 #include "diagnostics.h"
 #include "value_types.h"
 
+#include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace OxVm
@@ -60,11 +63,13 @@ namespace OxVm
 		EBaseTypeID Type() const { return RawType(m_Bits); }
 	};
 
+	// An operand as the parser resolved it (its text is not kept: a program of a million
+	// instructions would hold three strings each). Its place is the instruction's line
+	// and this column: SInstruction::At.
 	struct SOperand
 	{
-		s32 m_Register = -1;		// index into SProgram::m_Registers; -1: none
-		SLocation m_Where;
-		std::string m_Text;
+		s32 m_Register = -1;		// index into SProgram::m_Registers; -1: none (an error was reported)
+		u32 m_Column = 0;
 	};
 
 	struct SInstruction
@@ -75,6 +80,8 @@ namespace OxVm
 		SOperand m_Dst;
 		SOperand m_Src[2];
 		u32 m_SourceCount = 0;
+
+		SLocation At(const SOperand &operand) const { return SLocation{m_Where.m_File, m_Where.m_Line, operand.m_Column}; }
 	};
 
 	struct SProgram
@@ -83,14 +90,26 @@ namespace OxVm
 		std::string m_Folder;		// where CSV paths are looked up
 		u32 m_Stream = 0;
 		SLocation m_StreamWhere;
-		std::vector<SRegisterDecl> m_Registers;
-		std::vector<SInstruction> m_Instructions;
+		// Deques: they grow without moving what they hold, so a long program never needs
+		// twice its memory at once, and the name lookup can view the names in place.
+		std::deque<SRegisterDecl> m_Registers;
+		std::deque<SInstruction> m_Instructions;
 
-		// Index of the register with these bits; -1 when none.
+		// Index of the register with these bits; -1 when none. Hashed: a lookup per
+		// operand must not scan the registers.
 		s32 FindByBits(u32 bits) const;
-		s32 FindByName(const std::string &name) const;
+		s32 FindByName(std::string_view name) const;
+		// Adds a register to m_Registers and to the lookups; its name (if any) and its
+		// place (bank and slot) must be free (see FindByName, FindByPlace).
+		s32 Add(SRegisterDecl decl);
+		// The register at the bank and slot of 'bits', whatever its type; -1 when none.
+		s32 FindByPlace(u32 bits) const;
 		// Name, or the inline form "bank.slot:type".
 		std::string RegisterText(s32 index) const;
+
+	private:
+		std::unordered_map<std::string_view, s32> m_ByName;	// views of the registers' m_Name
+		std::unordered_map<u32, s32> m_ByPlace;				// bank and slot bits (the type masked off)
 	};
 
 	// Inline form of any register id: "stream.3:float3"; "-" for the invalid id and

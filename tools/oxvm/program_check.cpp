@@ -165,26 +165,26 @@ namespace OxVm
 				const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(instruction.m_Op);
 
 				if (s1 >= 0 && p.m_Registers[std::size_t(s1)].Type() != src0.Type())
-					m_Diagnostics.Error(instruction.m_Src[1].m_Where, fmt::format("source types differ: {} is {}, {} is {}", Quoted(p, s0), BaseTypeName(src0.Type()),
+					m_Diagnostics.Error(instruction.At(instruction.m_Src[1]), fmt::format("source types differ: {} is {}, {} is {}", Quoted(p, s0), BaseTypeName(src0.Type()),
 																				   Quoted(p, s1), BaseTypeName(p.m_Registers[std::size_t(s1)].Type())));
 				if (!traits.FloatSupported() && type.m_Kind == ElementKind_Float)
 					m_Diagnostics.Error(instruction.m_Where, fmt::format("'{}' is a bitwise operator: it takes int and bool operands, {} is {}", traits.m_Name, Quoted(p, s0), BaseTypeName(src0.Type())));
 
 				const bool comparison = instruction.m_Op >= SOp_MathOp::Op_Cmp_Lower;
 				if (dst.Type() != src0.Type() && !(comparison && dst.Type() == BoolType(type.m_Components)))
-					m_Diagnostics.Error(instruction.m_Dst.m_Where, fmt::format("destination {} is {}; '{}' of {} operands writes {}{}", Quoted(p, d), BaseTypeName(dst.Type()), traits.m_Name,
+					m_Diagnostics.Error(instruction.At(instruction.m_Dst), fmt::format("destination {} is {}; '{}' of {} operands writes {}{}", Quoted(p, d), BaseTypeName(dst.Type()), traits.m_Name,
 																			   BaseTypeName(src0.Type()), BaseTypeName(src0.Type()),
 																			   comparison ? fmt::format(" or {}", BaseTypeName(BoolType(type.m_Components))) : std::string()));
 
 				const u32 evalCount = IsPerElement(dst.Bank()) ? m_Elements : 1;
 				if (IsPerElement(dst.Bank()) && dst.m_Count < m_Elements)
-					m_Diagnostics.Error(instruction.m_Dst.m_Where, fmt::format("register {} holds {} elements, too small for a stream of {}", Quoted(p, d), dst.m_Count, m_Elements));
+					m_Diagnostics.Error(instruction.At(instruction.m_Dst), fmt::format("register {} holds {} elements, too small for a stream of {}", Quoted(p, d), dst.m_Count, m_Elements));
 				for (u32 i = 0; i < instruction.m_SourceCount; ++i)
 				{
 					const s32 s = instruction.m_Src[i].m_Register;
 					const SRegisterDecl &src = p.m_Registers[std::size_t(s)];
 					if (IsPerElement(src.Bank()) && src.m_Count < evalCount)
-						m_Diagnostics.Error(instruction.m_Src[i].m_Where, fmt::format("register {} holds {} elements, too small: this instruction reads {}", Quoted(p, s), src.m_Count, evalCount));
+						m_Diagnostics.Error(instruction.At(instruction.m_Src[i]), fmt::format("register {} holds {} elements, too small: this instruction reads {}", Quoted(p, s), src.m_Count, evalCount));
 				}
 				_Warnings(instruction, evalCount, type);
 			}

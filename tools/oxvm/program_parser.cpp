@@ -1,5 +1,7 @@
-// Text -> SProgram: one line at a time, then a second pass that resolves operand
-// names (so declarations may follow their use).
+// Text -> SProgram: one line at a time, then a second pass that resolves the operands
+// that name no register declared before them (so declarations may follow their use,
+// and inline registers never take the place of a named one). Each pass is linear in
+// the text, with hashed register lookups.
 
 #include "cbvm_meta_ops.h"
 #include "line_lexer.h"
@@ -8,8 +10,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
-#include <map>
+#include <cmath>
+#include <unordered_set>
 
 namespace OxVm
 {
@@ -20,7 +24,13 @@ namespace OxVm
 		constexpr u32 kMaxSlot = Compiler::IR::CRegID::RegisterSlotMask;
 		constexpr u64 kMaxElements = (1u << 28) - 1;	// 16-byte elements must fit a 32-bit register size
 
-		bool IsIdentifier(const std::string &text)
+		// Bank and slot of register bits, the type masked off: two registers may not share them.
+		u32 PlaceOf(u32 bits)
+		{
+			return bits & ~(u32(Compiler::IR::CRegID::RegisterTypeMask) << Compiler::IR::CRegID::RegisterTypeShift);
+		}
+
+		bool IsIdentifier(std::string_view text)
 		{
 			if (text.empty() || !(std::isalpha(u8(text[0])) || text[0] == '_'))
 				return false;
@@ -46,55 +56,70 @@ namespace OxVm
 			void Line(u32 lineNumber, std::string_view text)
 			{
 				m_Line = lineNumber;
-				SLexedLine lexed = LexLine(text);
-				if (!lexed.m_Error.empty())
-				{
-					_Error(lexed.m_ErrorColumn, lexed.m_Error);
-					return;
-				}
-				m_Tokens = std::move(lexed.m_Tokens);
-				m_Pos = 0;
-				const SToken &first = _Peek();
-				if (first.m_Kind == Token_End)
-					return;
-				if (first.m_Kind != Token_Word)
-					_Error(first.m_Column, fmt::format("expected 'stream', 'reg' or an operator, found '{}'", first.m_Text));
-				else if (first.m_Text == "stream")
-					_Stream();
-				else if (first.m_Text == "reg")
-					_Register(lexed.m_Code);
+				CLineLexer lexer(text);
+				m_Lexer = &lexer;
+				if (lexer.Error() != nullptr)
+					_Error(lexer.ErrorColumn(), lexer.Error());
 				else
-					_Instruction();
+				{
+					const SToken &first = _Peek();
+					if (first.m_Kind == Token_End)
+						;
+					else if (first.m_Kind != Token_Word)
+						_Error(first.m_Column, fmt::format("expected 'stream', 'reg' or an operator, found {}", Shown(first.m_Text)));
+					else if (first.m_Text == "stream")
+						_Stream();
+					else if (first.m_Text == "reg")
+						_Register(lexer.Code());
+					else
+						_Instruction();
+				}
+				m_Lexer = nullptr;
 			}
 
-			// Second pass: operand names to register indices.
-			void ResolveOperands()
+			// Second pass: the operands left unresolved by the first, in program order. 'text'
+			// is the program again: the operand's word is read back at its line and column.
+			void ResolveOperands(const std::string &text)
 			{
+				std::size_t lineStart = 0;
+				u32 line = 1;
 				for (SInstruction &instruction : m_Program.m_Instructions)
 				{
-					_Resolve(instruction.m_Dst);
-					for (u32 i = 0; i < instruction.m_SourceCount; ++i)
-						_Resolve(instruction.m_Src[i]);
+					SOperand *operands[3] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
+					for (u32 i = 0; i < 1 + instruction.m_SourceCount; ++i)
+					{
+						if (operands[i]->m_Register != kUnresolved)
+							continue;
+						for (; line < instruction.m_Where.m_Line; ++line)
+							lineStart = text.find('\n', lineStart) + 1;
+						const std::size_t lineEnd = std::min(text.find('\n', lineStart), text.size());
+						_Resolve(instruction, *operands[i], WordAt(std::string_view(text).substr(lineStart, lineEnd - lineStart), operands[i]->m_Column));
+					}
 				}
 			}
 
 		private:
+			// An operand whose word names no register declared before it: ResolveOperands.
+			static constexpr s32 kUnresolved = -2;
+
 			SLocation _At(u32 column) const { return SLocation{m_Program.m_File.get(), m_Line, column}; }
 			void _Error(u32 column, const std::string &message) { m_Diagnostics.Error(_At(column), message); }
-			const SToken &_Peek() const { return m_Tokens[m_Pos]; }
-			const SToken &_Next() { return m_Tokens[m_Pos < m_Tokens.size() - 1 ? m_Pos++ : m_Pos]; }
+			const SToken &_Peek() const { return m_Lexer->Peek(); }
+			SToken _Next() { return m_Lexer->Next(); }
 			bool _IsPunct(char c) const { return _Peek().m_Kind == Token_Punct && _Peek().m_Text[0] == c; }
+
+			// A token as messages name it: 'text', or "end of line".
+			static std::string _Found(const SToken &token) { return token.m_Kind == Token_End ? std::string("end of line") : Shown(token.m_Text); }
 
 			// Expects the punctuation 'c'; reports and returns false otherwise.
 			bool _Expect(char c, const char *what)
 			{
 				if (_IsPunct(c))
 				{
-					++m_Pos;
+					_Next();
 					return true;
 				}
-				const SToken &token = _Peek();
-				_Error(token.m_Column, fmt::format("expected '{}' {}, found {}", c, what, token.m_Kind == Token_End ? "end of line" : "'" + token.m_Text + "'"));
+				_Error(_Peek().m_Column, fmt::format("expected '{}' {}, found {}", c, what, _Found(_Peek())));
 				return false;
 			}
 
@@ -103,14 +128,14 @@ namespace OxVm
 				const SToken &token = _Peek();
 				if (token.m_Kind == Token_End)
 					return true;
-				_Error(token.m_Column, fmt::format("unexpected '{}' at the end of the line", token.m_Text));
+				_Error(token.m_Column, fmt::format("unexpected {} at the end of the line", Shown(token.m_Text)));
 				return false;
 			}
 
 			void _Stream()
 			{
-				const SToken &keyword = _Next();
-				const SToken &count = _Next();
+				const SToken keyword = _Next();
+				const SToken count = _Next();
 				if (m_Program.m_Stream != 0 || m_Program.m_StreamWhere.m_Line != 0)
 				{
 					_Error(keyword.m_Column, fmt::format("duplicate 'stream' line (first at line {})", m_Program.m_StreamWhere.m_Line));
@@ -120,14 +145,14 @@ namespace OxVm
 				if (count.m_Kind != Token_Word || count.m_Text == "0" || !ParseCount(count.m_Text, kMaxElements, m_Program.m_Stream))
 				{
 					_Error(count.m_Column, fmt::format("stream size must be a whole number from 1 to {}, found {}", kMaxElements,
-													   count.m_Kind == Token_End ? "nothing" : "'" + count.m_Text + "'"));
+													   count.m_Kind == Token_End ? std::string("nothing") : Shown(count.m_Text)));
 					return;
 				}
 				_ExpectEnd();
 			}
 
-			// bank.slot:type
-			bool _ParseInline(const std::string &text, u32 column, u32 &bits)
+			// bank.slot:type; false when 'text' does not have that form.
+			bool _ParseInline(std::string_view text, u32 column, u32 &bits)
 			{
 				const std::size_t dot = text.find('.');
 				const std::size_t colon = text.find(':');
@@ -136,14 +161,14 @@ namespace OxVm
 				Compiler::EMetaType bank;
 				if (!FindBank(text.substr(0, dot), bank))
 				{
-					_Error(column, fmt::format("unknown bank '{}' in '{}' (banks: constant normal instance stream)", text.substr(0, dot), text));
+					_Error(column, fmt::format("unknown bank {} in {} (banks: constant normal instance stream)", Shown(text.substr(0, dot)), Shown(text)));
 					return true;
 				}
 				u32 slot = 0;
-				const std::string slotText = text.substr(dot + 1, colon - dot - 1);
+				const std::string_view slotText = text.substr(dot + 1, colon - dot - 1);
 				if (slotText != "0" && !ParseCount(slotText, kMaxSlot, slot))
 				{
-					_Error(column, fmt::format("bad slot '{}' in '{}': a whole number from 0 to {}", slotText, text, kMaxSlot));
+					_Error(column, fmt::format("bad slot {} in {}: a whole number from 0 to {}", Shown(slotText), Shown(text), kMaxSlot));
 					return true;
 				}
 				EBaseTypeID type;
@@ -153,16 +178,16 @@ namespace OxVm
 				return true;
 			}
 
-			bool _ParseType(const std::string &name, u32 column, EBaseTypeID &type)
+			bool _ParseType(std::string_view name, u32 column, EBaseTypeID &type)
 			{
 				if (!FindType(name, type))
 				{
-					_Error(column, fmt::format("unknown type '{}'", name));
+					_Error(column, fmt::format("unknown type {}", Shown(name)));
 					return false;
 				}
 				if (!HasKernel(type))
 				{
-					_Error(column, fmt::format("type '{}' has no math kernel (float float2 float3 float4 quaternion i32 int2 int3 int4 bool bool2 bool3 bool4)", name));
+					_Error(column, fmt::format("type {} has no math kernel (float float2 float3 float4 quaternion i32 int2 int3 int4 bool bool2 bool3 bool4)", Shown(name)));
 					return false;
 				}
 				return true;
@@ -171,88 +196,85 @@ namespace OxVm
 			// Adds a declaration unless its name or its (bank, slot) is taken; returns its index or -1.
 			s32 _Declare(SRegisterDecl decl)
 			{
-				if (!decl.m_Name.empty())
+				const s32 named = decl.m_Name.empty() ? -1 : m_Program.FindByName(decl.m_Name);
+				if (named >= 0)
 				{
-					const auto named = m_Names.find(decl.m_Name);
-					if (named != m_Names.end())
-					{
-						m_Diagnostics.Error(decl.m_Where, fmt::format("register '{}' is already declared at line {}", decl.m_Name, m_Program.m_Registers[named->second].m_Where.m_Line));
-						return -1;
-					}
-				}
-				const u32 place = decl.m_Bits & ~(u32(Compiler::IR::CRegID::RegisterTypeMask) << Compiler::IR::CRegID::RegisterTypeShift);
-				const auto placed = m_Places.find(place);
-				if (placed != m_Places.end())
-				{
-					const SRegisterDecl &other = m_Program.m_Registers[placed->second];
-					m_Diagnostics.Error(decl.m_Where, fmt::format("{}.{} is already declared as '{}' ({}) at line {}", Compiler::MetaTypeName(decl.Bank()), decl.Slot(),
-																  m_Program.RegisterText(placed->second), BaseTypeName(other.Type()), other.m_Where.m_Line));
+					m_Diagnostics.Error(decl.m_Where, fmt::format("register '{}' is already declared at line {}", decl.m_Name, m_Program.m_Registers[std::size_t(named)].m_Where.m_Line));
 					return -1;
 				}
-				const s32 index = s32(m_Program.m_Registers.size());
-				if (!decl.m_Name.empty())
-					m_Names[decl.m_Name] = index;
-				m_Places[place] = index;
-				m_Program.m_Registers.push_back(std::move(decl));
-				return index;
+				const s32 placed = m_Program.FindByPlace(decl.m_Bits);
+				if (placed >= 0)
+				{
+					const SRegisterDecl &other = m_Program.m_Registers[std::size_t(placed)];
+					m_Diagnostics.Error(decl.m_Where, fmt::format("{}.{} is already declared as '{}' ({}) at line {}", Compiler::MetaTypeName(decl.Bank()), decl.Slot(),
+																  m_Program.RegisterText(placed), BaseTypeName(other.Type()), other.m_Where.m_Line));
+					return -1;
+				}
+				return m_Program.Add(std::move(decl));
 			}
 
-			void _Register(const std::string &code)
+			void _Register(std::string_view code)
 			{
 				_Next();	// reg
-				SRegisterDecl decl;
-				decl.m_Text = code;
-				const SToken &name = _Next();
-				decl.m_Where = _At(name.m_Column);
+				const SToken name = _Next();
 				if (name.m_Kind != Token_Word || !IsIdentifier(name.m_Text))
 				{
-					_Error(name.m_Column, fmt::format("expected a register name (letters, digits, '_'), found {}", name.m_Kind == Token_End ? "end of line" : "'" + name.m_Text + "'"));
+					_Error(name.m_Column, fmt::format("expected a register name (letters, digits, '_'), found {}", _Found(name)));
 					return;
 				}
-				decl.m_Name = name.m_Text;
-				const SToken &bankToken = _Next();
+				SRegisterDecl decl;
+				decl.m_Name = std::string(name.m_Text);
+				decl.m_Where = _At(name.m_Column);
+				// A declaration is reported once: the instructions that use a register whose
+				// declaration failed say nothing more of it.
+				if (!_DeclarationBody(decl) || _Declare(std::move(decl)) < 0)
+					m_FailedNames.emplace(name.m_Text);
+				else
+					m_Program.m_Registers.back().m_Text = std::string(code);
+			}
+
+			// The declaration after its name: bank slot type [count] [= initialiser].
+			bool _DeclarationBody(SRegisterDecl &decl)
+			{
+				const SToken bankToken = _Next();
 				Compiler::EMetaType bank;
 				if (!FindBank(bankToken.m_Text, bank))
 				{
-					_Error(bankToken.m_Column, fmt::format("expected a bank (constant normal instance stream), found '{}'", bankToken.m_Text));
-					return;
+					_Error(bankToken.m_Column, fmt::format("expected a bank (constant normal instance stream), found {}", _Found(bankToken)));
+					return false;
 				}
-				const SToken &slotToken = _Next();
+				const SToken slotToken = _Next();
 				u32 slot = 0;
 				if (slotToken.m_Text != "0" && !ParseCount(slotToken.m_Text, kMaxSlot, slot))
 				{
-					_Error(slotToken.m_Column, fmt::format("expected a slot from 0 to {}, found '{}'", kMaxSlot, slotToken.m_Text));
-					return;
+					_Error(slotToken.m_Column, fmt::format("expected a slot from 0 to {}, found {}", kMaxSlot, _Found(slotToken)));
+					return false;
 				}
-				const SToken &typeToken = _Next();
+				const SToken typeToken = _Next();
 				EBaseTypeID type;
 				if (!_ParseType(typeToken.m_Text, typeToken.m_Column, type))
-					return;
+					return false;
 				decl.m_Bits = u32(Compiler::IR::CRegID::Build(slot, bank, type).m_RawBits);
 				if (_IsPunct('['))
 				{
-					++m_Pos;
-					const SToken &count = _Next();
+					_Next();
+					const SToken count = _Next();
 					if (!ParseCount(count.m_Text, kMaxElements, decl.m_DeclaredCount))
 					{
-						_Error(count.m_Column, fmt::format("element count must be a whole number from 1 to {}, found '{}'", kMaxElements, count.m_Text));
-						return;
+						_Error(count.m_Column, fmt::format("element count must be a whole number from 1 to {}, found {}", kMaxElements, _Found(count)));
+						return false;
 					}
 					if (!_Expect(']', "after the element count"))
-						return;
+						return false;
 				}
-				if (_IsPunct('='))
-				{
-					++m_Pos;
-					if (!_Initialiser(decl.m_Init, TypeInfo(type)))
-						return;
-				}
-				else if (!_ExpectEnd())
-					return;
-				_Declare(std::move(decl));
+				if (!_IsPunct('='))
+					return _ExpectEnd();
+				_Next();
+				return _Initialiser(decl.m_Init, TypeInfo(type));
 			}
 
-			// Two numbers in parentheses, as ramp() and random() take them.
+			// Two numbers in parentheses, as ramp() and random() take them. Float arguments
+			// follow the rule of float values (ParseFloatArgument).
 			bool _TwoArgs(SInitialiser &init, const STypeInfo &type, const std::string &what)
 			{
 				if (!_Expect('(', ("after " + what).c_str()))
@@ -261,11 +283,13 @@ namespace OxVm
 				{
 					if (i == 1 && !_Expect(',', ("between the arguments of " + what).c_str()))
 						return false;
-					const SToken &arg = _Next();
-					const bool ok = type.m_Kind == ElementKind_Float ? ParseDouble(arg.m_Text, init.m_FloatArgs[i]) : ParseInt64(arg.m_Text, init.m_IntArgs[i]);
-					if (arg.m_Kind != Token_Word || !ok)
+					const SToken arg = _Next();
+					std::string error;
+					const bool ok = arg.m_Kind == Token_Word && (type.m_Kind == ElementKind_Float ? ParseFloatArgument(arg.m_Text, init.m_FloatArgs[i], error) : ParseInt64(arg.m_Text, init.m_IntArgs[i]));
+					if (!ok)
 					{
-						_Error(arg.m_Column, fmt::format("malformed number '{}' in {} (a {})", arg.m_Text, what, type.m_Kind == ElementKind_Float ? "decimal number" : "64-bit integer"));
+						_Error(arg.m_Column, !error.empty() ? fmt::format("{} in {}", error, what)
+															: fmt::format("malformed number {} in {} (a {})", _Found(arg), what, type.m_Kind == ElementKind_Float ? "decimal number" : "64-bit integer"));
 						return false;
 					}
 				}
@@ -276,14 +300,19 @@ namespace OxVm
 			{
 				const SToken &first = _Peek();
 				init.m_Where = _At(first.m_Column);
-				// A word is followed by at least the end token, so m_Pos + 1 exists.
-				const bool call = first.m_Kind == Token_Word && m_Tokens[m_Pos + 1].m_Kind == Token_Punct && m_Tokens[m_Pos + 1].m_Text == "(";
-				if (first.m_Kind == Token_Word && call && (first.m_Text == "ramp" || first.m_Text == "random"))
+				const bool call = first.m_Kind == Token_Word && _PeekSecondIsOpen();
+				if (call && (first.m_Text == "ramp" || first.m_Text == "random"))
 				{
 					init.m_Kind = first.m_Text == "ramp" ? Init_Ramp : Init_Random;
-					++m_Pos;
-					if (!_TwoArgs(init, type, first.m_Text + "()"))
+					const std::string what = std::string(first.m_Text) + "()";
+					_Next();
+					if (!_TwoArgs(init, type, what))
 						return false;
+					if (init.m_Kind == Init_Random && type.m_Kind == ElementKind_Float && !(std::isfinite(init.m_FloatArgs[0]) && std::isfinite(init.m_FloatArgs[1])))
+					{
+						m_Diagnostics.Error(init.m_Where, "random(lo, hi) needs finite bounds");
+						return false;
+					}
 					if (init.m_Kind == Init_Random && (type.m_Kind == ElementKind_Float ? !(init.m_FloatArgs[0] <= init.m_FloatArgs[1]) : init.m_IntArgs[0] > init.m_IntArgs[1]))
 					{
 						m_Diagnostics.Error(init.m_Where, "random(lo, hi) needs lo <= hi");
@@ -297,17 +326,17 @@ namespace OxVm
 					}
 					return true;
 				}
-				if (first.m_Kind == Token_Word && call && first.m_Text == "csv")
+				if (call && first.m_Text == "csv")
 					return _Csv(init);
 				init.m_Kind = Init_Literal;
 				for (;;)
 				{
-					const SToken &value = _Next();
+					const SToken value = _Next();
 					std::string error;
 					u32 word = 0;
 					if (value.m_Kind != Token_Word)
 					{
-						_Error(value.m_Column, fmt::format("expected a value, found {}", value.m_Kind == Token_End ? "end of line" : "'" + value.m_Text + "'"));
+						_Error(value.m_Column, fmt::format("expected a value, found {}", _Found(value)));
 						return false;
 					}
 					if (!ParseWord(value.m_Text, type.m_Kind, word, error))
@@ -327,29 +356,37 @@ namespace OxVm
 					m_Diagnostics.Error(init.m_Where, fmt::format("{} values for a {} register: give 1 value or a multiple of {}", count, BaseTypeName(type.m_Type), type.m_Components));
 					return false;
 				}
+				init.m_Words.shrink_to_fit();
 				return true;
+			}
+
+			bool _PeekSecondIsOpen()
+			{
+				const SToken &second = m_Lexer->PeekSecond();
+				return second.m_Kind == Token_Punct && second.m_Text == "(";
 			}
 
 			// csv("file", column, ...)
 			bool _Csv(SInitialiser &init)
 			{
 				init.m_Kind = Init_Csv;
-				m_Pos += 2;
-				const SToken &path = _Next();
+				_Next();	// csv
+				_Next();	// (
+				const SToken path = _Next();
 				if (path.m_Kind != Token_String || path.m_Text.empty())
 				{
 					_Error(path.m_Column, "csv() needs a file name in double quotes first");
 					return false;
 				}
-				init.m_CsvPath = path.m_Text;
+				init.m_CsvPath = Unescape(path.m_Text);
 				while (_IsPunct(','))
 				{
-					++m_Pos;
-					const SToken &column = _Next();
+					_Next();
+					const SToken column = _Next();
 					SCsvColumn entry;
 					entry.m_Where = _At(column.m_Column);
 					if (column.m_Kind == Token_String || (column.m_Kind == Token_Word && !ParseCount(column.m_Text, 1u << 20, entry.m_Index)))
-						entry.m_Name = column.m_Text;
+						entry.m_Name = column.m_Kind == Token_String ? Unescape(column.m_Text) : std::string(column.m_Text);
 					else if (column.m_Kind != Token_Word)
 					{
 						_Error(column.m_Column, "expected a CSV column: a header name or a 1-based index");
@@ -367,24 +404,24 @@ namespace OxVm
 
 			void _Instruction()
 			{
-				const SToken &mnemonic = _Next();
+				const SToken mnemonic = _Next();
 				SInstruction instruction;
 				instruction.m_Where = _At(mnemonic.m_Column);
-				std::string name = mnemonic.m_Text;
+				std::string_view name = mnemonic.m_Text;
 				const std::size_t dot = name.find('.');
 				if (dot != std::string::npos)
 				{
 					if (name.substr(dot) != ".generic")
 					{
-						_Error(mnemonic.m_Column, fmt::format("unknown suffix '{}' (only '.generic' exists)", name.substr(dot)));
+						_Error(mnemonic.m_Column, fmt::format("unknown suffix {} (only '.generic' exists)", Shown(name.substr(dot))));
 						return;
 					}
 					instruction.m_Generic = true;
-					name.resize(dot);
+					name = name.substr(0, dot);
 				}
-				if (!SOp_MathOp::OperatorFromName(name.c_str(), instruction.m_Op))
+				if (!SOp_MathOp::OperatorFromName(std::string(name).c_str(), instruction.m_Op))
 				{
-					_Error(mnemonic.m_Column, fmt::format("unknown operator '{}' (operators: {})", name, OperatorList()));
+					_Error(mnemonic.m_Column, fmt::format("unknown operator {} (operators: {})", Shown(name), OperatorList()));
 					return;
 				}
 				if (instruction.m_Generic && u32(instruction.m_Op) >= CMetaOp_MathOp::kSpecializedOpCount)
@@ -392,52 +429,50 @@ namespace OxVm
 					_Error(mnemonic.m_Column, fmt::format("'.generic' applies to add, sub, mul and div only; '{}' always uses the generic form", name));
 					return;
 				}
-				std::vector<SOperand> operands;
+				const u32 expected = SOp_MathOp::OperatorTraits(instruction.m_Op).m_ParameterCount + 1u;
+				SOperand *operands[3] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
+				u32 given = 0;
 				for (;;)
 				{
-					const SToken &token = _Next();
+					const SToken token = _Next();
 					if (token.m_Kind != Token_Word)
 					{
-						_Error(token.m_Column, fmt::format("expected a register, found {}", token.m_Kind == Token_End ? "end of line" : "'" + token.m_Text + "'"));
+						_Error(token.m_Column, fmt::format("expected a register, found {}", _Found(token)));
 						return;
 					}
-					SOperand operand;
-					operand.m_Text = token.m_Text;
-					operand.m_Where = _At(token.m_Column);
-					operands.push_back(operand);
+					if (given < expected)
+					{
+						// A register declared above resolves now; any other word waits for the second pass.
+						const s32 named = m_Program.FindByName(token.m_Text);
+						*operands[given] = SOperand{named >= 0 ? named : kUnresolved, token.m_Column};
+					}
+					++given;
 					if (_Peek().m_Kind == Token_End)
 						break;
 					if (!_Expect(',', "between operands"))
 						return;
 				}
-				const u32 expected = SOp_MathOp::OperatorTraits(instruction.m_Op).m_ParameterCount + 1u;
-				if (operands.size() != expected)
+				if (given != expected)
 				{
 					_Error(mnemonic.m_Column, fmt::format("'{}' takes {} operands ({}), {} given", name, expected,
-														  expected == 2 ? "destination, source" : "destination, source0, source1", operands.size()));
+														  expected == 2 ? "destination, source" : "destination, source0, source1", given));
 					return;
 				}
-				instruction.m_Dst = operands[0];
 				instruction.m_SourceCount = expected - 1;
-				for (u32 i = 0; i < instruction.m_SourceCount; ++i)
-					instruction.m_Src[i] = operands[i + 1];
-				m_Program.m_Instructions.push_back(std::move(instruction));
+				m_Program.m_Instructions.push_back(instruction);
 			}
 
-			void _Resolve(SOperand &operand)
+			void _Resolve(const SInstruction &instruction, SOperand &operand, std::string_view word)
 			{
-				const auto named = m_Names.find(operand.m_Text);
-				if (named != m_Names.end())
-				{
-					operand.m_Register = named->second;
-					return;
-				}
-				m_Line = operand.m_Where.m_Line;
+				operand.m_Register = m_Program.FindByName(word);
+				if (operand.m_Register >= 0 || m_FailedNames.count(word) != 0)
+					return;	// a failed declaration was reported at its line
+				m_Line = instruction.m_Where.m_Line;
 				u32 bits = 0;
 				const std::size_t errorsBefore = m_Diagnostics.ErrorCount();
-				if (!_ParseInline(operand.m_Text, operand.m_Where.m_Column, bits))
+				if (!_ParseInline(word, operand.m_Column, bits))
 				{
-					m_Diagnostics.Error(operand.m_Where, fmt::format("undeclared register '{}'", operand.m_Text));
+					m_Diagnostics.Error(instruction.At(operand), fmt::format("undeclared register {}", Shown(word)));
 					return;
 				}
 				if (m_Diagnostics.ErrorCount() != errorsBefore)
@@ -447,17 +482,15 @@ namespace OxVm
 					return;
 				SRegisterDecl decl;	// first use of an inline register declares it, zero-filled
 				decl.m_Bits = bits;
-				decl.m_Where = operand.m_Where;
+				decl.m_Where = instruction.At(operand);
 				operand.m_Register = _Declare(std::move(decl));
 			}
 
 			SProgram &m_Program;
 			CDiagnostics &m_Diagnostics;
-			std::vector<SToken> m_Tokens;
-			std::size_t m_Pos = 0;
+			CLineLexer *m_Lexer = nullptr;	// the line being parsed
 			u32 m_Line = 0;
-			std::map<std::string, s32> m_Names;
-			std::map<u32, s32> m_Places;	// bits without the type -> register
+			std::unordered_set<std::string_view> m_FailedNames;	// views of the program text
 		};
 	}
 
@@ -479,7 +512,7 @@ namespace OxVm
 			start = end + 1;
 			++line;
 		}
-		parser.ResolveOperands();
+		parser.ResolveOperands(text);
 		if (program.m_StreamWhere.m_Line == 0)
 			diagnostics.Error(SLocation{program.m_File.get(), 1, 1}, "missing 'stream N' line (elements per stream)");
 		return diagnostics.ErrorCount() == errorsBefore;
@@ -487,18 +520,31 @@ namespace OxVm
 
 	s32 SProgram::FindByBits(u32 bits) const
 	{
-		for (std::size_t i = 0; i < m_Registers.size(); ++i)
-			if (m_Registers[i].m_Bits == bits)
-				return s32(i);
-		return -1;
+		const s32 placed = FindByPlace(bits);
+		return placed >= 0 && m_Registers[std::size_t(placed)].m_Bits == bits ? placed : -1;
 	}
 
-	s32 SProgram::FindByName(const std::string &name) const
+	s32 SProgram::FindByPlace(u32 bits) const
 	{
-		for (std::size_t i = 0; i < m_Registers.size(); ++i)
-			if (!name.empty() && m_Registers[i].m_Name == name)
-				return s32(i);
-		return -1;
+		const auto found = m_ByPlace.find(PlaceOf(bits));
+		return found != m_ByPlace.end() ? found->second : -1;
+	}
+
+	s32 SProgram::FindByName(std::string_view name) const
+	{
+		const auto found = name.empty() ? m_ByName.end() : m_ByName.find(name);
+		return found != m_ByName.end() ? found->second : -1;
+	}
+
+	s32 SProgram::Add(SRegisterDecl decl)
+	{
+		const s32 index = s32(m_Registers.size());
+		m_Registers.push_back(std::move(decl));
+		const SRegisterDecl &added = m_Registers.back();
+		if (!added.m_Name.empty())
+			m_ByName.emplace(added.m_Name, index);
+		m_ByPlace.emplace(PlaceOf(added.m_Bits), index);
+		return index;
 	}
 
 	std::string SProgram::RegisterText(s32 index) const

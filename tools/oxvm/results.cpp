@@ -89,9 +89,14 @@ namespace OxVm
 	std::vector<s32> WrittenRegisters(const SProgram &program)
 	{
 		std::vector<s32> written;
+		std::vector<bool> seen(program.m_Registers.size());
 		for (const SInstruction &instruction : program.m_Instructions)
-			if (std::find(written.begin(), written.end(), instruction.m_Dst.m_Register) == written.end())
+		{
+			const std::size_t dst = std::size_t(instruction.m_Dst.m_Register);
+			if (!seen[dst])
 				written.push_back(instruction.m_Dst.m_Register);
+			seen[dst] = true;
+		}
 		return written;
 	}
 
