@@ -27,16 +27,50 @@ namespace OxTest
 
 	SOxvmResult COxvmTest::Oxvm(const std::string &args) const
 	{
+		return _Run(std::string(), args);
+	}
+
+	bool COxvmTest::MemoryLimitsApply()
+	{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+		return false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+		return false;
+#else
+		return true;
+#endif
+#else
+		return true;
+#endif
+	}
+
+	SOxvmResult COxvmTest::OxvmWithMemoryLimit(const std::string &args, unsigned long kilobytes) const
+	{
+		if (!MemoryLimitsApply())
+			return Oxvm(args);
+		return _Run("ulimit -v " + std::to_string(kilobytes) + " && ", args);
+	}
+
+	SOxvmResult COxvmTest::OxvmReading(const std::string &args, const std::string &input) const
+	{
+		return _Run(std::string(), args, input);
+	}
+
+	SOxvmResult COxvmTest::_Run(const std::string &prefix, const std::string &args, const std::string &input) const
+	{
 		SOxvmResult result;
 #ifdef OXVM_PATH
 		const std::string out = m_Dir + "/.stdout", err = m_Dir + "/.stderr";
-		const std::string command = "cd '" + m_Dir + "' && '" OXVM_PATH "' " + args + " >'" + out + "' 2>'" + err + "' </dev/null";
+		const std::string command = "cd '" + m_Dir + "' && " + prefix + "'" OXVM_PATH "' " + args + " >'" + out + "' 2>'" + err + "' <" + (input.empty() ? std::string("/dev/null") : "'" + input + "'");
 		const int status = std::system(command.c_str());
 		result.m_Status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 		result.m_Out = Read(".stdout");
 		result.m_Err = Read(".stderr");
 #else
+		(void)prefix;
 		(void)args;
+		(void)input;
 #endif
 		return result;
 	}

@@ -22,6 +22,14 @@ namespace OxTest
 
 		// Runs "oxvm ARGS" in the test's folder (ARGS is shell text: quote paths yourself).
 		SOxvmResult Oxvm(const std::string &args) const;
+		// The same with the process's address space limited to 'kilobytes' (ulimit -v):
+		// a run that needs more fails to allocate instead of swapping the machine.
+		// Under a sanitizer the limit is left out (the sanitizers reserve terabytes of
+		// address space): the run's results are still checked, its memory is not.
+		SOxvmResult OxvmWithMemoryLimit(const std::string &args, unsigned long kilobytes) const;
+		static bool MemoryLimitsApply();
+		// The same with the file 'input' (in the test's folder) as standard input.
+		SOxvmResult OxvmReading(const std::string &args, const std::string &input) const;
 		// Writes a file into the test's folder and returns its path.
 		std::string Write(const std::string &name, const std::string &content) const;
 		std::string Read(const std::string &name) const;
@@ -30,6 +38,10 @@ namespace OxTest
 		static std::string Example(const std::string &name);
 
 		std::string m_Dir;
+
+	private:
+		// 'prefix' is shell text run before oxvm, in the same shell.
+		SOxvmResult _Run(const std::string &prefix, const std::string &args, const std::string &input = std::string()) const;
 	};
 
 	// The lines of 'text' that start with 'prefix'.

@@ -142,7 +142,7 @@ namespace
 
 	TEST_F(OxvmErrors, StreamLine)
 	{
-		ExpectError("reg a stream 0 float\n", "bad.oxs:1:1: error: missing 'stream N' line (elements per stream)", true);
+		ExpectError("reg a stream 0 float\n", "bad.oxs:1:1: error: missing 'stream N' line (elements per stream; or give --elements N)", true);
 		ExpectError("stream 0\n", "bad.oxs:1:8: error: stream size must be a whole number from 1 to 268435455, found '0'", true);
 		ExpectError("stream 4\nstream 8\n", "bad.oxs:2:1: error: duplicate 'stream' line (first at line 1)", true);
 	}
@@ -184,11 +184,15 @@ namespace
 		EXPECT_EQ(result.m_Err, "oxvm: error: --dump: no register named 'nosuch'\n");
 	}
 
+	// asm wants a program; run takes bytecode too, but it needs a stream size.
 	TEST_F(OxvmErrors, BytecodeIsNotAProgram)
 	{
 		Write("code.bin", std::string("\x72\x00\x00\x60\x22\x00\x00\x60\x22\x00\x00\x60\x22", 13));
+		const SOxvmResult assembled = Oxvm("asm code.bin -o out.bin");
+		EXPECT_EQ(assembled.m_Status, 2);
+		EXPECT_EQ(assembled.m_Err, "code.bin: error: this is bytecode (or not text); a program is expected here\n");
 		const SOxvmResult result = Oxvm("run code.bin");
 		EXPECT_EQ(result.m_Status, 2);
-		EXPECT_EQ(result.m_Err, "code.bin: error: this is bytecode (or not text); a program is expected here\n");
+		EXPECT_EQ(result.m_Err, "code.bin: error: bytecode carries no stream size: give --elements N\n");
 	}
 }

@@ -70,4 +70,72 @@ namespace
 		EXPECT_EQ(both.m_Status, 2);
 		EXPECT_NE(both.m_Err.find("--path excludes --compare"), std::string::npos) << both.m_Err;
 	}
+
+	// A number option gives its range whatever is wrong with the text.
+	TEST_F(OxvmInput, NumberOptionsGiveTheirRange)
+	{
+		Write("t.oxs", kProgram);
+		const struct
+		{
+			const char *m_Args;
+			const char *m_Error;
+		} cases[] = {
+			{"run t.oxs --elements 268435455x", "'268435455x' is not a whole number from 1 to 268435455"},
+			{"run t.oxs --elements 268435456", "'268435456' is not a whole number from 1 to 268435455"},
+			{"run t.oxs --elements 0", "'0' is not a whole number from 1 to 268435455"},
+			{"run t.oxs --seed 4294967296", "'4294967296' is not a whole number from 0 to 4294967295"},
+			{"run t.oxs --seed -1", "'-1' is not a whole number from 0 to 4294967295"},
+			{"run t.oxs --frames 1e3", "'1e3' is not a whole number from 1 to 1000000000"},
+		};
+		for (const auto &c : cases)
+		{
+			const SOxvmResult result = Oxvm(c.m_Args);
+			EXPECT_EQ(result.m_Status, 2) << c.m_Args;
+			EXPECT_NE(result.m_Err.find(c.m_Error), std::string::npos) << c.m_Args << ": " << result.m_Err;
+		}
+		EXPECT_EQ(Oxvm("run t.oxs --seed 4294967295 --elements 268435455x").m_Status, 2);
+		EXPECT_EQ(Oxvm("run t.oxs --seed 4294967295").m_Status, 0);
+	}
+
+	// run takes the bytecode that asm writes (its registers start at zero, and it needs a
+	// stream size), and every command reads standard input for '-'.
+	TEST_F(OxvmInput, RunTakesBytecodeAndStandardInput)
+	{
+		Write("t.oxs", kProgram);
+		ASSERT_EQ(Oxvm("asm t.oxs -o t.bin").m_Status, 0);
+		const SOxvmResult noSize = Oxvm("run t.bin");
+		EXPECT_EQ(noSize.m_Status, 2);
+		EXPECT_EQ(noSize.m_Err, "t.bin: error: bytecode carries no stream size: give --elements N\n");
+		const SOxvmResult bytecode = Oxvm("run t.bin --elements 5 --dump stream.1:float");
+		ASSERT_EQ(bytecode.m_Status, 0) << bytecode.m_Err;
+		EXPECT_NE(bytecode.m_Out.find("add          stream.1:float, stream.0:float, stream.0:float"), std::string::npos) << bytecode.m_Out;
+		EXPECT_NE(bytecode.m_Out.find("dump stream.1:float (stream.1:float, 5 elements)\n  [0] 0\n"), std::string::npos) << bytecode.m_Out;
+
+		const SOxvmResult piped = OxvmReading("run - --dump b", "t.oxs");
+		ASSERT_EQ(piped.m_Status, 0) << piped.m_Err;
+		EXPECT_NE(piped.m_Out.find("program    <stdin>\n"), std::string::npos) << piped.m_Out;
+		EXPECT_NE(piped.m_Out.find("  [0] 2\n  [1] 4\n  [2] 6\n"), std::string::npos) << piped.m_Out;
+		const SOxvmResult pipedBytecode = OxvmReading("run - --elements 2", "t.bin");
+		EXPECT_EQ(pipedBytecode.m_Status, 0) << pipedBytecode.m_Err;
+		const SOxvmResult assembled = OxvmReading("asm - -o s.bin", "t.oxs");
+		ASSERT_EQ(assembled.m_Status, 0) << assembled.m_Err;
+		EXPECT_EQ(Read("s.bin"), Read("t.bin"));
+		const SOxvmResult listed = OxvmReading("disasm -", "t.bin");
+		EXPECT_EQ(listed.m_Status, 0) << listed.m_Err;
+		EXPECT_EQ(listed.m_Out, Oxvm("disasm t.bin").m_Out);
+		Write("bad.oxs", "stream 2\nadd a, a, a\n");
+		EXPECT_NE(OxvmReading("asm - -o x.bin", "bad.oxs").m_Err.find("<stdin>:2:5: error: undeclared register 'a'"), std::string::npos);
+	}
+
+	// A program without a 'stream' line runs with --elements, and says what is missing without.
+	TEST_F(OxvmInput, ElementsStandInForAMissingStreamLine)
+	{
+		Write("t.oxs", "reg a stream 0 float = ramp(1, 1)\nreg b stream 1 float\nadd b, a, a\n");
+		const SOxvmResult run = Oxvm("run t.oxs --elements 2 --dump b");
+		ASSERT_EQ(run.m_Status, 0) << run.m_Err;
+		EXPECT_NE(run.m_Out.find("dump b (stream.1:float, 2 elements)\n  [0] 2\n  [1] 4\n"), std::string::npos) << run.m_Out;
+		const SOxvmResult missing = Oxvm("run t.oxs");
+		EXPECT_EQ(missing.m_Status, 2);
+		EXPECT_EQ(missing.m_Err, "t.oxs:1:1: error: missing 'stream N' line (elements per stream; or give --elements N)\n");
+	}
 }

@@ -47,7 +47,12 @@ namespace OxVm
 
 	std::vector<u8> Assemble(const SProgram &program)
 	{
+		// Sized once: a program of millions of instructions never holds two copies.
+		std::size_t size = 0;
+		for (const SInstruction &instruction : program.m_Instructions)
+			size += instruction.m_Generic ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::EncodingSize(instruction.m_Op);
 		std::vector<u8> bytecode;
+		bytecode.reserve(size);
 		for (const SInstruction &instruction : program.m_Instructions)
 		{
 			SOp_MathOp::SDesc desc;
@@ -70,7 +75,7 @@ namespace OxVm
 		return bytecode;
 	}
 
-	std::string DisassembleOne(const u8 *bytecode, u32 offset, const SProgram *program)
+	std::string DisassembleOne(const u8 *bytecode, u32 offset, const SProgram *program, u32 index)
 	{
 		SOp_MathOp::SDesc desc;
 		CBVM::SOpcodeDisasReport report;
@@ -84,9 +89,11 @@ namespace OxVm
 		std::string mnemonic = traits.m_Name;
 		if (report.m_Opcode == CBVM::Opcode_MathOp && u32(desc.m_Op) < CMetaOp_MathOp::kSpecializedOpCount)
 			mnemonic += ".generic";
-		std::string operands = RegisterName(desc.m_DstReg, program) + ", " + RegisterName(desc.m_SrcReg0, program);
+		const SInstruction *source = program != nullptr && index < program->m_Instructions.size() ? &program->m_Instructions[index] : nullptr;
+		auto name = [&](const CRegID &reg, const SOperand &operand) { return source != nullptr ? program->RegisterText(operand.m_Register) : RegisterName(reg, program); };
+		std::string operands = name(desc.m_DstReg, source ? source->m_Dst : SOperand{}) + ", " + name(desc.m_SrcReg0, source ? source->m_Src[0] : SOperand{});
 		if (desc.m_SrcReg1.Valid() || traits.m_ParameterCount > 1)
-			operands += ", " + RegisterName(desc.m_SrcReg1, program);
+			operands += ", " + name(desc.m_SrcReg1, source ? source->m_Src[1] : SOperand{});
 		std::string raw;
 		for (u32 i = 0; i < size; ++i)
 			raw += fmt::format("{}{:02x}", i == 0 ? "" : " ", bytecode[i]);
@@ -96,18 +103,29 @@ namespace OxVm
 
 	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program)
 	{
+		std::string text;
+		SDisassembly out = Disassemble(bytecode, size, program, [&text](std::string_view piece, u32, u32) { text.append(piece); });
+		out.m_Text = std::move(text);
+		return out;
+	}
+
+	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program, const FnListingSink &sink)
+	{
 		SDisassembly out;
+		std::string text;
 		if (program != nullptr)
 		{
-			out.m_Text += fmt::format("stream {}\n", program->m_Stream);
+			text += fmt::format("stream {}\n", program->m_Stream);
 			for (const SRegisterDecl &decl : program->m_Registers)
 				if (!decl.m_Name.empty())
-					out.m_Text += decl.m_Text + "\n";
+					text += decl.m_Text + "\n";
 		}
 		else
-			out.m_Text += "stream 16    ; bytecode carries no stream size: set the one to run with\n";
-		out.m_Text += "\n";
-		u32 offset = 0;
+			text += "stream 16    ; bytecode carries no stream size: set the one to run with\n";
+		text += "\n";
+		sink(text, 0, 0);
+		text.clear();
+		u32 offset = 0, pieceStart = 0, lines = 0;
 		while (offset < size)
 		{
 			const std::string problem = DecodeProblem(bytecode, size, offset);
@@ -116,12 +134,73 @@ namespace OxVm
 				out.m_Ok = false;
 				out.m_ErrorOffset = offset;
 				out.m_Error = problem;
-				return out;
+				break;
 			}
-			out.m_Text += DisassembleOne(bytecode + offset, offset, program) + "\n";
+			text += DisassembleOne(bytecode + offset, offset, program, out.m_Instructions) + "\n";
 			offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
 			++out.m_Instructions;
+			if (++lines == kListingPiece)
+			{
+				sink(text, pieceStart, offset);
+				text.clear();
+				pieceStart = offset;
+				lines = 0;
+			}
 		}
+		if (lines != 0)
+			sink(text, pieceStart, offset);
 		return out;
+	}
+
+	bool ProgramFromBytecode(const u8 *bytecode, u32 size, const std::string &name, SProgram &program, std::string &error)
+	{
+		*program.m_File = name;
+		program.m_Folder = ".";
+		u32 line = 3;	// after the listing's stream line and blank line
+		for (u32 offset = 0; offset < size; ++line)
+		{
+			error = DecodeProblem(bytecode, size, offset);
+			if (!error.empty())
+			{
+				error = fmt::format("offset {}: {}", offset, error);
+				return false;
+			}
+			SOp_MathOp::SDesc desc;
+			CBVM::SOpcodeDisasReport report;
+			{
+				CSilentAsserts silent;
+				CMetaOp_MathOp::DecodeBytecodeToDesc(bytecode + offset, desc, report);
+			}
+			SInstruction instruction;
+			instruction.m_Op = desc.m_Op;
+			instruction.m_Generic = bytecode[offset] == CBVM::Opcode_MathOp && u32(desc.m_Op) < CMetaOp_MathOp::kSpecializedOpCount;
+			instruction.m_Where = SLocation{program.m_File.get(), line, 1};
+			instruction.m_SourceCount = SOp_MathOp::OperatorTraits(desc.m_Op).m_ParameterCount;
+			const CRegID *registers[3] = {&desc.m_DstReg, &desc.m_SrcReg0, &desc.m_SrcReg1};
+			SOperand *operands[3] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
+			for (u32 i = 0; i < 1 + instruction.m_SourceCount; ++i)
+			{
+				const u32 bits = registers[i]->Valid() ? u32(registers[i]->m_RawBits) : 0xFFFFFFFFu;
+				s32 index = program.FindByBits(bits);
+				if (index < 0)
+				{
+					const s32 placed = program.FindByPlace(bits);
+					if (!IsPlainRegister(bits) || !HasKernel(RawType(bits)) || placed >= 0)
+					{
+						error = fmt::format("offset {}: register {} {}", offset, InlineRegisterText(bits),
+											placed >= 0 ? fmt::format("shares its place with {} of another type", program.RegisterText(placed)) : std::string("cannot be named in a program"));
+						return false;
+					}
+					SRegisterDecl decl;
+					decl.m_Bits = bits;
+					decl.m_Where = instruction.m_Where;
+					index = program.Add(std::move(decl));
+				}
+				*operands[i] = SOperand{index, 0};
+			}
+			program.m_Instructions.push_back(instruction);
+			offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+		}
+		return true;
 	}
 }

@@ -4,7 +4,9 @@
 
 #include "program.h"
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace OxVm
@@ -27,8 +29,25 @@ namespace OxVm
 	// past 'size': sizes are checked before the decoder runs.
 	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program);
 
+	// The same, handing the text to 'sink' a piece at a time instead of keeping it (a
+	// listing is ten times its bytecode): first the head (stream line, declarations,
+	// blank line) with firstOffset == endOffset == 0, then whole lines of the
+	// instructions in [firstOffset, endOffset), at most kListingPiece at a time.
+	using FnListingSink = std::function<void(std::string_view text, u32 firstOffset, u32 endOffset)>;
+	constexpr u32 kListingPiece = 65536;
+	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program, const FnListingSink &sink);
+
+	// Bytecode -> the program its listing gives: every register inline, zero-filled, no
+	// stream size; instruction i at line i + 3 of the listing, as 'oxvm disasm' prints it.
+	// False with 'error' ("offset 26: unknown opcode 42") when the bytes do not decode
+	// or name a register that a program cannot (the VM's verifier says more).
+	bool ProgramFromBytecode(const u8 *bytecode, u32 size, const std::string &name, SProgram &program, std::string &error);
+
 	// The listing of one instruction for 'oxvm run' and error messages: mnemonic and
 	// operands, then a comment with offset, bytes, opcode, size and destination bank.
 	// 'bytecode' holds at least the instruction's own size.
-	std::string DisassembleOne(const u8 *bytecode, u32 offset, const SProgram *program);
+	// 'index': the instruction's index in 'program' when the bytecode is the program's
+	// own (Assemble): its operands are named from the program without a lookup.
+	constexpr u32 kNoInstruction = ~0u;
+	std::string DisassembleOne(const u8 *bytecode, u32 offset, const SProgram *program, u32 index = kNoInstruction);
 }

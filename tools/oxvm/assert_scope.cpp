@@ -1,8 +1,16 @@
 #include "assert_scope.h"
 
+#include "cbvm_math_op_paths.h"
+#include "runner.h"
+#include "verification.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 namespace OxVm
 {
@@ -10,20 +18,75 @@ namespace OxVm
 	{
 		std::atomic<std::uint64_t> g_Counted{0};
 
+		// What the counting handler knows of the run (the tool runs the VM on one thread).
+		struct SAttribution
+		{
+			bool m_Verbose = false;
+			const SProgram *m_Program = nullptr;
+			const std::vector<u8> *m_Bytecode = nullptr;
+			std::vector<u32> m_Offsets;
+			CBVM::EExecPath m_Path = CBVM::ExecPath_Standard;
+			const CCBCPUMetaRegisters *m_Registers = nullptr;
+			std::vector<std::string> m_Printed;	// lines printed so far (a repeat is counted, not printed)
+			bool m_NoteGiven = false;
+			bool m_Describing = false;	// a report raised while describing one is only counted
+		};
+		SAttribution g_Attribution;
+
 		int Silent(const Orvex::Assert::SReport &)
 		{
 			return Orvex::Assert::Answer_Continue;
 		}
 
+		// The forms the standard path reports by design, named as --compare names them.
+		bool ReportedForm(CBVM::EPathDifference kind)
+		{
+			return kind == CBVM::PathDifference_FloatModOfConstants || kind == CBVM::PathDifference_FloatNegOfConstant || kind == CBVM::PathDifference_ShiftCountAbove31;
+		}
+
+		// The report as the user reads it: at the instruction's line when one runs, with
+		// what the program did to cause it when that is one of the documented forms.
+		std::string Describe(const Orvex::Assert::SReport &report)
+		{
+			const SAttribution &at = g_Attribution;
+			const bool ownMessage = std::strcmp(report.m_Message, report.m_Expression) != 0;
+			const std::string vmMessage = ownMessage ? report.m_Message : "a check of the VM failed (--verbose shows which)";
+			const s32 index = at.m_Program != nullptr && at.m_Registers != nullptr ? InstructionAt(at.m_Offsets, at.m_Registers->m_InstructionPointer) : -1;
+			if (index < 0 || std::size_t(index) >= at.m_Program->m_Instructions.size())
+				return "oxvm: warning: VM assertion report: " + vmMessage;
+			const u32 offset = at.m_Offsets[std::size_t(index)];
+			const CBVM::EPathDifference kind =
+				at.m_Path == CBVM::ExecPath_Standard ? CBVM::StandardPathDifference(*at.m_Registers, at.m_Bytecode->data() + offset) : CBVM::PathDifference_None;
+			const char *mnemonic = Compiler::IR::SOp_MathOp::OperatorTraits(at.m_Program->m_Instructions[std::size_t(index)].m_Op).m_Name;
+			return InstructionMessage(*at.m_Program, at.m_Offsets, offset, "warning",
+									  fmt::format("VM assertion report: '{}' on the {} path: {}", mnemonic, CBVM::ExecPathName(at.m_Path),
+												  ReportedForm(kind) ? std::string(CBVM::PathDifferenceName(kind)) : vmMessage));
+		}
+
 		int Counted(const Orvex::Assert::SReport &report)
 		{
-			const std::uint64_t index = g_Counted.fetch_add(1);
-			const bool ownMessage = std::strcmp(report.m_Message, report.m_Expression) != 0;
-			if (index < CCountedAsserts::kPrinted)
-				std::fprintf(stderr, "oxvm: VM assertion report: %s:%d: %s%s%s\n", report.m_File, report.m_Line, report.m_Expression,
-							 ownMessage ? ": " : "", ownMessage ? report.m_Message : "");
-			else if (index == CCountedAsserts::kPrinted)
+			g_Counted.fetch_add(1);
+			SAttribution &at = g_Attribution;
+			if (at.m_Describing)
+				return Orvex::Assert::Answer_Continue;
+			at.m_Describing = true;
+			std::string text = Describe(report);
+			at.m_Describing = false;
+			if (at.m_Verbose)
+				text += fmt::format("\n    VM check '{}'{}{} at {}:{}", report.m_Expression, std::strcmp(report.m_Message, report.m_Expression) != 0 ? ": " : "",
+									std::strcmp(report.m_Message, report.m_Expression) != 0 ? report.m_Message : "", report.m_File, report.m_Line);
+			if (std::find(at.m_Printed.begin(), at.m_Printed.end(), text) != at.m_Printed.end())
+				return Orvex::Assert::Answer_Ignore;
+			if (at.m_Printed.size() < CCountedAsserts::kPrinted)
+			{
+				std::fprintf(stderr, "%s\n", text.c_str());
+				at.m_Printed.push_back(std::move(text));
+			}
+			else if (!at.m_NoteGiven)
+			{
 				std::fprintf(stderr, "oxvm: further VM assertion reports are counted, not printed\n");
+				at.m_NoteGiven = true;
+			}
 			return Orvex::Assert::Answer_Ignore;
 		}
 	}
@@ -31,7 +94,31 @@ namespace OxVm
 	CSilentAsserts::CSilentAsserts() : m_Previous(Orvex::Assert::SetHandler(&Silent)) {}
 	CSilentAsserts::~CSilentAsserts() { Orvex::Assert::SetHandler(m_Previous); }
 
-	CCountedAsserts::CCountedAsserts() : m_Previous(Orvex::Assert::SetHandler(&Counted)) { g_Counted = 0; }
-	CCountedAsserts::~CCountedAsserts() { Orvex::Assert::SetHandler(m_Previous); }
+	CCountedAsserts::CCountedAsserts(bool verbose) : m_Previous(Orvex::Assert::SetHandler(&Counted))
+	{
+		g_Counted = 0;
+		g_Attribution = SAttribution();
+		g_Attribution.m_Verbose = verbose;
+	}
+
+	CCountedAsserts::~CCountedAsserts()
+	{
+		Orvex::Assert::SetHandler(m_Previous);
+		g_Attribution = SAttribution();
+	}
+
 	std::uint64_t CCountedAsserts::Count() const { return g_Counted.load(); }
+
+	void CCountedAsserts::Attribute(const SProgram &program, const std::vector<u8> &bytecode)
+	{
+		g_Attribution.m_Program = &program;
+		g_Attribution.m_Bytecode = &bytecode;
+		g_Attribution.m_Offsets = InstructionOffsets(bytecode);
+	}
+
+	void CCountedAsserts::Running(CBVM::EExecPath path, const CCBCPUMetaRegisters *registers)
+	{
+		g_Attribution.m_Path = path;
+		g_Attribution.m_Registers = registers;
+	}
 }

@@ -15,10 +15,19 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
+
 namespace OxVm
 {
 	namespace
 	{
+		using Clock = std::chrono::steady_clock;
+
+		double Seconds(Clock::time_point from, Clock::time_point to)
+		{
+			return std::chrono::duration<double>(to - from).count();
+		}
+
 		// --dump names -> registers; false after reporting an unknown one.
 		bool FindDumped(const SProgram &program, const std::vector<std::string> &names, std::vector<s32> &registers)
 		{
@@ -40,8 +49,9 @@ namespace OxVm
 
 		void PrintListing(const SProgram &program, const std::vector<u8> &bytecode)
 		{
+			u32 index = 0;
 			for (u32 offset : InstructionOffsets(bytecode))
-				fmt::print("  {}\n", DisassembleOne(bytecode.data() + offset, offset, &program));
+				fmt::print("  {}\n", DisassembleOne(bytecode.data() + offset, offset, &program, index++));
 		}
 
 		std::string Bytes(double bytes)
@@ -61,11 +71,15 @@ namespace OxVm
 			return seconds >= 1.0 ? fmt::format("{:.3f} s", seconds) : seconds >= 1e-3 ? fmt::format("{:.3f} ms", seconds * 1e3) : fmt::format("{:.3f} us", seconds * 1e6);
 		}
 
-		void PrintTiming(const SProgram &program, u32 elements, u32 frames, double seconds)
+		// 'setup': everything before the run (reading and checking the program, CSV
+		// files, allocating and initialising the registers, verifying), which at millions
+		// of elements takes longer than the run itself.
+		void PrintTiming(const SProgram &program, u32 elements, u32 frames, double seconds, double setup)
 		{
 			const double perFrame = seconds / frames;
 			const u64 bytes = BytesTouchedPerFrame(program, elements);
-			fmt::print("time       {} per frame, {} in all\n", Duration(perFrame), Duration(seconds));
+			fmt::print("setup      {} before the run (program read and checked, registers allocated and initialised, bytecode verified)\n", Duration(setup));
+			fmt::print("time       {} per frame, {} for {} frame{}\n", Duration(perFrame), Duration(seconds), frames, frames == 1 ? "" : "s");
 			if (seconds > 0)
 				fmt::print("throughput {:.4g} elements/s, {:.3f} GB/s touched ({} per frame)\n", double(elements) * frames / seconds, double(bytes) * frames / seconds * 1e-9, Bytes(double(bytes)));
 		}
@@ -82,8 +96,10 @@ namespace OxVm
 
 	int CommandRun(const SRunCommand &options)
 	{
+		const Clock::time_point started = Clock::now();
+		const bool standardPathRuns = options.m_Compare || options.m_Path != "low";
 		SProgram program;
-		if (!LoadProgram(options.m_Program, options.m_Elements, program))
+		if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, program, standardPathRuns))
 			return Exit_BadInput;
 		std::vector<s32> dumped;
 		if (!FindDumped(program, options.m_Dump, dumped))
@@ -105,17 +121,25 @@ namespace OxVm
 		profiler.Reset();
 		profiler.SetEnabled(options.m_Profile);
 		Profiler::CHazards::CurrentThreadHazards().Reset();
-		CCountedAsserts asserts;
+		CCountedAsserts asserts(options.m_Verbose);
+		asserts.Attribute(program, bytecode);
+		CProgress progress(options.m_Progress == "always" ? Progress_Always : options.m_Progress == "never" ? Progress_Never : Progress_Auto);
 
 		CRegisterFile file;
 		std::string error;
-		if (!file.Build(program, elements, options.m_Seed, error))
+		progress.Begin("set-up: initialising registers", false);
+		const bool built = file.Build(program, elements, options.m_Seed, error, [&progress](u64 done, u64 total) { progress.Update(done, total); });
+		progress.End();
+		if (!built)
 		{
 			fmt::print(stderr, "oxvm: error: {}\n", error);
 			return Exit_RunFailed;
 		}
+		// The CSV values are in the registers now: not held twice through the run.
+		for (SRegisterDecl &decl : program.m_Registers)
+			std::vector<u32>().swap(decl.m_Init.m_CsvWords);
 		// The VM's own verifier, against the register file the program runs on.
-		if (!VerifyForRun(*program.m_File, bytecode.data(), u32(bytecode.size()), file.Storage()))
+		if (!VerifyForRun(program, bytecode, file.Storage(), standardPathRuns))
 			return Exit_BadInput;
 		fmt::print("program    {}{}\n", *program.m_File, options.m_Program.empty() ? " (bundled example; see oxvm example)" : "");
 		fmt::print("run        {} path{}, {} elements, {} frame{}, seed {}\n", options.m_Compare ? "standard and low" : CBVM::ExecPathName(path),
@@ -126,6 +150,7 @@ namespace OxVm
 		std::fflush(stdout);
 
 		bool failed = false;
+		const Clock::time_point runStarted = Clock::now();
 		if (options.m_Compare)
 		{
 			CRegisterFile low;
@@ -145,16 +170,19 @@ namespace OxVm
 			SRunOptions run;
 			run.m_Path = path;
 			run.m_Frames = options.m_Frames;
-			run.m_Progress = true;
+			run.m_Progress = &progress;
+			CCountedAsserts::Running(path, &file.Storage().Registers());
 			const SRunTiming timing = RunFrames(bytecode, file, run);
+			CCountedAsserts::Running(path, nullptr);
 			if (!timing.m_Ok)
 			{
 				fmt::print(stderr, "oxvm: error: the interpreter stopped: {}\n", timing.m_Error);
 				failed = true;
 			}
 			fmt::print("ran        {} instructions x {} frame{} over {} elements\n", program.m_Instructions.size(), options.m_Frames, options.m_Frames == 1 ? "" : "s", elements);
-			PrintTiming(program, elements, options.m_Frames, timing.m_Seconds);
+			PrintTiming(program, elements, options.m_Frames, timing.m_Seconds, Seconds(started, runStarted));
 		}
+		const Clock::time_point runEnded = Clock::now();
 		PrintHazards();
 
 		fmt::print("\nwritten registers{}:\n", options.m_Compare ? " (standard path)" : "");
@@ -164,9 +192,12 @@ namespace OxVm
 			fmt::print("\n");
 			DumpRegisters(stdout, program, file, dumped);
 		}
-		if (options.m_Profile)
+		if (options.m_Profile && !standardPathRuns)
+			fmt::print("\nprofile:   nothing recorded: the profiler times the standard path's entry points (_ExecBytecode, _ExecBytecode_Add .. _Div), "
+					   "and the low path's are not profiler scopes (use --path standard, or --compare)\n");
+		else if (options.m_Profile)
 		{
-			fmt::print("\nprofile:\n");
+			fmt::print("\nprofile{}:\n", options.m_Compare ? " (standard path: the low path's entry points are not profiler scopes)" : "");
 			std::fflush(stdout);
 			profiler.Print(stdout);
 		}
@@ -176,22 +207,32 @@ namespace OxVm
 		if (reports != 0)
 			fmt::print(stderr, "oxvm: {} VM assertion report{} during the run{}\n", reports, reports == 1 ? "" : "s", options.m_Strict ? " (--strict: failing)" : "");
 		failed = failed || (options.m_Strict && reports != 0);
+		// The wall time of the command in three parts that add up: set-up, the run (or
+		// the comparison) and the summary (statistics, dumps, CSV).
+		auto printTotal = [&]() {
+			const Clock::time_point ended = Clock::now();
+			fmt::print("\ntotal      {}: setup {}, {} {}, summary {} (statistics, dumps, CSV)\n", Duration(Seconds(started, ended)), Duration(Seconds(started, runStarted)),
+					   options.m_Compare ? "compare" : "run", Duration(Seconds(runStarted, runEnded)), Duration(Seconds(runEnded, ended)));
+		};
 		if (failed)
 		{
 			if (!options.m_Csv.empty())
 				fmt::print(stderr, "oxvm: {} not written: the run failed\n", options.m_Csv);
+			printTotal();
 			return Exit_RunFailed;
 		}
 		if (!options.m_Csv.empty())
 		{
-			const bool wrote = WriteCsv(csv.Stream(), program, file, WrittenRegisters(program), elements);
+			const bool wrote = WriteCsv(csv.Stream(), program, file, WrittenRegisters(program), elements, options.m_CsvBits);
 			if (!csv.Commit(error) || !wrote)
 			{
 				fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", options.m_Csv) : error);
+				printTotal();
 				return Exit_RunFailed;
 			}
 			fmt::print("\ncsv        {} ({} rows)\n", options.m_Csv, elements);
 		}
+		printTotal();
 		return Exit_Ok;
 	}
 }

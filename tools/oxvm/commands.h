@@ -36,9 +36,12 @@ namespace OxVm
 		Orvex::u32 m_Seed = 1;
 		std::vector<std::string> m_Dump;
 		std::string m_Csv;
+		bool m_CsvBits = false;			// floats in the CSV as their exact words (0x........)
 		bool m_Profile = false;
 		bool m_Compare = false;
 		bool m_Strict = false;
+		bool m_Verbose = false;			// VM assertion reports also name the VM's check and its source line
+		std::string m_Progress = "auto";	// progress bar: auto (a terminal, when long), always, never
 	};
 
 	int CommandRun(const SRunCommand &options);

@@ -1,5 +1,6 @@
 #include "compare.h"
 
+#include "assert_scope.h"
 #include "cbvm_interpreter.h"
 #include "cbvm_math_op_paths.h"
 #include "numbers.h"
@@ -50,8 +51,14 @@ namespace OxVm
 				const SInstruction &source = program.m_Instructions[i];
 				// Classified before running: the instruction may overwrite its own operands.
 				const CBVM::EPathDifference kind = CBVM::StandardPathDifference(standard.Storage().Registers(), instruction);
+				// As CInterpreter::Run does: a VM assertion report names this instruction.
+				standard.Storage().Registers().m_InstructionPointer = offsets[i];
+				low.Storage().Registers().m_InstructionPointer = offsets[i];
+				CCountedAsserts::Running(CBVM::ExecPath_Standard, &standard.Storage().Registers());
 				CBVM::CInterpreter::Entry(CBVM::ExecPath_Standard, instruction[0]).m_Exec(standardContext, instruction);
+				CCountedAsserts::Running(CBVM::ExecPath_Low, &low.Storage().Registers());
 				CBVM::CInterpreter::Entry(CBVM::ExecPath_Low, instruction[0]).m_Exec(lowContext, instruction);
+				CCountedAsserts::Running(CBVM::ExecPath_Standard, nullptr);
 
 				const s32 dst = source.m_Dst.m_Register;
 				const EElementKind valueKind = TypeInfo(program.m_Registers[std::size_t(dst)].Type()).m_Kind;

@@ -2,12 +2,15 @@
 // (CLI11) lives here; the commands are in command_codec.cpp and command_run.cpp.
 
 #include "commands.h"
+#include "program.h"
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <cstdio>
-
+#include <exception>
 #include <map>
+#include <new>
 
 namespace
 {
@@ -17,102 +20,147 @@ namespace
 		"  reg pos stream 0 float3 = random(-10, 10)    name bank slot type [[count]] [= initialiser]\n"
 		"  add pos, pos, vel                            operator destination, source0[, source1]\n"
 		"See the README section 'The oxvm tool' for the whole format.\n";
+
+	// A whole number lo..hi, and a message that gives the range whatever is wrong with
+	// the text (a suffix, a sign, too many digits).
+	CLI::Validator WholeNumber(std::uint64_t lo, std::uint64_t hi)
+	{
+		const std::string range = std::to_string(lo) + " to " + std::to_string(hi);
+		return CLI::Validator(
+			[lo, hi, range](std::string &text) {
+				std::uint64_t value = 0;
+				const auto result = std::from_chars(text.data(), text.data() + text.size(), value, 10);
+				const bool ok = !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size() && value >= lo && value <= hi;
+				return ok ? std::string() : "'" + OxVm::Printable(text) + "' is not a whole number from " + range;
+			},
+			"whole number " + range);
+	}
+
+	int Main(int argc, char **argv)
+	{
+		using namespace OxVm;
+		CLI::App app{"oxvm: assemble, disassemble and run math-op programs of the CPU bytecode VM.", "oxvm"};
+		app.footer(kFormatHelp);
+		app.require_subcommand(1);
+		app.set_version_flag("--version", std::string("oxvm ") + OXVM_VERSION);
+		CLI::App *helpCommand = app.add_subcommand("help", "Print this help.");
+
+		std::string asmProgram, asmOutput;
+		CLI::App *asmCommand = app.add_subcommand("asm", "Assemble a program into bytecode with the VM's encoder (13-byte add, sub, mul, div; 14 bytes otherwise).");
+		asmCommand->add_option("program", asmProgram, "program text (.oxs); - reads standard input")->required();
+		asmCommand->add_option("-o,--output", asmOutput, "bytecode file to write: a regular file is replaced whole or not at all, keeping its mode and links; a device or FIFO is written as it is; - is standard output")->required();
+
+		std::string disasmPath, disasmInput = "auto";
+		CLI::App *disasmCommand = app.add_subcommand("disasm",
+			"Decode bytecode (or a program, assembled first) with the VM's decoder and print it as assembler text: per instruction the mnemonic and "
+			"registers, then the byte offset, raw bytes, opcode, size and destination bank. The text assembles back to the same bytes. "
+			"A truncated or corrupt file prints what was decoded, then the offset of the problem (exit 2).");
+		disasmCommand->add_option("file", disasmPath, "bytecode file or program text; - reads standard input")->required();
+		disasmCommand->add_option("--input", disasmInput, "what the file is: auto (text if it has no control bytes), text or bytecode")
+			->check(CLI::IsMember({"auto", "text", "bytecode"}))
+			->capture_default_str();
+
+		SRunCommand run;
+		CLI::App *runCommand = app.add_subcommand("run",
+			"Check and assemble a program, allocate its registers, run it through the VM's interpreter and print the disassembly, the time per "
+			"frame, the throughput and, for each register written, its first and last values, min, max, mean and checksum; then the wall time "
+			"in three parts: set-up (reading, initialising, verifying), run and summary. VM assertion reports are printed at the program line "
+			"that raised them. Without a program, runs the bundled particle example.");
+		runCommand->add_option("program", run.m_Program,
+			"program text (.oxs), or bytecode as oxvm asm writes it (with --elements; its registers start at zero); - reads standard input; "
+			"default: the bundled example (see 'oxvm example')");
+		runCommand->add_option("--elements", run.m_Elements, "elements per stream (default: the program's 'stream' line)")->check(WholeNumber(1, OxVm::kMaxElements));
+		runCommand->add_option("--frames", run.m_Frames, "run the program this many times, as simulation frames (progress bar on a terminal when long)")
+			->check(WholeNumber(1, 1000000000u))
+			->capture_default_str();
+		runCommand->add_option("--path", run.m_Path, "execution path: standard (SIMD) or low (plain)")->check(CLI::IsMember({"standard", "low"}))->capture_default_str();
+		runCommand->add_option("--seed", run.m_Seed, "seed of random() initialisers")->check(WholeNumber(0, 0xFFFFFFFFu))->capture_default_str();
+		// One value per --dump (repeat it, or give a comma list), so that it never takes the
+		// program's name for a register's.
+		runCommand->add_option("--dump", run.m_Dump, "print every element of this register (a name or bank.slot:type; repeat --dump, or give a comma list)")
+			->allow_extra_args(false)
+			->delimiter(',');
+		runCommand->add_option("--csv", run.m_Csv, "write the written registers, one row per element, to this CSV file (only when the run succeeds; a regular file is replaced whole, keeping its mode and links; a device or FIFO is written as it is; - is standard output)");
+		runCommand->add_flag("--csv-bits", run.m_CsvBits, "in the --csv file, write floats as their exact 32-bit words (0x7fc00000) instead of numbers (nan, inf, 1.5), so that csv() initialisers read them back bit for bit")->needs("--csv");
+		runCommand->add_flag("--profile", run.m_Profile, "print the profiler's count and time per VM entry point (the standard path's: the low path's are not profiler scopes)");
+		CLI::Option *compare = runCommand->add_flag("--compare", run.m_Compare,
+			"run the standard and the low path side by side from the same inputs and list every differing word outside the documented differences (exit 1 if any)");
+		// --compare runs both paths: a --path beside it would be ignored, so it is refused.
+		compare->excludes(runCommand->get_option("--path"));
+		runCommand->add_flag("--strict", run.m_Strict, "fail (exit 1) when the VM reports any assertion");
+		runCommand->add_flag("--verbose", run.m_Verbose,
+			"with each VM assertion report (printed at the program line of the instruction that raised it), also print the VM's check: its expression and its source file and line");
+		runCommand->add_option("--progress", run.m_Progress,
+			"progress bar on stderr for a long set-up (register initialisation) and a long run: auto (on a terminal, once a phase is seen to take over a second), always or never")
+			->check(CLI::IsMember({"auto", "always", "never"}))
+			->capture_default_str();
+
+		app.add_subcommand("example", "Print the bundled example program (examples/particles.oxs).");
+
+		// The help of the whole tool, as --help prints it ('oxvm help' prints it too).
+		const std::string toolHelp = app.help();
+
+		// A first word that is no option and no command is named (CLI11 would only say that
+		// a command is required).
+		if (argc > 1 && argv[1][0] != '-')
+		{
+			bool known = false;
+			std::string commands;
+			for (const CLI::App *command : app.get_subcommands({}))
+			{
+				known = known || command->get_name() == argv[1];
+				commands += (commands.empty() ? "" : ", ") + command->get_name();
+			}
+			if (!known)
+			{
+				std::fprintf(stderr, "oxvm: error: unknown command '%s' (commands: %s; oxvm --help)\n", argv[1], commands.c_str());
+				return Exit_BadInput;
+			}
+		}
+		try
+		{
+			app.parse(argc, argv);
+		}
+		catch (const CLI::ParseError &e)
+		{
+			// CLI11 reports through exceptions; --help is one of them and exits 0.
+			return app.exit(e) == 0 ? Exit_Ok : Exit_BadInput;
+		}
+
+		if (helpCommand->parsed())
+		{
+			std::fputs(toolHelp.c_str(), stdout);
+			return Exit_Ok;
+		}
+		if (asmCommand->parsed())
+			return CommandAsm(asmProgram, asmOutput);
+		if (disasmCommand->parsed())
+		{
+			const std::map<std::string, EInputFormat> formats = {{"auto", Input_Auto}, {"text", Input_Text}, {"bytecode", Input_Bytecode}};
+			return CommandDisasm(disasmPath, formats.at(disasmInput));
+		}
+		if (runCommand->parsed())
+			return CommandRun(run);
+		return CommandExample();
+	}
+
 }
 
 int main(int argc, char **argv)
 {
-	using namespace OxVm;
-	CLI::App app{"oxvm: assemble, disassemble and run math-op programs of the CPU bytecode VM.", "oxvm"};
-	app.footer(kFormatHelp);
-	app.require_subcommand(1);
-	app.set_version_flag("--version", std::string("oxvm ") + OXVM_VERSION);
-	CLI::App *helpCommand = app.add_subcommand("help", "Print this help.");
-
-	std::string asmProgram, asmOutput;
-	CLI::App *asmCommand = app.add_subcommand("asm", "Assemble a program into bytecode with the VM's encoder (13-byte add, sub, mul, div; 14 bytes otherwise).");
-	asmCommand->add_option("program", asmProgram, "program text (.oxs)")->required();
-	asmCommand->add_option("-o,--output", asmOutput, "bytecode file to write: a regular file is replaced whole or not at all, keeping its mode and links; a device or FIFO is written as it is; - is standard output")->required();
-
-	std::string disasmPath, disasmInput = "auto";
-	CLI::App *disasmCommand = app.add_subcommand("disasm",
-		"Decode bytecode (or a program, assembled first) with the VM's decoder and print it as assembler text: per instruction the mnemonic and "
-		"registers, then the byte offset, raw bytes, opcode, size and destination bank. The text assembles back to the same bytes. "
-		"A truncated or corrupt file prints what was decoded, then the offset of the problem (exit 2).");
-	disasmCommand->add_option("file", disasmPath, "bytecode file or program text")->required();
-	disasmCommand->add_option("--input", disasmInput, "what the file is: auto (text if it has no control bytes), text or bytecode")
-		->check(CLI::IsMember({"auto", "text", "bytecode"}))
-		->capture_default_str();
-
-	SRunCommand run;
-	CLI::App *runCommand = app.add_subcommand("run",
-		"Check and assemble a program, allocate its registers, run it through the VM's interpreter and print the disassembly, the time per "
-		"frame, the throughput and, for each register written, its first and last values, min, max, mean and checksum. "
-		"Without a program, runs the bundled particle example.");
-	runCommand->add_option("program", run.m_Program, "program text (.oxs); default: the bundled example (see 'oxvm example')");
-	runCommand->add_option("--elements", run.m_Elements, "elements per stream (default: the program's 'stream' line)")->check(CLI::Range(1u, (1u << 28) - 1));
-	runCommand->add_option("--frames", run.m_Frames, "run the program this many times, as simulation frames (progress bar on a terminal when long)")
-		->check(CLI::Range(1u, 1000000000u))
-		->capture_default_str();
-	runCommand->add_option("--path", run.m_Path, "execution path: standard (SIMD) or low (plain)")->check(CLI::IsMember({"standard", "low"}))->capture_default_str();
-	runCommand->add_option("--seed", run.m_Seed, "seed of random() initialisers")->capture_default_str();
-	// One value per --dump (repeat it, or give a comma list), so that it never takes the
-	// program's name for a register's.
-	runCommand->add_option("--dump", run.m_Dump, "print every element of this register (a name or bank.slot:type; repeat --dump, or give a comma list)")
-		->allow_extra_args(false)
-		->delimiter(',');
-	runCommand->add_option("--csv", run.m_Csv, "write the written registers, one row per element, to this CSV file (only when the run succeeds; a regular file is replaced whole, keeping its mode and links; a device or FIFO is written as it is; - is standard output)");
-	runCommand->add_flag("--profile", run.m_Profile, "print the profiler's count and time per VM entry point");
-	CLI::Option *compare = runCommand->add_flag("--compare", run.m_Compare,
-		"run the standard and the low path side by side from the same inputs and list every differing word outside the documented differences (exit 1 if any)");
-	// --compare runs both paths: a --path beside it would be ignored, so it is refused.
-	compare->excludes(runCommand->get_option("--path"));
-	runCommand->add_flag("--strict", run.m_Strict, "fail (exit 1) when the VM reports any assertion");
-
-	app.add_subcommand("example", "Print the bundled example program (examples/particles.oxs).");
-
-	// The help of the whole tool, as --help prints it ('oxvm help' prints it too).
-	const std::string toolHelp = app.help();
-
-	// A first word that is no option and no command is named (CLI11 would only say that
-	// a command is required).
-	if (argc > 1 && argv[1][0] != '-')
-	{
-		bool known = false;
-		std::string commands;
-		for (const CLI::App *command : app.get_subcommands({}))
-		{
-			known = known || command->get_name() == argv[1];
-			commands += (commands.empty() ? "" : ", ") + command->get_name();
-		}
-		if (!known)
-		{
-			std::fprintf(stderr, "oxvm: error: unknown command '%s' (commands: %s; oxvm --help)\n", argv[1], commands.c_str());
-			return Exit_BadInput;
-		}
-	}
+	// Nothing the tool does may end in an uncaught exception: out of memory (a huge
+	// input under a memory limit) is a message and exit status 2 like any bad input.
 	try
 	{
-		app.parse(argc, argv);
+		return Main(argc, argv);
 	}
-	catch (const CLI::ParseError &e)
+	catch (const std::bad_alloc &)
 	{
-		// CLI11 reports through exceptions; --help is one of them and exits 0.
-		return app.exit(e) == 0 ? Exit_Ok : Exit_BadInput;
+		std::fputs("oxvm: error: out of memory\n", stderr);
 	}
-
-	if (helpCommand->parsed())
+	catch (const std::exception &e)
 	{
-		std::fputs(toolHelp.c_str(), stdout);
-		return Exit_Ok;
+		std::fprintf(stderr, "oxvm: error: %s\n", e.what());
 	}
-	if (asmCommand->parsed())
-		return CommandAsm(asmProgram, asmOutput);
-	if (disasmCommand->parsed())
-	{
-		const std::map<std::string, EInputFormat> formats = {{"auto", Input_Auto}, {"text", Input_Text}, {"bytecode", Input_Bytecode}};
-		return CommandDisasm(disasmPath, formats.at(disasmInput));
-	}
-	if (runCommand->parsed())
-		return CommandRun(run);
-	return CommandExample();
+	return OxVm::Exit_BadInput;
 }

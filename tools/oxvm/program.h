@@ -20,6 +20,10 @@
 
 namespace OxVm
 {
+	// Elements per stream at most: a 16-byte element times this still fits the 32-bit
+	// size of a register.
+	constexpr u32 kMaxElements = (1u << 28) - 1;
+
 	enum EInitKind : u8
 	{
 		Init_Zero,		// no initialiser
@@ -119,7 +123,10 @@ namespace OxVm
 	// 'fileName' is used in messages and to find CSV files.
 	bool ParseProgram(const std::string &text, const std::string &fileName, SProgram &program, CDiagnostics &diagnostics);
 
-	// Resolves element counts for a run of 'elements' (0: the program's stream size),
-	// loads CSV initialisers and checks every instruction.
-	bool CheckProgram(SProgram &program, u32 elements, CDiagnostics &diagnostics);
+	// Resolves element counts for a run of 'elements' (0: the program's stream size; a
+	// program without a 'stream' line needs 'elements'), loads CSV initialisers and
+	// checks every instruction.
+	// 'standardPathRuns' false: the warnings about forms only the standard path reports
+	// are left out (oxvm run --path low).
+	bool CheckProgram(SProgram &program, u32 elements, CDiagnostics &diagnostics, bool standardPathRuns = true);
 }

@@ -14,7 +14,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <map>
+#include <new>
+#include <set>
+#include <tuple>
 
 namespace OxVm
 {
@@ -71,31 +75,65 @@ namespace OxVm
 					_Csv(decl, index, type);
 			}
 
-			const SCsvTable *_Table(const SInitialiser &init)
+			// One string per CSV path for the whole check: messages about a file point at it.
+			const std::string *_CsvName(const std::string &path)
 			{
-				const bool asWritten = init.m_CsvPath[0] == '/' || m_Program.m_Folder == ".";
-				const std::string path = asWritten ? init.m_CsvPath : m_Program.m_Folder + "/" + init.m_CsvPath;
-				auto found = m_Tables.find(path);
-				if (found == m_Tables.end())
-				{
-					std::string error;
-					SCsvTable table;
-					if (!LoadCsv(path, table, error))
-					{
-						m_Diagnostics.Error(init.m_Where, error);
-						return nullptr;
-					}
-					found = m_Tables.emplace(path, std::move(table)).first;
-				}
-				return &found->second;
+				return &*m_CsvNames.insert(path).first;
 			}
 
+			// Reports a cell once, however many registers (or components) read it.
+			void _CsvError(const SLocation &where, const std::string &message)
+			{
+				if (m_CsvReported.insert({where.m_File, where.m_Line, where.m_Column}).second)
+					m_Diagnostics.Error(where, message);
+			}
+
+			// A header name as a message lists it: printable, and cut when long.
+			static std::string HeaderName(const std::string &name)
+			{
+				return name.size() <= kShownBytes ? Printable(name) : Shown(name);
+			}
+
+			// csv("file", column, ...). The file is read a line at a time, once per register:
+			// the header, then rows 1 .. count, converting the cells of the named columns
+			// into the register's words. Nothing else of the file is kept, and nothing after
+			// the last row needed is read, so that a big file costs its register's memory
+			// and no more.
 			void _Csv(SRegisterDecl &decl, s32 index, const STypeInfo &type)
 			{
 				SInitialiser &init = decl.m_Init;
-				const SCsvTable *table = _Table(init);
-				if (table == nullptr)
+				const bool asWritten = init.m_CsvPath[0] == '/' || m_Program.m_Folder == ".";
+				const std::string *file = _CsvName(asWritten ? init.m_CsvPath : m_Program.m_Folder + "/" + init.m_CsvPath);
+				CCsvReader reader;
+				std::string_view line;
+				// A failed open or read is the initialiser's error; a line that is too long,
+				// or the size limit, is the CSV file's, at its line.
+				auto readerError = [&]() {
+					if (reader.ErrorHasLine())
+						_CsvError(SLocation{file, reader.LineNumber(), 0}, reader.Error());
+					else
+						m_Diagnostics.Error(init.m_Where, reader.Error());
+				};
+				if (!reader.Open(*file))
+				{
+					readerError();
 					return;
+				}
+				if (!reader.NextLine(line))
+				{
+					if (!reader.Error().empty())
+						readerError();
+					else
+						m_Diagnostics.Error(init.m_Where, fmt::format("CSV file '{}' is empty: its first line must name the columns", *file));
+					return;
+				}
+				std::vector<SCsvField> fields;
+				std::string scratch;
+				SplitCsvLine(line, fields);
+				std::vector<std::string> header;
+				for (const SCsvField &field : fields)
+					header.emplace_back(CsvFieldText(line, field, scratch));
+
 				const std::size_t columnCount = init.m_CsvColumns.size();
 				if (columnCount != 1 && columnCount != type.m_Components)
 				{
@@ -105,50 +143,90 @@ namespace OxVm
 				std::vector<std::size_t> columns;
 				for (const SCsvColumn &column : init.m_CsvColumns)
 				{
-					std::size_t at = column.m_Index != 0 ? column.m_Index - 1 : table->m_Header.size();
+					std::size_t at = column.m_Index != 0 ? column.m_Index - 1 : header.size();
 					if (column.m_Index == 0)
-						for (std::size_t c = 0; c < table->m_Header.size(); ++c)
-							if (table->m_Header[c].m_Text == column.m_Name)
+						for (std::size_t c = 0; c < header.size(); ++c)
+							if (header[c] == column.m_Name)
 								at = c;
-					if (at >= table->m_Header.size())
+					if (at >= header.size())
 					{
+						// A header of thousands of columns is not listed whole.
+						constexpr std::size_t kListed = 16;
 						std::string names;
-						for (const SCsvCell &cell : table->m_Header)
-							names += (names.empty() ? "" : ", ") + cell.m_Text;
-						m_Diagnostics.Error(column.m_Where, column.m_Index != 0 ? fmt::format("CSV file '{}' has no column {} (it has {})", *table->m_File, column.m_Index, table->m_Header.size())
-																		: fmt::format("CSV file '{}' has no column '{}' (columns: {})", *table->m_File, column.m_Name, names));
+						for (std::size_t c = 0; c < header.size() && c < kListed; ++c)
+							names += (c == 0 ? "" : ", ") + HeaderName(header[c]);
+						if (header.size() > kListed)
+							names += fmt::format(", ... ({} in all)", header.size());
+						m_Diagnostics.Error(column.m_Where, column.m_Index != 0 ? fmt::format("CSV file '{}' has no column {} (it has {})", *file, column.m_Index, header.size())
+																		: fmt::format("CSV file '{}' has no column {} (columns: {})", *file, Shown(column.m_Name), names));
 						return;
 					}
 					columns.push_back(at);
 				}
-				if (table->m_Rows.size() < decl.m_Count)
+
+				const std::size_t wordCount = std::size_t(decl.m_Count) * type.m_Components;
+				try
 				{
-					m_Diagnostics.Error(init.m_Where, fmt::format("CSV file '{}' has {} rows; register {} needs {} (one per element)", *table->m_File, table->m_Rows.size(),
-																  Quoted(m_Program, index), decl.m_Count));
+					init.m_CsvWords.reserve(wordCount);
+				}
+				catch (const std::bad_alloc &)
+				{
+					m_Diagnostics.Error(init.m_Where, fmt::format("cannot allocate {} bytes for the values of register {}", u64(wordCount) * 4, Quoted(m_Program, index)));
 					return;
 				}
-				init.m_CsvWords.reserve(std::size_t(decl.m_Count) * type.m_Components);
-				for (u32 row = 0; row < decl.m_Count; ++row)
+				u32 rows = 0;
+				u32 widerRows = 0;		// rows with more cells than the header has columns
+				SLocation firstWider;
+				std::size_t firstWiderCells = 0;
+				const std::size_t wanted = *std::max_element(columns.begin(), columns.end()) + 1;
+				while (rows < decl.m_Count && !m_Diagnostics.Saturated() && reader.NextLine(line))
 				{
-					const std::vector<SCsvCell> &cells = table->m_Rows[row];
+					++rows;
+					const std::size_t cells = SplitCsvLine(line, fields, wanted);
+					const u32 lineNumber = reader.LineNumber();
+					if (cells > header.size() && widerRows++ == 0)
+					{
+						std::vector<SCsvField> all;
+						SplitCsvLine(line, all);
+						firstWider = SLocation{file, lineNumber, all[header.size()].m_Column};
+						firstWiderCells = cells;
+					}
+					u32 words[4] = {0, 0, 0, 0};
 					for (u32 component = 0; component < type.m_Components; ++component)
 					{
+						if (columnCount == 1 && component != 0)
+						{
+							words[component] = words[0];
+							continue;
+						}
 						const std::size_t column = columns[columnCount == 1 ? 0 : component];
-						if (column >= cells.size())
+						if (column >= fields.size())
 						{
-							m_Diagnostics.Error(table->At(cells.back()), fmt::format("row has {} fields, column {} is missing", cells.size(), column + 1));
-							return;
+							_CsvError(SLocation{file, lineNumber, u32(line.size() + 1)},
+									  fmt::format("row has {} field{}, column {} ({}) is missing", cells, cells == 1 ? "" : "s", column + 1, HeaderName(header[column])));
+							continue;
 						}
+						const std::string_view text = CsvFieldText(line, fields[column], scratch);
 						std::string error;
-						u32 word = 0;
-						if (!ParseWord(cells[column].m_Text, type.m_Kind, word, error))
-						{
-							m_Diagnostics.Error(table->At(cells[column]), error);
-							return;
-						}
-						init.m_CsvWords.push_back(word);
+						if (!ParseWord(text, type.m_Kind, words[component], error))
+							_CsvError(SLocation{file, lineNumber, fields[column].m_Column}, error);
 					}
+					init.m_CsvWords.insert(init.m_CsvWords.end(), words, words + type.m_Components);
 				}
+				if (!reader.Error().empty())
+				{
+					readerError();
+					return;
+				}
+				if (m_Diagnostics.Saturated())
+					return;
+				if (rows < decl.m_Count)
+					m_Diagnostics.Error(init.m_Where, fmt::format("CSV file '{}' has {} rows; register {} needs {} (one per element)", *file, rows, Quoted(m_Program, index), decl.m_Count));
+				// Extra cells are most likely a header that lost a name, or a separator
+				// inside an unquoted number: said once per file, not once per row.
+				if (widerRows != 0 && m_CsvWarned.insert(file).second)
+					m_Diagnostics.Warning(firstWider, fmt::format("{} of the {} rows read have more cells than the header's {} column{} (this one has {}); the extra cells are ignored",
+																  widerRows, rows, header.size(), header.size() == 1 ? "" : "s", firstWiderCells));
 			}
 
 			void _Instruction(const SInstruction &instruction)
@@ -190,9 +268,11 @@ namespace OxVm
 			}
 
 			// Legal, but the standard path reports them (see README, "Two execution paths").
+			// Said only when the standard path will run them: the Low path computes them
+			// like any other instruction.
 			void _Warnings(const SInstruction &instruction, u32 evalCount, const STypeInfo &type)
 			{
-				if (type.m_Kind != ElementKind_Float || evalCount == 1)
+				if (!m_StandardPathRuns || type.m_Kind != ElementKind_Float || evalCount == 1)
 					return;
 				const bool constant0 = !IsPerElement(m_Program.m_Registers[std::size_t(instruction.m_Src[0].m_Register)].Bank());
 				const bool constant1 = instruction.m_SourceCount > 1 && !IsPerElement(m_Program.m_Registers[std::size_t(instruction.m_Src[1].m_Register)].Bank());
@@ -203,17 +283,33 @@ namespace OxVm
 					m_Diagnostics.Warning(instruction.m_Where, "float 'mod' of two constants into a stream is reported by the standard path; compute it into a constant register");
 			}
 
+		public:
+			void SetStandardPathRuns(bool runs) { m_StandardPathRuns = runs; }
+
+		private:
+			bool m_StandardPathRuns = true;
+
 			SProgram &m_Program;
 			u32 m_Elements;
 			CDiagnostics &m_Diagnostics;
-			std::map<std::string, SCsvTable> m_Tables;
+			std::set<std::string> m_CsvNames;		// node-based: the names keep their address
+			std::set<std::tuple<const std::string *, u32, u32>> m_CsvReported;
+			std::set<const std::string *> m_CsvWarned;
 		};
 	}
 
-	bool CheckProgram(SProgram &program, u32 elements, CDiagnostics &diagnostics)
+	bool CheckProgram(SProgram &program, u32 elements, CDiagnostics &diagnostics, bool standardPathRuns)
 	{
 		const u32 errorsBefore = diagnostics.ErrorCount();
+		// Every count derives from the stream size: without one there is nothing to check.
+		if (elements == 0 && program.m_Stream == 0)
+		{
+			if (program.m_StreamWhere.m_Line == 0)	// (a bad 'stream' line was reported where it is)
+				diagnostics.Error(SLocation{program.m_File.get(), 1, 1}, "missing 'stream N' line (elements per stream; or give --elements N)");
+			return false;
+		}
 		CChecker checker(program, elements != 0 ? elements : program.m_Stream, diagnostics);
+		checker.SetStandardPathRuns(standardPathRuns);
 		checker.Registers();
 		checker.Instructions();
 		return diagnostics.ErrorCount() == errorsBefore;

@@ -1,5 +1,7 @@
 #pragma once
-// Program text -> a parsed and checked SProgram, reporting every error on stderr.
+// An input file -> a parsed and checked SProgram, reporting every error on stderr.
+// A program is text; 'oxvm run' also takes bytecode (the output of 'oxvm asm'), read
+// back through the VM's decoder into the program its disassembly gives.
 
 #include "program.h"
 
@@ -7,7 +9,12 @@
 
 namespace OxVm
 {
-	// 'path' empty: the bundled example. 'elements' 0: the program's own stream size.
-	// False after printing the errors (file:line:column: error: ...).
-	bool LoadProgram(const std::string &path, u32 elements, SProgram &program);
+	// 'path' empty: the bundled example; "-": standard input. 'elements' 0: the program's
+	// own stream size (bytecode has none: it needs 'elements'). Bytecode is refused
+	// unless 'acceptBytecode'. False after printing the errors (file:line:column: error: ...).
+	// 'standardPathRuns' false leaves out the warnings about the standard path (CheckProgram).
+	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns = true);
+
+	// A program text already read ('name' for messages and to find CSV files).
+	bool LoadProgramText(std::string text, const std::string &name, u32 elements, SProgram &program, bool standardPathRuns = true);
 }

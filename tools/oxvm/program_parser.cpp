@@ -22,7 +22,6 @@ namespace OxVm
 	namespace
 	{
 		constexpr u32 kMaxSlot = Compiler::IR::CRegID::RegisterSlotMask;
-		constexpr u64 kMaxElements = (1u << 28) - 1;	// 16-byte elements must fit a 32-bit register size
 
 		// Bank and slot of register bits, the type masked off: two registers may not share them.
 		u32 PlaceOf(u32 bits)
@@ -513,8 +512,6 @@ namespace OxVm
 			++line;
 		}
 		parser.ResolveOperands(text);
-		if (program.m_StreamWhere.m_Line == 0)
-			diagnostics.Error(SLocation{program.m_File.get(), 1, 1}, "missing 'stream N' line (elements per stream)");
 		return diagnostics.ErrorCount() == errorsBefore;
 	}
 

@@ -26,7 +26,15 @@ namespace OxVm
 			return u32(u64(lo) + draw);
 		}
 
-		void Fill(const SRegisterDecl &decl, u32 *words, std::mt19937 &rng)
+		constexpr std::size_t kProgressWords = 1u << 18;	// words between two progress calls
+
+		u64 WordsOf(const SRegisterDecl &decl)
+		{
+			return u64(decl.m_Count) * TypeInfo(decl.Type()).m_Components;
+		}
+
+		// 'done' and 'total': progress of the whole set-up, in words.
+		void Fill(const SRegisterDecl &decl, u32 *words, std::mt19937 &rng, const CRegisterFile::FnProgress &progress, u64 done, u64 total)
 		{
 			const STypeInfo type = TypeInfo(decl.Type());
 			const std::size_t count = std::size_t(decl.m_Count) * type.m_Components;
@@ -34,6 +42,8 @@ namespace OxVm
 			const bool isFloat = type.m_Kind == ElementKind_Float;
 			for (std::size_t w = 0; w < count; ++w)
 			{
+				if (w % kProgressWords == kProgressWords - 1 && progress)
+					progress(done + w, total);
 				const std::size_t element = w / type.m_Components;
 				float f = 0.0f;
 				u32 word = 0;
@@ -65,8 +75,9 @@ namespace OxVm
 		}
 	}
 
-	bool CRegisterFile::_Allocate(const SProgram &program, u32 elements, std::string &error)
+	bool CRegisterFile::_Allocate(const SProgram &program, u32 elements, std::string &error, const FnProgress &progress, u64 total)
 	{
+		u64 done = 0;
 		u32 slots = 0;
 		for (const SRegisterDecl &decl : program.m_Registers)
 			slots = std::max(slots, decl.Slot() + 1);
@@ -83,18 +94,31 @@ namespace OxVm
 									program.RegisterText(program.FindByBits(decl.m_Bits)));
 				return false;
 			}
+			done += WordsOf(decl);
+			if (progress)
+				progress(done, total);
 		}
 		m_Storage.Registers().m_StreamDimensions = elements;
 		return true;
 	}
 
-	bool CRegisterFile::Build(const SProgram &program, u32 elements, u32 seed, std::string &error)
+	bool CRegisterFile::Build(const SProgram &program, u32 elements, u32 seed, std::string &error, const FnProgress &progress)
 	{
-		if (!_Allocate(program, elements, error))
+		// Allocation (the storage is zero-filled) and filling both touch every word.
+		u64 words = 0;
+		for (const SRegisterDecl &decl : program.m_Registers)
+			words += WordsOf(decl);
+		if (!_Allocate(program, elements, error, progress, 2 * words))
 			return false;
 		std::mt19937 rng(seed);
+		u64 done = words;
 		for (std::size_t i = 0; i < program.m_Registers.size(); ++i)
-			Fill(program.m_Registers[i], Words(program, s32(i)), rng);
+		{
+			Fill(program.m_Registers[i], Words(program, s32(i)), rng, progress, done, 2 * words);
+			done += WordsOf(program.m_Registers[i]);
+		}
+		if (progress)
+			progress(done, 2 * words);
 		return true;
 	}
 

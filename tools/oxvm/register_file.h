@@ -5,6 +5,7 @@
 #include "cbvm_register_storage.h"
 #include "program.h"
 
+#include <functional>
 #include <string>
 
 namespace OxVm
@@ -15,7 +16,11 @@ namespace OxVm
 		// Allocates every register of a checked program for 'elements' elements and runs
 		// the initialisers; random values come from one generator seeded with 'seed',
 		// drawn in declaration order. False with 'error' set when memory runs out.
-		bool Build(const SProgram &program, u32 elements, u32 seed, std::string &error);
+		// 'progress' (may be empty) hears how many of the registers' words are allocated
+		// and filled, out of a total, every few hundred thousand words: a stream of
+		// millions of elements takes seconds to initialise.
+		using FnProgress = std::function<void(u64 done, u64 total)>;
+		bool Build(const SProgram &program, u32 elements, u32 seed, std::string &error, const FnProgress &progress = FnProgress());
 
 		// Same registers and contents as 'other' (for running a second path).
 		bool CopyFrom(const SProgram &program, const CRegisterFile &other, std::string &error);
@@ -27,7 +32,7 @@ namespace OxVm
 		u32 WordCount(const SProgram &program, s32 index) const;
 
 	private:
-		bool _Allocate(const SProgram &program, u32 elements, std::string &error);
+		bool _Allocate(const SProgram &program, u32 elements, std::string &error, const FnProgress &progress = FnProgress(), u64 total = 0);
 
 		CRegisterStorage m_Storage;
 	};

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 namespace OxVm
@@ -79,6 +80,22 @@ namespace OxVm
 			return nans != 0 ? text + fmt::format(" (NaN {})", nans) : text;
 		}
 
+		// A cell of the CSV output. FormatWord keeps a NaN's bits as 0x........, which
+		// spreadsheets and data libraries do not read as a number: here a NaN is "nan"
+		// (its sign and payload dropped) and infinities are "inf" and "-inf", as those
+		// tools write them. 'floatBits' writes every float as its word instead, which
+		// csv() reads back bit for bit. Ints and bools are exact either way.
+		void AppendCsvCell(std::string &row, u32 word, EElementKind kind, bool floatBits)
+		{
+			row += ',';
+			if (kind == ElementKind_Float && floatBits)
+				fmt::format_to(std::back_inserter(row), "{:#010x}", word);
+			else if (kind == ElementKind_Float && (word & 0x7F800000u) == 0x7F800000u && (word & 0x007FFFFFu) != 0)
+				row += "nan";
+			else
+				row += FormatWord(word, kind);
+		}
+
 		std::string Title(const SProgram &program, s32 index)
 		{
 			const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
@@ -135,7 +152,7 @@ namespace OxVm
 		}
 	}
 
-	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements)
+	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, bool floatBits)
 	{
 		std::string header = "element";
 		for (s32 index : registers)
@@ -155,7 +172,7 @@ namespace OxVm
 				const STypeInfo type = TypeInfo(decl.Type());
 				const u32 *element = file.Words(program, index) + std::size_t(IsPerElement(decl.Bank()) ? i : 0) * type.m_Components;
 				for (u32 c = 0; c < type.m_Components; ++c)
-					row += "," + FormatWord(element[c], type.m_Kind);
+					AppendCsvCell(row, element[c], type.m_Kind, floatBits);
 			}
 			row += "\n";
 			std::fputs(row.c_str(), out);

@@ -23,6 +23,8 @@ namespace OxVm
 
 	// One row per element of the stream, a column per component of each register
 	// (name, or name.x name.y ...); a Constant or Normal register repeats its value.
+	// Floats are numbers any CSV reader takes (nan, inf, -inf included); with
+	// 'floatBits' they are their exact words, 0x........, as csv() reads them back.
 	// Written to 'out' (an output opened by COutputFile); false when a write failed.
-	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements);
+	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, bool floatBits = false);
 }

@@ -2,31 +2,63 @@
 
 #include <fmt/format.h>
 
+#include "diagnostics.h"
+
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 namespace OxVm
 {
-	bool ReadFile(const std::string &path, std::string &bytes, std::string &error)
+	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error)
 	{
-		std::ifstream in(path, std::ios::binary);
-		if (!in)
+		const bool standardInput = path == "-";
+		std::FILE *file = standardInput ? stdin : std::fopen(path.c_str(), "rb");
+		if (file == nullptr)
 		{
-			error = fmt::format("cannot read '{}': {}", path, std::strerror(errno));
+			error = fmt::format("cannot read {}: {}", Shown(path), std::strerror(errno));
 			return false;
 		}
-		std::ostringstream content;
-		content << in.rdbuf();
-		if (in.bad())
+		bytes.clear();
+		// A regular file's size is known: one allocation of the right size.
+		struct stat info;
+		if (fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode) && u64(info.st_size) <= limit)
+			bytes.reserve(std::size_t(info.st_size));
+		char chunk[1 << 16];
+		bool tooLarge = false;
+		for (;;)
 		{
-			error = fmt::format("cannot read '{}'", path);
+			const std::size_t got = std::fread(chunk, 1, sizeof(chunk), file);
+			if (got == 0)
+				break;
+			if (bytes.size() + got > limit)
+			{
+				tooLarge = true;
+				break;
+			}
+			bytes.append(chunk, got);
+		}
+		const bool failed = std::ferror(file) != 0;
+		const int readErrno = errno;
+		if (!standardInput)
+			std::fclose(file);
+		if (tooLarge)
+			error = fmt::format("{} is larger than {} MiB, the largest input oxvm reads", Shown(InputName(path)), limit >> 20);
+		else if (failed)
+			error = fmt::format("cannot read {}: {}", Shown(InputName(path)), std::strerror(readErrno));
+		if (tooLarge || failed)
+		{
+			std::string().swap(bytes);
 			return false;
 		}
-		bytes = content.str();
 		return true;
+	}
+
+	std::string InputName(const std::string &path)
+	{
+		return path == "-" ? std::string("<stdin>") : path;
 	}
 
 	void SkipByteOrderMark(std::string &text)

@@ -7,8 +7,20 @@
 
 namespace OxVm
 {
-	// The whole file; false with 'error' set ("cannot read 'x': No such file or directory").
-	bool ReadFile(const std::string &path, std::string &bytes, std::string &error);
+	using namespace Orvex;
+
+	// The largest program or bytecode file the tool reads (about 10 million instructions):
+	// a larger input is refused before it can take the machine's memory (oxvm holds a
+	// program in at most about 8 bytes per byte of its text, beyond the registers).
+	constexpr u64 kMaxInputBytes = u64(256) << 20;
+
+	// The whole file ("-": standard input), at most 'limit' bytes; false with 'error' set
+	// ("cannot read 'x': No such file or directory", "'x' is larger than ..."). Reads
+	// devices and pipes too: an endless one stops at the limit.
+	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error);
+
+	// The name messages give an input path: "<stdin>" for "-".
+	std::string InputName(const std::string &path);
 
 	// Drops a UTF-8 byte-order mark at the start of a text (editors on some systems
 	// write one): it is not part of the first word.

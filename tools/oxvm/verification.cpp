@@ -1,8 +1,11 @@
 #include "verification.h"
 
 #include "cbvm_verifier.h"
+#include "runner.h"
 
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace OxVm
 {
@@ -10,31 +13,65 @@ namespace OxVm
 	{
 		constexpr u32 kShown = 19;	// as many as the program checker lists
 
-		void Print(const std::string &file, const CBVM::SVerifyProblem &problem, const char *severity)
-		{
-			fmt::print(stderr, "{}: {}: offset {}: {}\n", file, severity, problem.m_Offset, problem.m_Message);
-		}
-
 		void PrintMore(const CBVM::SVerifyResult &result, u32 shown)
 		{
 			if (result.Problems() > shown && shown == kShown)
 				fmt::print(stderr, "oxvm: {} more verifier findings not shown\n", result.Problems() - shown);
 		}
+
+		// The shift-count findings are about source 1 (the count); the others about the
+		// instruction as a whole.
+		s32 OperandOf(CBVM::EVerifyError code)
+		{
+			return code == CBVM::VerifyError_ShiftCountAbove31 || code == CBVM::VerifyError_ShiftCountUnchecked ? 2 : -1;
+		}
+
+		// Findings that exist because of what the standard path does with a legal form.
+		bool AboutStandardPath(CBVM::EVerifyError code)
+		{
+			return code == CBVM::VerifyError_FloatNegOfConstant || code == CBVM::VerifyError_FloatModOfConstants || code == CBVM::VerifyError_ShiftCountAbove31 ||
+				   code == CBVM::VerifyError_ShiftCountUnchecked;
+		}
 	}
 
-	bool VerifyForRun(const std::string &file, const u8 *bytecode, u32 size, const CRegisterStorage &registers)
+	s32 InstructionAt(const std::vector<u32> &offsets, u32 offset)
+	{
+		const auto after = std::upper_bound(offsets.begin(), offsets.end(), offset);
+		return s32(after - offsets.begin()) - 1;
+	}
+
+	std::string InstructionMessage(const SProgram &program, const std::vector<u32> &offsets, u32 offset, const char *severity, const std::string &message, s32 operand)
+	{
+		const s32 index = InstructionAt(offsets, offset);
+		if (index >= 0 && std::size_t(index) < program.m_Instructions.size())
+		{
+			const SInstruction &instruction = program.m_Instructions[std::size_t(index)];
+			SLocation where = instruction.m_Where;
+			if (operand == 0)
+				where = instruction.At(instruction.m_Dst);
+			else if (operand > 0 && u32(operand) <= instruction.m_SourceCount)
+				where = instruction.At(instruction.m_Src[operand - 1]);
+			if (where.m_File != nullptr && where.m_Line != 0)
+				return fmt::format("{}:{}{}: {}: {}", Printable(*where.m_File), where.m_Line, where.m_Column != 0 ? fmt::format(":{}", where.m_Column) : std::string(),
+								   severity, message);
+		}
+		return fmt::format("{}: {}: offset {}: {}", Printable(*program.m_File), severity, offset, message);
+	}
+
+	bool VerifyForRun(const SProgram &program, const std::vector<u8> &bytecode, const CRegisterStorage &registers, bool standardPathRuns)
 	{
 		CBVM::SVerifyProblem problems[kShown];
-		const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(bytecode, size, registers, problems, kShown, CBVM::VerifyFlag_AllowReportedForms);
+		const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(bytecode.data(), u32(bytecode.size()), registers, problems, kShown, CBVM::VerifyFlag_AllowReportedForms);
+		const std::vector<u32> offsets = InstructionOffsets(bytecode);
 		u32 shown = 0;
 		for (u32 i = 0; i < result.Problems() && i < kShown; ++i, ++shown)
 		{
 			const CBVM::SVerifyProblem &problem = problems[i];
+			const bool error = problem.m_Severity == CBVM::VerifySeverity_Error;
 			const bool warnedByChecker = problem.m_Code == CBVM::VerifyError_FloatNegOfConstant || problem.m_Code == CBVM::VerifyError_FloatModOfConstants;
-			if (problem.m_Severity == CBVM::VerifySeverity_Error)
-				Print(file, problem, "error");
-			else if (!warnedByChecker)
-				Print(file, problem, "warning");
+			if (!error && (warnedByChecker || (!standardPathRuns && AboutStandardPath(problem.m_Code))))
+				continue;
+			fmt::print(stderr, "{}\n", InstructionMessage(program, offsets, problem.m_Offset, error ? "error" : "warning", problem.m_Message, OperandOf(problem.m_Code)));
 		}
 		PrintMore(result, shown);
 		return result.Accepted();
@@ -50,7 +87,7 @@ namespace OxVm
 		{
 			const bool error = problems[i].m_Severity == CBVM::VerifySeverity_Error;
 			errors = errors || error;
-			Print(file, problems[i], error ? "error" : "warning");
+			fmt::print(stderr, "{}: {}: offset {}: {}\n", file, error ? "error" : "warning", problems[i].m_Offset, problems[i].m_Message);
 		}
 		PrintMore(result, shown);
 		return !errors;

@@ -47,7 +47,9 @@
 //
 // Verify never reads outside [bytecode, bytecode + size), reads the register table only
 // for slots below slotCount, and reads register storage only for the shift count (the
-// first element of a register whose size was checked). It allocates nothing.
+// first element of a register whose size was checked). It allocates nothing. The walk
+// is linear in the bytecode, except that each shift by a broadcast count register
+// (other than the one before it) scans the program once for writes to the count.
 
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"

@@ -134,7 +134,10 @@ namespace Orvex
 					MathOp::ResolveOperands<MathOp::Path_Standard>(file, *m_Registers, at, wb, ins.m_Op, resolved);
 					MathOp::SResolvedMathOp resolvedLow;
 					MathOp::ResolveOperands<MathOp::Path_Low>(file, *m_Registers, at, wb, ins.m_Op, resolvedLow);
-					const MathOp::ECountKnowledge count = _CountKnowledge(ins);
+					// Only a shift by a broadcast count can take the block path that the count's
+					// value decides; asking for others would make the walk quadratic for nothing.
+					const bool uniformShift = SOp_MathOp::OperatorTraits(ins.m_Op).m_IntKernel == SOp_MathOp::IntKernel_Shift && resolved.m_Stride1 == 0;
+					const MathOp::ECountKnowledge count = uniformShift ? _CountKnowledge(ins) : MathOp::Count_Read;
 					MathOp::KernelChecks</*_OneElement*/ false>(file, ins.m_Op, resolved, count);
 					if (_ReportRegisters(ins, file) && typesOk)
 						_ReportForms(ins, file, count);
@@ -226,15 +229,22 @@ namespace Orvex
 				// What the count of a shift is known to be: its value read now, unless an
 				// instruction of this program may write its bytes (or the register is too
 				// small to read it).
-				MathOp::ECountKnowledge _CountKnowledge(const SInstruction &ins) const
+				MathOp::ECountKnowledge _CountKnowledge(const SInstruction &ins)
 				{
 					if (!ins.HasSrc1())
 						return MathOp::Count_Read;
 					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(ins.m_Src1);
 					const u32 bytes = _TypeInfo(ins.m_Src0).m_Size;
-					if (entry.m_RawData == nullptr || bytes == 0 || entry.m_Size < bytes || _WrittenByProgram(entry.m_RawData, bytes))
+					if (entry.m_RawData == nullptr || bytes == 0 || entry.m_Size < bytes)
 						return MathOp::Count_Unknown;
-					return MathOp::Count_Read;
+					// Shifts by one count register usually come together: the last answer is kept.
+					if (entry.m_RawData != m_CountData || bytes != m_CountBytes)
+					{
+						m_CountData = entry.m_RawData;
+						m_CountBytes = bytes;
+						m_CountWritten = _WrittenByProgram(entry.m_RawData, bytes);
+					}
+					return m_CountWritten ? MathOp::Count_Unknown : MathOp::Count_Read;
 				}
 
 				// Storage and sizes of each distinct register, from the checks of its roles: a
@@ -407,6 +417,10 @@ namespace Orvex
 				u32 m_Capacity;
 				u32 m_Flags;
 				SVerifyResult m_Result;
+				// The last shift count asked about, and whether the program may write it.
+				const void *m_CountData = nullptr;
+				u32 m_CountBytes = 0;
+				bool m_CountWritten = false;
 			};
 		}
 
