@@ -31,8 +31,8 @@ namespace
 		if (!OxVm::ParseProgram(text, "fuzz.oxs", program, diagnostics) || program.m_Stream == 0)
 			return false;
 		for (OxVm::SRegisterDecl &decl : program.m_Registers)
-			if (decl.m_Init.m_Kind == OxVm::Init_Csv)
-				decl.m_Init.m_Kind = OxVm::Init_Zero;
+			if (decl.m_Init != nullptr && decl.m_Init->m_Kind == OxVm::Init_Csv)
+				decl.m_Init->m_Kind = OxVm::Init_Zero;
 		return OxVm::CheckProgram(program, 0, diagnostics);
 	}
 

@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace OxVm
 {
 	using Compiler::IR::CRegID;
@@ -45,34 +47,52 @@ namespace OxVm
 		}
 	}
 
+	u32 EncodeInstruction(const SProgram &program, const SInstruction &instruction, u8 *out)
+	{
+		SOp_MathOp::SDesc desc;
+		desc.m_Op = instruction.m_Op;
+		desc.m_DstReg = IrRegister(program, instruction.m_Dst);
+		desc.m_SrcReg0 = IrRegister(program, instruction.m_Src[0]);
+		desc.m_SrcReg1 = instruction.m_SourceCount > 1 ? IrRegister(program, instruction.m_Src[1]) : CRegID();
+		u8 encoded[CMetaOp_MathOp::IP_Offset];
+		const u32 size = CMetaOp_MathOp::EncodeDescToBytecode(encoded, desc);
+		if (!(instruction.m_Generic && size == CMetaOp_MathOp::kSpecializedSize))
+		{
+			std::copy(encoded, encoded + size, out);
+			return size;
+		}
+		// The generic form of add .. div: opcode 113, the operator byte, then the same registers.
+		out[0] = CBVM::Opcode_MathOp;
+		out[1] = u8(instruction.m_Op);
+		std::copy(encoded + CMetaOp_MathOp::kSpecializedRegistersOffset, encoded + size, out + 2);
+		return CMetaOp_MathOp::kGenericSize;
+	}
+
 	std::vector<u8> Assemble(const SProgram &program)
 	{
 		// Sized once: a program of millions of instructions never holds two copies.
 		std::size_t size = 0;
 		for (const SInstruction &instruction : program.m_Instructions)
 			size += instruction.m_Generic ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::EncodingSize(instruction.m_Op);
-		std::vector<u8> bytecode;
-		bytecode.reserve(size);
+		std::vector<u8> bytecode(size);
+		std::size_t at = 0;
+		for (const SInstruction &instruction : program.m_Instructions)
+			at += EncodeInstruction(program, instruction, bytecode.data() + at);
+		return bytecode;
+	}
+
+	bool AssemblesTo(const SProgram &program, const u8 *bytes, u32 size)
+	{
+		u32 at = 0;
 		for (const SInstruction &instruction : program.m_Instructions)
 		{
-			SOp_MathOp::SDesc desc;
-			desc.m_Op = instruction.m_Op;
-			desc.m_DstReg = IrRegister(program, instruction.m_Dst);
-			desc.m_SrcReg0 = IrRegister(program, instruction.m_Src[0]);
-			desc.m_SrcReg1 = instruction.m_SourceCount > 1 ? IrRegister(program, instruction.m_Src[1]) : CRegID();
-			u8 encoded[CMetaOp_MathOp::IP_Offset];
-			const u32 size = CMetaOp_MathOp::EncodeDescToBytecode(encoded, desc);
-			if (instruction.m_Generic && size == CMetaOp_MathOp::kSpecializedSize)
-			{
-				// The generic form of add .. div: opcode 113, the operator byte, then the same registers.
-				bytecode.push_back(CBVM::Opcode_MathOp);
-				bytecode.push_back(u8(instruction.m_Op));
-				bytecode.insert(bytecode.end(), encoded + CMetaOp_MathOp::kSpecializedRegistersOffset, encoded + size);
-			}
-			else
-				bytecode.insert(bytecode.end(), encoded, encoded + size);
+			u8 encoded[kMaxInstructionBytes];
+			const u32 length = EncodeInstruction(program, instruction, encoded);
+			if (size - at < length || !std::equal(encoded, encoded + length, bytes + at))
+				return false;
+			at += length;
 		}
-		return bytecode;
+		return at == size;
 	}
 
 	std::string DisassembleOne(const u8 *bytecode, u32 offset, const SProgram *program, u32 index)
@@ -94,9 +114,17 @@ namespace OxVm
 		std::string operands = name(desc.m_DstReg, source ? source->m_Dst : SOperand{}) + ", " + name(desc.m_SrcReg0, source ? source->m_Src[0] : SOperand{});
 		if (desc.m_SrcReg1.Valid() || traits.m_ParameterCount > 1)
 			operands += ", " + name(desc.m_SrcReg1, source ? source->m_Src[1] : SOperand{});
+		// (By hand: a listing has millions of these bytes, a format call each costs seconds.)
+		static const char kHex[] = "0123456789abcdef";
 		std::string raw;
+		raw.reserve(3 * size);
 		for (u32 i = 0; i < size; ++i)
-			raw += fmt::format("{}{:02x}", i == 0 ? "" : " ", bytecode[i]);
+		{
+			if (i != 0)
+				raw += ' ';
+			raw += kHex[bytecode[i] >> 4];
+			raw += kHex[bytecode[i] & 15];
+		}
 		return fmt::format("{:<12} {:<44} ; {:06} | {:<41} | {:<9} | {:2} bytes | dst {}", mnemonic, operands, report.m_BytecodeOffset, raw,
 						   CBVM::OpcodeName(report.m_Opcode), report.m_InstructionSize, Compiler::MetaTypeName(report.m_MetaType));
 	}
@@ -174,11 +202,12 @@ namespace OxVm
 			SInstruction instruction;
 			instruction.m_Op = desc.m_Op;
 			instruction.m_Generic = bytecode[offset] == CBVM::Opcode_MathOp && u32(desc.m_Op) < CMetaOp_MathOp::kSpecializedOpCount;
-			instruction.m_Where = SLocation{program.m_File.get(), line, 1};
-			instruction.m_SourceCount = SOp_MathOp::OperatorTraits(desc.m_Op).m_ParameterCount;
+			instruction.m_Line = line;
+			instruction.m_Column = 1;
+			instruction.m_SourceCount = u8(SOp_MathOp::OperatorTraits(desc.m_Op).m_ParameterCount);
 			const CRegID *registers[3] = {&desc.m_DstReg, &desc.m_SrcReg0, &desc.m_SrcReg1};
 			SOperand *operands[3] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
-			for (u32 i = 0; i < 1 + instruction.m_SourceCount; ++i)
+			for (u32 i = 0; i < 1u + instruction.m_SourceCount; ++i)
 			{
 				const u32 bits = registers[i]->Valid() ? u32(registers[i]->m_RawBits) : 0xFFFFFFFFu;
 				s32 index = program.FindByBits(bits);
@@ -193,7 +222,7 @@ namespace OxVm
 					}
 					SRegisterDecl decl;
 					decl.m_Bits = bits;
-					decl.m_Where = instruction.m_Where;
+					decl.m_Where = program.Where(instruction);
 					index = program.Add(std::move(decl));
 				}
 				*operands[i] = SOperand{index, 0};

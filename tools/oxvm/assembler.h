@@ -15,6 +15,12 @@ namespace OxVm
 	// mul and div (14 bytes with ".generic"), 14 bytes for the other operators.
 	std::vector<u8> Assemble(const SProgram &program);
 
+	// One instruction of a checked program into 'out' (kMaxInstructionBytes); its size.
+	constexpr u32 kMaxInstructionBytes = CMetaOp_MathOp::kGenericSize;
+	u32 EncodeInstruction(const SProgram &program, const SInstruction &instruction, u8 *out);
+	// Whether the program assembles to exactly these bytes (without assembling a copy).
+	bool AssemblesTo(const SProgram &program, const u8 *bytes, u32 size);
+
 	struct SDisassembly
 	{
 		std::string m_Text;			// what was decoded, as assembler text

@@ -47,11 +47,20 @@ namespace OxVm
 			return true;
 		}
 
+		// The first kListed instructions: a listing of a million lines would bury the
+		// results (and take longer to print than the run); disasm lists them all.
+		constexpr u32 kListed = 1000;
+
 		void PrintListing(const SProgram &program, const std::vector<u8> &bytecode)
 		{
 			u32 index = 0;
-			for (u32 offset : InstructionOffsets(bytecode))
-				fmt::print("  {}\n", DisassembleOne(bytecode.data() + offset, offset, &program, index++));
+			for (u32 offset = 0; offset < bytecode.size() && index < kListed; ++index)
+			{
+				fmt::print("  {}\n", DisassembleOne(bytecode.data() + offset, offset, &program, index));
+				offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+			}
+			if (program.m_Instructions.size() > kListed)
+				fmt::print("  ... and {} more instructions (oxvm disasm lists them all)\n", program.m_Instructions.size() - kListed);
 		}
 
 		std::string Bytes(double bytes)
@@ -137,7 +146,8 @@ namespace OxVm
 		}
 		// The CSV values are in the registers now: not held twice through the run.
 		for (SRegisterDecl &decl : program.m_Registers)
-			std::vector<u32>().swap(decl.m_Init.m_CsvWords);
+			if (decl.m_Init != nullptr)
+				std::vector<u32>().swap(decl.m_Init->m_CsvWords);
 		// The VM's own verifier, against the register file the program runs on.
 		if (!VerifyForRun(program, bytecode, file.Storage(), standardPathRuns))
 			return Exit_BadInput;

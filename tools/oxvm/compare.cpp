@@ -78,7 +78,7 @@ namespace OxVm
 						continue;
 					if (report.m_UndocumentedWords++ < kListed)
 						fmt::print(out, "  DIFFERENCE frame {} instruction {} (line {}): register {} element {} component {}: standard {:#010x} ({}), low {:#010x} ({})\n", frame, i,
-								   source.m_Where.m_Line, program.RegisterText(dst), w / components, w % components, a[w], FormatWord(a[w], valueKind), b[w], FormatWord(b[w], valueKind));
+								   source.m_Line, program.RegisterText(dst), w / components, w % components, a[w], FormatWord(a[w], valueKind), b[w], FormatWord(b[w], valueKind));
 				}
 				if (differing == 0)
 					continue;
@@ -97,7 +97,7 @@ namespace OxVm
 		if (report.m_UndocumentedWords > kListed)
 			fmt::print(out, "  ... and {} more differing words\n", report.m_UndocumentedWords - kListed);
 		for (const auto &[index, entry] : documented)
-			fmt::print(out, "  documented: instruction {} (line {}) `{}`: {}: {} words in {} frame{}\n", index, program.m_Instructions[index].m_Where.m_Line,
+			fmt::print(out, "  documented: instruction {} (line {}) `{}`: {}: {} words in {} frame{}\n", index, program.m_Instructions[index].m_Line,
 					   SOp_MathOp::OperatorTraits(program.m_Instructions[index].m_Op).m_Name, CBVM::PathDifferenceName(entry.m_Kind), entry.m_Words, entry.m_Frames,
 					   entry.m_Frames == 1 ? "" : "s");
 		return report;

@@ -58,10 +58,11 @@ namespace OxVm
 		u32 m_Bits = 0;				// CVMRegID raw bits: slot, bank, type
 		u32 m_DeclaredCount = 0;	// [N]; 0: the default (the stream for per-element banks, else 1)
 		u32 m_Count = 0;			// elements allocated: set by CheckProgram
-		SInitialiser m_Init;
+		std::unique_ptr<SInitialiser> m_Init;	// null: zero-filled (most registers: not paid for)
 		SLocation m_Where;
 		std::string m_Text;			// the declaration as written, comment removed
 
+		const SInitialiser &Init() const;	// a zero initialiser when m_Init is null
 		Compiler::EMetaType Bank() const { return RawBank(m_Bits); }
 		u32 Slot() const { return RawSlot(m_Bits); }
 		EBaseTypeID Type() const { return RawType(m_Bits); }
@@ -76,16 +77,16 @@ namespace OxVm
 		u32 m_Column = 0;
 	};
 
+	// 36 bytes: a program holds millions. Its place in the file: SProgram::Where and At.
 	struct SInstruction
 	{
 		Compiler::IR::SOp_MathOp::EOp m_Op = Compiler::IR::SOp_MathOp::__MaxOps;
 		bool m_Generic = false;		// ".generic": the 14-byte form even for add .. div
-		SLocation m_Where;			// the mnemonic
+		u8 m_SourceCount = 0;
+		u32 m_Line = 0;				// of the mnemonic
+		u32 m_Column = 0;
 		SOperand m_Dst;
 		SOperand m_Src[2];
-		u32 m_SourceCount = 0;
-
-		SLocation At(const SOperand &operand) const { return SLocation{m_Where.m_File, m_Where.m_Line, operand.m_Column}; }
 	};
 
 	struct SProgram
@@ -111,9 +112,15 @@ namespace OxVm
 		// Name, or the inline form "bank.slot:type".
 		std::string RegisterText(s32 index) const;
 
+		// Where an instruction is (its mnemonic), and where one of its operands is.
+		SLocation Where(const SInstruction &instruction) const { return SLocation{m_File.get(), instruction.m_Line, instruction.m_Column}; }
+		SLocation At(const SInstruction &instruction, const SOperand &operand) const { return SLocation{m_File.get(), instruction.m_Line, operand.m_Column}; }
+
 	private:
 		std::unordered_map<std::string_view, s32> m_ByName;	// views of the registers' m_Name
-		std::unordered_map<u32, s32> m_ByPlace;				// bank and slot bits (the type masked off)
+		// Bank and slot bits (the type masked off) -> the register's bits and index: the
+		// bits are here so that FindByBits reads the table only, not the register.
+		std::unordered_map<u32, std::pair<u32, s32>> m_ByPlace;
 	};
 
 	// Inline form of any register id: "stream.3:float3"; "-" for the invalid id and

@@ -67,7 +67,7 @@ namespace OxVm
 																  u64(decl.m_Count) * ElementSize(type.m_Type), kMaxRegisterBytes));
 					return;
 				}
-				const SInitialiser &init = decl.m_Init;
+				const SInitialiser &init = decl.Init();
 				if (init.m_Kind == Init_Literal && init.m_Words.size() > 1 && init.m_Words.size() / type.m_Components > decl.m_Count)
 					m_Diagnostics.Error(init.m_Where, fmt::format("{} values make {} elements; register {} holds {}", init.m_Words.size(),
 																  init.m_Words.size() / type.m_Components, Quoted(m_Program, index), decl.m_Count));
@@ -101,7 +101,7 @@ namespace OxVm
 			// and no more.
 			void _Csv(SRegisterDecl &decl, s32 index, const STypeInfo &type)
 			{
-				SInitialiser &init = decl.m_Init;
+				SInitialiser &init = *decl.m_Init;	// (a csv() initialiser)
 				const bool asWritten = init.m_CsvPath[0] == '/' || m_Program.m_Folder == ".";
 				const std::string *file = _CsvName(asWritten ? init.m_CsvPath : m_Program.m_Folder + "/" + init.m_CsvPath);
 				CCsvReader reader;
@@ -243,26 +243,26 @@ namespace OxVm
 				const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(instruction.m_Op);
 
 				if (s1 >= 0 && p.m_Registers[std::size_t(s1)].Type() != src0.Type())
-					m_Diagnostics.Error(instruction.At(instruction.m_Src[1]), fmt::format("source types differ: {} is {}, {} is {}", Quoted(p, s0), BaseTypeName(src0.Type()),
+					m_Diagnostics.Error(p.At(instruction, instruction.m_Src[1]), fmt::format("source types differ: {} is {}, {} is {}", Quoted(p, s0), BaseTypeName(src0.Type()),
 																				   Quoted(p, s1), BaseTypeName(p.m_Registers[std::size_t(s1)].Type())));
 				if (!traits.FloatSupported() && type.m_Kind == ElementKind_Float)
-					m_Diagnostics.Error(instruction.m_Where, fmt::format("'{}' is a bitwise operator: it takes int and bool operands, {} is {}", traits.m_Name, Quoted(p, s0), BaseTypeName(src0.Type())));
+					m_Diagnostics.Error(p.Where(instruction), fmt::format("'{}' is a bitwise operator: it takes int and bool operands, {} is {}", traits.m_Name, Quoted(p, s0), BaseTypeName(src0.Type())));
 
 				const bool comparison = instruction.m_Op >= SOp_MathOp::Op_Cmp_Lower;
 				if (dst.Type() != src0.Type() && !(comparison && dst.Type() == BoolType(type.m_Components)))
-					m_Diagnostics.Error(instruction.At(instruction.m_Dst), fmt::format("destination {} is {}; '{}' of {} operands writes {}{}", Quoted(p, d), BaseTypeName(dst.Type()), traits.m_Name,
+					m_Diagnostics.Error(p.At(instruction, instruction.m_Dst), fmt::format("destination {} is {}; '{}' of {} operands writes {}{}", Quoted(p, d), BaseTypeName(dst.Type()), traits.m_Name,
 																			   BaseTypeName(src0.Type()), BaseTypeName(src0.Type()),
 																			   comparison ? fmt::format(" or {}", BaseTypeName(BoolType(type.m_Components))) : std::string()));
 
 				const u32 evalCount = IsPerElement(dst.Bank()) ? m_Elements : 1;
 				if (IsPerElement(dst.Bank()) && dst.m_Count < m_Elements)
-					m_Diagnostics.Error(instruction.At(instruction.m_Dst), fmt::format("register {} holds {} elements, too small for a stream of {}", Quoted(p, d), dst.m_Count, m_Elements));
+					m_Diagnostics.Error(p.At(instruction, instruction.m_Dst), fmt::format("register {} holds {} elements, too small for a stream of {}", Quoted(p, d), dst.m_Count, m_Elements));
 				for (u32 i = 0; i < instruction.m_SourceCount; ++i)
 				{
 					const s32 s = instruction.m_Src[i].m_Register;
 					const SRegisterDecl &src = p.m_Registers[std::size_t(s)];
 					if (IsPerElement(src.Bank()) && src.m_Count < evalCount)
-						m_Diagnostics.Error(instruction.At(instruction.m_Src[i]), fmt::format("register {} holds {} elements, too small: this instruction reads {}", Quoted(p, s), src.m_Count, evalCount));
+						m_Diagnostics.Error(p.At(instruction, instruction.m_Src[i]), fmt::format("register {} holds {} elements, too small: this instruction reads {}", Quoted(p, s), src.m_Count, evalCount));
 				}
 				_Warnings(instruction, evalCount, type);
 			}
@@ -277,10 +277,10 @@ namespace OxVm
 				const bool constant0 = !IsPerElement(m_Program.m_Registers[std::size_t(instruction.m_Src[0].m_Register)].Bank());
 				const bool constant1 = instruction.m_SourceCount > 1 && !IsPerElement(m_Program.m_Registers[std::size_t(instruction.m_Src[1].m_Register)].Bank());
 				if (instruction.m_Op == SOp_MathOp::Op_Neg && constant0)
-					m_Diagnostics.Warning(instruction.m_Where, "float 'neg' of a constant into a stream is refused by the standard path (nothing written); "
+					m_Diagnostics.Warning(m_Program.Where(instruction), "float 'neg' of a constant into a stream is refused by the standard path (nothing written); "
 															   "negate into a constant register, or use 'sub' from zero");
 				if (instruction.m_Op == SOp_MathOp::Op_Mod && constant0 && constant1)
-					m_Diagnostics.Warning(instruction.m_Where, "float 'mod' of two constants into a stream is reported by the standard path; compute it into a constant register");
+					m_Diagnostics.Warning(m_Program.Where(instruction), "float 'mod' of two constants into a stream is reported by the standard path; compute it into a constant register");
 			}
 
 		public:

@@ -30,8 +30,7 @@ namespace OxVm
 				return false;
 			// The program runs as the assembler writes it: bytes it never writes (a non-zero
 			// unused operand, say) are refused rather than silently changed.
-			const std::vector<u8> again = Assemble(program);
-			if (std::string(again.begin(), again.end()) != bytes)
+			if (!AssemblesTo(program, reinterpret_cast<const u8 *>(bytes.data()), u32(bytes.size())))
 			{
 				fmt::print(stderr, "{}: error: this bytecode has encodings the assembler never writes (see oxvm disasm); run the program text instead\n", Printable(name));
 				return false;

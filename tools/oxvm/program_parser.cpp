@@ -85,11 +85,11 @@ namespace OxVm
 				for (SInstruction &instruction : m_Program.m_Instructions)
 				{
 					SOperand *operands[3] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
-					for (u32 i = 0; i < 1 + instruction.m_SourceCount; ++i)
+					for (u32 i = 0; i < 1u + instruction.m_SourceCount; ++i)
 					{
 						if (operands[i]->m_Register != kUnresolved)
 							continue;
-						for (; line < instruction.m_Where.m_Line; ++line)
+						for (; line < instruction.m_Line; ++line)
 							lineStart = text.find('\n', lineStart) + 1;
 						const std::size_t lineEnd = std::min(text.find('\n', lineStart), text.size());
 						_Resolve(instruction, *operands[i], WordAt(std::string_view(text).substr(lineStart, lineEnd - lineStart), operands[i]->m_Column));
@@ -269,7 +269,8 @@ namespace OxVm
 				if (!_IsPunct('='))
 					return _ExpectEnd();
 				_Next();
-				return _Initialiser(decl.m_Init, TypeInfo(type));
+				decl.m_Init = std::make_unique<SInitialiser>();
+				return _Initialiser(*decl.m_Init, TypeInfo(type));
 			}
 
 			// Two numbers in parentheses, as ramp() and random() take them. Float arguments
@@ -405,7 +406,8 @@ namespace OxVm
 			{
 				const SToken mnemonic = _Next();
 				SInstruction instruction;
-				instruction.m_Where = _At(mnemonic.m_Column);
+				instruction.m_Line = m_Line;
+				instruction.m_Column = mnemonic.m_Column;
 				std::string_view name = mnemonic.m_Text;
 				const std::size_t dot = name.find('.');
 				if (dot != std::string::npos)
@@ -457,21 +459,23 @@ namespace OxVm
 														  expected == 2 ? "destination, source" : "destination, source0, source1", given));
 					return;
 				}
-				instruction.m_SourceCount = expected - 1;
+				instruction.m_SourceCount = u8(expected - 1);
 				m_Program.m_Instructions.push_back(instruction);
 			}
 
 			void _Resolve(const SInstruction &instruction, SOperand &operand, std::string_view word)
 			{
-				operand.m_Register = m_Program.FindByName(word);
-				if (operand.m_Register >= 0 || m_FailedNames.count(word) != 0)
+				// (A name has no '.': an inline register needs no name lookup.)
+				const bool name = word.find('.') == std::string_view::npos;
+				operand.m_Register = name ? m_Program.FindByName(word) : -1;
+				if (operand.m_Register >= 0 || (name && m_FailedNames.count(word) != 0))
 					return;	// a failed declaration was reported at its line
-				m_Line = instruction.m_Where.m_Line;
+				m_Line = instruction.m_Line;
 				u32 bits = 0;
 				const std::size_t errorsBefore = m_Diagnostics.ErrorCount();
 				if (!_ParseInline(word, operand.m_Column, bits))
 				{
-					m_Diagnostics.Error(instruction.At(operand), fmt::format("undeclared register {}", Shown(word)));
+					m_Diagnostics.Error(m_Program.At(instruction, operand), fmt::format("undeclared register {}", Shown(word)));
 					return;
 				}
 				if (m_Diagnostics.ErrorCount() != errorsBefore)
@@ -481,7 +485,7 @@ namespace OxVm
 					return;
 				SRegisterDecl decl;	// first use of an inline register declares it, zero-filled
 				decl.m_Bits = bits;
-				decl.m_Where = instruction.At(operand);
+				decl.m_Where = m_Program.At(instruction, operand);
 				operand.m_Register = _Declare(std::move(decl));
 			}
 
@@ -517,14 +521,14 @@ namespace OxVm
 
 	s32 SProgram::FindByBits(u32 bits) const
 	{
-		const s32 placed = FindByPlace(bits);
-		return placed >= 0 && m_Registers[std::size_t(placed)].m_Bits == bits ? placed : -1;
+		const auto found = m_ByPlace.find(PlaceOf(bits));
+		return found != m_ByPlace.end() && found->second.first == bits ? found->second.second : -1;
 	}
 
 	s32 SProgram::FindByPlace(u32 bits) const
 	{
 		const auto found = m_ByPlace.find(PlaceOf(bits));
-		return found != m_ByPlace.end() ? found->second : -1;
+		return found != m_ByPlace.end() ? found->second.second : -1;
 	}
 
 	s32 SProgram::FindByName(std::string_view name) const
@@ -540,8 +544,14 @@ namespace OxVm
 		const SRegisterDecl &added = m_Registers.back();
 		if (!added.m_Name.empty())
 			m_ByName.emplace(added.m_Name, index);
-		m_ByPlace.emplace(PlaceOf(added.m_Bits), index);
+		m_ByPlace.emplace(PlaceOf(added.m_Bits), std::make_pair(added.m_Bits, index));
 		return index;
+	}
+
+	const SInitialiser &SRegisterDecl::Init() const
+	{
+		static const SInitialiser kZero;
+		return m_Init != nullptr ? *m_Init : kZero;
 	}
 
 	std::string SProgram::RegisterText(s32 index) const

@@ -38,7 +38,7 @@ namespace OxVm
 		{
 			const STypeInfo type = TypeInfo(decl.Type());
 			const std::size_t count = std::size_t(decl.m_Count) * type.m_Components;
-			const SInitialiser &init = decl.m_Init;
+			const SInitialiser &init = decl.Init();
 			const bool isFloat = type.m_Kind == ElementKind_Float;
 			for (std::size_t w = 0; w < count; ++w)
 			{

@@ -46,11 +46,11 @@ namespace OxVm
 		if (index >= 0 && std::size_t(index) < program.m_Instructions.size())
 		{
 			const SInstruction &instruction = program.m_Instructions[std::size_t(index)];
-			SLocation where = instruction.m_Where;
+			SLocation where = program.Where(instruction);
 			if (operand == 0)
-				where = instruction.At(instruction.m_Dst);
+				where = program.At(instruction, instruction.m_Dst);
 			else if (operand > 0 && u32(operand) <= instruction.m_SourceCount)
-				where = instruction.At(instruction.m_Src[operand - 1]);
+				where = program.At(instruction, instruction.m_Src[operand - 1]);
 			if (where.m_File != nullptr && where.m_Line != 0)
 				return fmt::format("{}:{}{}: {}: {}", Printable(*where.m_File), where.m_Line, where.m_Column != 0 ? fmt::format(":{}", where.m_Column) : std::string(),
 								   severity, message);
