@@ -61,6 +61,12 @@ namespace Orvex
 		// The type field: type + 1, the index of the type table (kBaseTypes).
 		static constexpr u32 TypeFieldOf(u32 bits) { return (bits >> Compiler::IR::CRegID::RegisterTypeShift) & Compiler::IR::CRegID::RegisterTypeMask; }
 		static constexpr EBaseTypeID TypeOf(u32 bits) { return EBaseTypeID(s32(TypeFieldOf(bits)) - 1); }
+		// The same id at another slot (a batch plan renumbers the slots a program uses).
+		static constexpr u32 WithSlot(u32 bits, u32 slot)
+		{
+			return (bits & ~(u32(Compiler::IR::CRegID::RegisterSlotMask) << Compiler::IR::CRegID::RegisterSlotShift)) |
+				   ((slot & Compiler::IR::CRegID::RegisterSlotMask) << Compiler::IR::CRegID::RegisterSlotShift);
+		}
 
 		u32 Bits() const { return u32(m_RawBits); }
 		bool Valid() const { return Bits() != kInvalidBits; }

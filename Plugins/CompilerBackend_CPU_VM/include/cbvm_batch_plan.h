@@ -1,0 +1,145 @@
+#pragma once
+// How a math-op program runs in batches of elements: the plan, built once per program
+// and register file (CBatchRunner runs it).
+//
+// The interpreter runs each instruction over the whole stream before the next: every
+// instruction streams its registers through memory again. A batched run takes
+// elements [begin, end) of every Instance and Stream register through the whole
+// program, then the next batch, so that a batch's operands stay in the first-level
+// cache from one instruction to the next; batches are independent, so they may run on
+// several threads. The results are the whole-stream run's, bit for bit, for every
+// program the plan accepts:
+//   - per-element instructions (an Instance or Stream destination) run in program
+//     order in every batch, through the unchanged entry points, on a register table
+//     whose Instance and Stream entries point at the batch's elements;
+//   - one-element instructions (a Constant or Normal destination) whose sources are
+//     all one-element run once, before the batches, in program order ("hoisted").
+// A program is refused (it then runs whole-stream) when batching could change a word:
+//   - a one-element instruction reads an Instance or Stream source (it reads element
+//     0 of the whole stream, which a batch would move);
+//   - a one-element instruction writes a register that an earlier per-element
+//     instruction reads (hoisted, it would run before that read);
+//   - storage of the program's per-element registers overlaps other than exactly (the
+//     same address and element size), or a one-element destination overlaps one
+//     (judged by storage bytes, not by slot and bank);
+//   - a per-element register holds fewer elements than the stream;
+//   - the bytecode does not decode, or names a register outside the table (verify it
+//     first: the plan is no verifier).
+// Reason() says which, in a sentence a host can log.
+//
+// Batches are multiples of kBatchGranule elements: a batch boundary never splits a
+// vector or an integer block of any kernel, so only the last batch has a tail, and
+// every batch of 32-byte aligned storage starts 32-byte aligned. The last batch takes
+// the elements left, at least two (a single one joins the batch before it: evaluating
+// one element, an instruction reads its one-value sources as streams, which can pick
+// another kernel). The default size keeps a batch's per-element registers within
+// kCacheBudgetBytes.
+//
+// Build allocates (the plan owns a rewritten copy of the bytecode); running it does not.
+
+#include "cbvm_meta_ops.h"
+#include "cbvm_registers.h"
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+namespace Orvex
+{
+	class CRegisterStorage;
+
+	namespace CBVM
+	{
+		enum EBatchRefusal : u8
+		{
+			BatchRefusal_None = 0,
+			BatchRefusal_Undecodable,			// an opcode, operator or register id the plan cannot follow
+			BatchRefusal_OneElementReadsStream,	// a one-element instruction reads an Instance or Stream source
+			BatchRefusal_WrittenAfterRead,		// a one-element instruction writes what an earlier per-element one reads
+			BatchRefusal_OverlappingStorage,	// storage overlaps other than exactly
+			BatchRefusal_ShortRegister,			// a per-element register holds fewer elements than the stream
+			__MaxBatchRefusals
+		};
+
+		// "one-element instruction reads a per-element source", ...; "?" outside the enumeration.
+		const char *BatchRefusalName(EBatchRefusal refusal);
+
+		struct CBatchRunnerAccess;
+
+		class CBatchPlan
+		{
+		public:
+			// Elements a batch boundary is a multiple of: 4 floats and the 12-integer
+			// blocks divide 48 x every component count, and 48 elements of 4 to 16 bytes
+			// are a multiple of 32 bytes.
+			static constexpr u32 kBatchGranule = 48;
+			// Per-element bytes of a default batch: most of a 48 KiB first-level cache,
+			// leaving room for the bytecode, the table and the stack.
+			static constexpr u32 kCacheBudgetBytes = 32 * 1024;
+			static constexpr u32 kDefaultBatch = ~0u;	// Build's batchElements: the size chosen from the program
+
+			CBatchPlan() = default;
+			CBatchPlan(const CBatchPlan &) = delete;
+			CBatchPlan &operator=(const CBatchPlan &) = delete;
+
+			// Plans 'bytecode' (verified) over the register file as it is now (its table,
+			// storage and m_StreamDimensions; slotCount entries of 4 banks). batchElements:
+			// kDefaultBatch, 0 (whole stream), or a size (rounded up to kBatchGranule).
+			// Returns Batched(). Rebuild after the host changes the table or the stream size.
+			bool Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements = kDefaultBatch);
+			bool Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements = kDefaultBatch);
+
+			// True when the run goes in batches; false when it runs whole-stream: refused
+			// (Refusal() != None), batch size 0, or a stream that fits one batch.
+			bool Batched() const { return m_Batched; }
+			EBatchRefusal Refusal() const { return m_Refusal; }
+			// Why the run is whole-stream, or how it is batched: one sentence.
+			const char *Reason() const { return m_Reason; }
+			u32 BatchElements() const { return m_BatchElements; }
+			u32 BatchCount() const { return m_BatchCount; }
+			u32 StreamElements() const { return m_Stream; }
+			u32 HoistedInstructions() const { return m_HoistedCount; }
+			// Bytes of per-element registers per element (what the default batch divides).
+			u32 BytesPerElement() const { return m_BytesPerElement; }
+			// Offset in the planned bytecode of the instruction at 'offset' of the code that
+			// runs (the hoisted code, then the batch code): the instruction pointer a host
+			// sees during a batched run is an offset of the code it runs.
+			u32 SourceOffset(bool hoisted, u32 offset) const;
+
+		private:
+			friend class CBatchRunner;
+			friend struct CBatchRunnerAccess;
+
+			// One entry of a batch's register table: the planned file's entry, moved by
+			// begin x m_ElementSize bytes for a per-element one (m_ElementSize 0: as is).
+			struct SEntryPlan
+			{
+				u32 m_Source;		// index in the planned file's table
+				u32 m_ElementSize;
+			};
+
+			void _Refuse(EBatchRefusal refusal, const char *format, ...);
+
+			bool m_Batched = false;
+			EBatchRefusal m_Refusal = BatchRefusal_None;
+			const CCBCPUMetaRegisters::SRegister *m_Table = nullptr;	// the planned file's table
+			char m_Reason[256] = "not planned";
+			u32 m_Stream = 0;
+			u32 m_BatchElements = 0;
+			u32 m_BatchCount = 0;
+			u32 m_HoistedCount = 0;
+			u32 m_BytesPerElement = 0;
+			std::vector<u8> m_Whole;		// the planned bytecode, as given (a whole-stream run)
+			std::vector<u8> m_Hoisted;		// one-element instructions, as given
+			std::vector<u8> m_Batch;		// per-element instructions, registers renumbered into m_Entries
+			std::vector<u32> m_HoistedOffsets, m_BatchOffsets;	// each instruction's offset in m_Whole
+			std::vector<SEntryPlan> m_Entries;	// 4 per renumbered slot
+			// Tables of batch runs whose table is too large for the stack: one per hardware
+			// thread (at most 64), taken and given back without a lock (a free bit each).
+			static constexpr u32 kStackEntries = 256;
+			u32 m_PoolTables = 0;
+			mutable std::unique_ptr<CCBCPUMetaRegisters::SRegister[]> m_Pool;
+			mutable std::atomic<u64> m_PoolFree{0};
+		};
+	}
+}

@@ -1,0 +1,460 @@
+// Batched runs (CBatchPlan, CBatchRunner) against the whole-stream run: random programs
+// of every operator and type, one-element and per-element instructions mixed, constants
+// written by the program, in-place and aliased registers, stream sizes around batch
+// boundaries, run whole-stream, in batches on one thread and in batches on several
+// threads, every register word compared; and each rule of the plan, refused with its
+// reason.
+
+#include "cbvm_batch_runner.h"
+#include "cbvm_register_storage.h"
+#include "cbvm_verifier.h"
+#include "bytecode_builder.h"
+#include "seeded_random.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+	using namespace Orvex;
+	using Compiler::EMetaType;
+	using Compiler::MetaType_Constant;
+	using Compiler::MetaType_Instance;
+	using Compiler::MetaType_Normal;
+	using Compiler::MetaType_Stream;
+	using Compiler::IR::SOp_MathOp;
+	using CBVM::CBatchPlan;
+	using CBVM::CBatchRunner;
+
+	// A parallel-for over std::threads: 'threads' workers take chunks of 'chunk' batches
+	// from a shared counter (so that the batches of one run land on different threads in
+	// an order that changes from run to run).
+	struct SThreads
+	{
+		u32 m_Threads;
+		u32 m_Chunk;
+
+		static void For(void *host, u32 count, CBVM::SParallelFor::FnBody body, void *context)
+		{
+			const SThreads &self = *static_cast<const SThreads *>(host);
+			std::atomic<u32> next{0};
+			auto work = [&]() {
+				for (;;)
+				{
+					const u32 begin = next.fetch_add(self.m_Chunk);
+					if (begin >= count)
+						return;
+					body(context, begin, std::min(count, begin + self.m_Chunk));
+				}
+			};
+			std::vector<std::thread> workers;
+			for (u32 t = 1; t < self.m_Threads; ++t)
+				workers.emplace_back(work);
+			work();
+			for (std::thread &worker : workers)
+				worker.join();
+		}
+
+		CBVM::SParallelFor ParallelFor() { return CBVM::SParallelFor{&SThreads::For, this}; }
+	};
+
+	constexpr EBaseTypeID kTypes[] = {BaseType_Float, BaseType_Float2, BaseType_Float3, BaseType_Float4, BaseType_Quaternion, BaseType_I32,  BaseType_Int2,
+									  BaseType_Int3,  BaseType_Int4,   BaseType_Bool,   BaseType_Bool2,  BaseType_Bool3,      BaseType_Bool4};
+	constexpr EMetaType kBanks[] = {MetaType_Constant, MetaType_Normal, MetaType_Instance, MetaType_Stream};
+
+	bool IsFloat(EBaseTypeID type) { return BaseTypeInfo(type).m_Kind == ElementKind_Float; }
+	u32 Components(EBaseTypeID type) { return BaseTypeInfo(type).m_Components; }
+	EBaseTypeID BoolOf(u32 components) { return EBaseTypeID(BaseType_Bool + s32(components) - 1); }
+
+	// The draws of one register file (quiet: a file is drawn again from its seed for
+	// each run it is compared in).
+	struct SDraw
+	{
+		std::mt19937 m_Engine;
+		explicit SDraw(u32 seed) : m_Engine(seed) {}
+		u32 operator()() { return m_Engine(); }
+		u32 Uniform(std::size_t n) { return std::uniform_int_distribution<u32>(0, u32(n - 1))(m_Engine); }
+		float UniformFloat(float low, float high) { return std::uniform_real_distribution<float>(low, high)(m_Engine); }
+	};
+
+	// A register file of 'slots' slots: every (slot, bank) entry holds one type, one
+	// element for Constant and Normal, the stream for Instance and Stream, random words.
+	// In some files one entry views another's storage: an exact alias (same address and
+	// element size), a view shifted by a vector, or a constant inside a stream.
+	struct SFile
+	{
+		CRegisterStorage m_Storage;
+		std::vector<CVMRegID> m_Ids;	// per entry, with its type
+		struct SAlias
+		{
+			CCBCPUMetaRegisters::SRegister *m_Entry;
+			CCBCPUMetaRegisters::SRegister m_Own;
+		};
+		std::vector<SAlias> m_Aliases;	// given back before the storage frees them
+
+		~SFile()
+		{
+			for (const SAlias &alias : m_Aliases)
+				*alias.m_Entry = alias.m_Own;
+		}
+
+		SFile(u32 slots, u32 stream, SDraw &random) : m_Storage(slots)
+		{
+			m_Storage.Registers().m_StreamDimensions = stream;
+			for (u32 slot = 0; slot < slots; ++slot)
+				for (EMetaType bank : kBanks)
+				{
+					const EBaseTypeID type = kTypes[random.Uniform(std::size(kTypes))];
+					const CVMRegID id = CVMRegID::Build(slot, bank, type);
+					const bool perElement = bank >= MetaType_Instance;
+					EXPECT_TRUE(m_Storage.AllocateElements(id, perElement ? stream : 1));
+					u32 *words = static_cast<u32 *>(m_Storage.Registers().SelectRegister(id).m_RawData);
+					const u32 count = (perElement ? stream : 1) * Components(type);
+					for (u32 w = 0; w < count; ++w)
+						words[w] = RandomWord(type, random);
+					m_Ids.push_back(id);
+				}
+			if (random.Uniform(3) != 0)
+				return;
+			const CVMRegID &viewer = m_Ids[random.Uniform(m_Ids.size())];
+			const CVMRegID &viewed = m_Ids[random.Uniform(m_Ids.size())];
+			if (viewer.ToSlot() == viewed.ToSlot() || viewed.ToBank() < MetaType_Instance)
+				return;
+			CCBCPUMetaRegisters::SRegister &entry = m_Storage.Registers().SelectRegister(viewer);
+			const CCBCPUMetaRegisters::SRegister &target = m_Storage.Registers().SelectRegister(viewed);
+			const u32 shift = viewer.ToBank() >= MetaType_Instance && random.Uniform(2) == 0 ? 32 : 0;
+			if (target.m_Size < shift + entry.m_Size)
+				return;
+			m_Aliases.push_back({&entry, entry});
+			entry = {static_cast<u8 *>(target.m_RawData) + shift, entry.m_Size};
+		}
+
+		static u32 RandomWord(EBaseTypeID type, SDraw &random)
+		{
+			if (IsFloat(type))
+			{
+				float f = random.UniformFloat(-100.0f, 100.0f);
+				if (random.Uniform(16) == 0)
+					f = float(s32(random.Uniform(7)) - 3);	// exact small values: zeros, equal operands
+				u32 word;
+				std::memcpy(&word, &f, 4);
+				return word;
+			}
+			if (BaseTypeInfo(type).m_Kind == ElementKind_Bool)
+				return random.Uniform(2) != 0 ? 0xFFFFFFFFu : 0u;
+			const u32 pick = random.Uniform(8);
+			return pick == 0 ? u32(random.Uniform(40)) : pick == 1 ? 0x80000000u : u32(random()) >> random.Uniform(24);	// shift counts, INT_MIN, any
+		}
+	};
+
+	// Every word of every entry of a file.
+	std::vector<u32> Snapshot(const SFile &file)
+	{
+		std::vector<u32> words;
+		for (const CVMRegID &id : file.m_Ids)
+		{
+			const CCBCPUMetaRegisters::SRegister &entry = file.m_Storage.Registers().SelectRegister(id);
+			const u32 *data = static_cast<const u32 *>(entry.m_RawData);
+			words.insert(words.end(), data, data + entry.m_Size / 4);
+		}
+		return words;
+	}
+
+	// A random verified instruction over the file's entries: a destination of the
+	// sources' type (a comparison may write the bool of the same width), the bitwise
+	// operators on ints and bools only.
+	bool RandomInstruction(const SFile &file, OxTest::CSeededRandom &random, std::vector<u8> &code, bool oneElementOften)
+	{
+		const SOp_MathOp::EOp op = SOp_MathOp::EOp(random.Uniform(SOp_MathOp::__MaxOps));
+		const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(op);
+		// A one-element instruction mostly reads one-element sources (reading a stream is
+		// refused: a few are enough to see that).
+		const bool oneElement = oneElementOften && random.Uniform(3) == 0;
+		const bool oneElementSources = oneElement && random.Uniform(8) != 0;
+		std::vector<CVMRegID> candidates;
+		for (const CVMRegID &id : file.m_Ids)
+			if (!oneElementSources || id.ToBank() < MetaType_Instance)
+				candidates.push_back(id);
+		const CVMRegID src0 = candidates[random.Uniform(candidates.size())];
+		const EBaseTypeID type = src0.ToType();
+		if (IsFloat(type) && !traits.FloatSupported())
+			return false;
+		std::vector<CVMRegID> sameType, destinations;
+		const bool comparison = op >= SOp_MathOp::Op_Cmp_Lower;
+		for (const CVMRegID &id : file.m_Ids)
+		{
+			if (id.ToType() == type && (!oneElementSources || id.ToBank() < MetaType_Instance))
+				sameType.push_back(id);
+			if (id.ToType() == type || (comparison && id.ToType() == BoolOf(Components(type))))
+				destinations.push_back(id);
+		}
+		if (!oneElement && random.Uniform(8) != 0)
+		{
+			// Mostly a per-element destination (a one-element one from a stream is refused).
+			std::vector<CVMRegID> perElement;
+			for (const CVMRegID &id : destinations)
+				if (id.ToBank() >= MetaType_Instance)
+					perElement.push_back(id);
+			if (!perElement.empty())
+				destinations = perElement;
+		}
+		CVMRegID dst = destinations[random.Uniform(destinations.size())];
+		if (random.Uniform(6) == 0 && (src0.ToType() == dst.ToType()))
+			dst = src0;	// in place
+		if (oneElement)
+		{
+			// A constant written by the program: a one-element destination from one-element sources.
+			std::vector<CVMRegID> one;
+			for (const CVMRegID &id : destinations)
+				if (id.ToBank() < MetaType_Instance)
+					one.push_back(id);
+			if (!one.empty())
+				dst = one[random.Uniform(one.size())];
+		}
+		const CVMRegID src1 = traits.m_ParameterCount > 1 ? sameType[random.Uniform(sameType.size())] : CVMRegID::INVALID;
+		std::vector<u8> instruction;
+		OxTest::EmitEncoded(instruction, op, dst, src0, src1);
+		if (random.Uniform(4) == 0 && instruction[0] != CBVM::Opcode_MathOp)
+		{
+			instruction.clear();
+			OxTest::EmitRaw(instruction, u32(op), dst.Bits(), src0.Bits(), src1.Bits(), /*generic*/ true);
+		}
+		const CBVM::SVerifyResult verdict = CBVM::CVerifier::Verify(instruction.data(), u32(instruction.size()), file.m_Storage, nullptr, 0, CBVM::VerifyFlag_AllowReportedForms);
+		if (!verdict.Accepted())
+			return false;
+		code.insert(code.end(), instruction.begin(), instruction.end());
+		return true;
+	}
+
+	// Runs 'code' on a copy of the file whole-stream, batched on one thread and batched
+	// on 'threads' threads; false (with the first differing word) when any differs.
+	struct SOutcome
+	{
+		bool m_Batched = false;
+		CBVM::EBatchRefusal m_Refusal = CBVM::BatchRefusal_None;
+		std::string m_Difference;
+	};
+
+	class BatchRunner : public ::testing::Test
+	{
+	protected:
+		void SetUp() override { m_Previous = Assert::SetHandler(&Silent); }
+		void TearDown() override { Assert::SetHandler(m_Previous); }
+		static int Silent(const Assert::SReport &) { return Assert::Answer_Continue; }
+
+		static SOutcome Compare(u32 slots, u32 stream, u32 seed, const std::vector<u8> &code, u32 batch, u32 threads)
+		{
+			SOutcome outcome;
+			std::vector<u32> results[3];
+			for (u32 run = 0; run < 3; ++run)
+			{
+				SDraw random(seed);	// the same file each time
+				SFile file(slots, stream, random);
+				CCompilerBackendCPUProgram_VM program;
+				CRuntimeCPUBindings bindings;
+				SCompilerCPUDebugCtx debug;
+				const CBytecodeExecContext context(&program, bindings, file.m_Storage.Registers(), debug);
+				if (run == 0)
+					CBVM::CInterpreter::Run(context, code.data(), u32(code.size()));
+				else
+				{
+					CBatchPlan plan;
+					plan.Build(code.data(), u32(code.size()), file.m_Storage, batch);
+					outcome.m_Batched = plan.Batched();
+					outcome.m_Refusal = plan.Refusal();
+					SThreads pool{threads, 2};
+					const CBVM::SBatchRunResult result = CBatchRunner::Run(plan, context, CBVM::ExecPath_Standard, run == 2 ? pool.ParallelFor() : CBVM::SParallelFor());
+					EXPECT_EQ(result.m_Run.m_Status, CBVM::RunStatus_Ok);
+					EXPECT_EQ(result.m_Batched, plan.Batched());
+				}
+				results[run] = Snapshot(file);
+			}
+			for (u32 run = 1; run < 3 && outcome.m_Difference.empty(); ++run)
+				for (std::size_t w = 0; w < results[0].size(); ++w)
+					if (results[run][w] != results[0][w])
+					{
+						outcome.m_Difference = std::string(run == 1 ? "one thread" : "threads") + ": word " + std::to_string(w) + " whole " + std::to_string(results[0][w]) + " batched " +
+											   std::to_string(results[run][w]);
+						break;
+					}
+			return outcome;
+		}
+
+		Assert::FnHandler m_Previous = nullptr;
+	};
+
+	TEST_F(BatchRunner, RandomProgramsGiveTheWholeStreamWords)
+	{
+		OxTest::CSeededRandom random(20261124);
+		const u32 streams[] = {50, 95, 96, 97, 143, 144, 145, 193, 241, 481};
+		u32 batchedPrograms = 0, refusals[CBVM::__MaxBatchRefusals] = {};
+		for (u32 n = 0; n < 2000; ++n)
+		{
+			const u32 seed = u32(random());
+			const u32 slots = 2 + random.Uniform(4);
+			const u32 stream = streams[random.Uniform(std::size(streams))];
+			const u32 batch = random.Uniform(3) == 0 ? CBatchPlan::kDefaultBatch : 48 * (1 + random.Uniform(2));
+			std::vector<u8> code;
+			{
+				SDraw fileRandom(seed);
+				SFile file(slots, stream, fileRandom);
+				const bool oneElementOften = random.Uniform(2) == 0;
+				for (u32 tries = 0, count = 0; count < 3 + random.Uniform(10) && tries < 200; ++tries)
+					count += RandomInstruction(file, random, code, oneElementOften) ? 1 : 0;
+			}
+			if (code.empty())
+				continue;
+			const SOutcome outcome = Compare(slots, stream, seed, code, batch, 2 + random.Uniform(3));
+			ASSERT_TRUE(outcome.m_Difference.empty()) << "program " << n << " (file seed " << seed << ", " << slots << " slots, stream " << stream << ", batch " << batch
+													  << "): " << outcome.m_Difference;
+			batchedPrograms += outcome.m_Batched ? 1 : 0;
+			++refusals[outcome.m_Refusal];
+		}
+		// The draws must exercise both: programs that run in batches, and refusals.
+		EXPECT_GT(batchedPrograms, 100u);
+		EXPECT_GT(refusals[CBVM::BatchRefusal_OneElementReadsStream], 10u);
+		EXPECT_GT(refusals[CBVM::BatchRefusal_WrittenAfterRead], 2u);
+		std::printf("batched %u, refused: reads stream %u, written after read %u, overlap %u, short %u\n", batchedPrograms, refusals[CBVM::BatchRefusal_OneElementReadsStream],
+					refusals[CBVM::BatchRefusal_WrittenAfterRead], refusals[CBVM::BatchRefusal_OverlappingStorage], refusals[CBVM::BatchRefusal_ShortRegister]);
+	}
+
+	// Each rule of the plan, on a small file: three float streams (slots 1 to 3), a
+	// float constant in slot 0 and one in slot 4.
+	class BatchPlanRules : public ::testing::Test
+	{
+	protected:
+		static constexpr u32 kStream = 1000;
+
+		void SetUp() override
+		{
+			m_Storage.Registers().m_StreamDimensions = kStream;
+			for (u32 slot = 1; slot <= 3; ++slot)
+				ASSERT_TRUE(m_Storage.AllocateElements(Stream(slot), kStream));
+			ASSERT_TRUE(m_Storage.AllocateElements(Constant(0), 1));
+			ASSERT_TRUE(m_Storage.AllocateElements(Constant(4), 1));
+		}
+		void TearDown() override
+		{
+			if (m_Aliased != nullptr)
+				*m_Aliased = m_Own;
+		}
+
+		static CVMRegID Stream(u32 slot) { return CVMRegID::Build(slot, MetaType_Stream, BaseType_Float3); }
+		static CVMRegID Constant(u32 slot) { return CVMRegID::Build(slot, MetaType_Constant, BaseType_Float3); }
+
+		// Slot 'viewer's stream entry views slot 'viewed's storage from byte 'shift'.
+		void Alias(u32 viewer, u32 viewed, u32 shift)
+		{
+			m_Aliased = &m_Storage.Registers().SelectRegister(Stream(viewer));
+			m_Own = *m_Aliased;
+			const CCBCPUMetaRegisters::SRegister &target = m_Storage.Registers().SelectRegister(Stream(viewed));
+			*m_Aliased = {static_cast<u8 *>(target.m_RawData) + shift, target.m_Size - shift};
+		}
+
+		CBatchPlan &Plan(const std::vector<u8> &code, u32 batch = CBatchPlan::kDefaultBatch)
+		{
+			m_Plan.Build(code.data(), u32(code.size()), m_Storage, batch);
+			return m_Plan;
+		}
+
+		CRegisterStorage m_Storage{5};
+		CCBCPUMetaRegisters::SRegister *m_Aliased = nullptr;
+		CCBCPUMetaRegisters::SRegister m_Own = {};
+		CBatchPlan m_Plan;
+	};
+
+	TEST_F(BatchPlanRules, APlainProgramRunsInBatchesOfTheCacheBudget)
+	{
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Constant(4), Constant(0), Constant(0));	// hoisted
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(1), Stream(1), Stream(2));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(3), Stream(1), Constant(4));
+		const CBatchPlan &plan = Plan(code);
+		ASSERT_TRUE(plan.Batched()) << plan.Reason();
+		// Three float3 streams: 36 bytes an element; 32 KiB / 36 = 910, down to a multiple of 48.
+		EXPECT_EQ(plan.BytesPerElement(), 36u);
+		EXPECT_EQ(plan.BatchElements(), 864u);
+		EXPECT_EQ(plan.BatchCount(), 2u);	// 864 + 136
+		EXPECT_EQ(plan.HoistedInstructions(), 1u);
+		EXPECT_STREQ(plan.Reason(), "batches of 864 elements (2 batches, 36 per-element bytes each), 1 one-element instruction first");
+		EXPECT_EQ(Plan(code, 100).BatchElements(), 144u);	// rounded up to the granule
+		EXPECT_EQ(Plan(code, 100).BatchCount(), 7u);
+		EXPECT_EQ(Plan(code, 0).Batched(), false);
+		EXPECT_STREQ(m_Plan.Reason(), "whole stream: a batch size of 0 was asked");
+		EXPECT_EQ(Plan(code, 960).BatchCount(), 2u);	// 960 + 40
+		EXPECT_EQ(Plan(code, 999).Batched(), false);	// 1008 >= 1000: one batch
+		EXPECT_STREQ(m_Plan.Reason(), "whole stream: 1000 elements fit one batch of 1008");
+	}
+
+	TEST_F(BatchPlanRules, OneElementLeftJoinsTheBatchBeforeIt)
+	{
+		m_Storage.Registers().m_StreamDimensions = 97;	// 48 + 48 + 1
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(1), Stream(1), Stream(2));
+		const CBatchPlan &plan = Plan(code, 48);
+		ASSERT_TRUE(plan.Batched()) << plan.Reason();
+		EXPECT_EQ(plan.BatchCount(), 2u);	// 48, then 49
+		m_Storage.Registers().m_StreamDimensions = 98;
+		EXPECT_EQ(Plan(code, 48).BatchCount(), 3u);	// 48, 48, 2
+	}
+
+	TEST_F(BatchPlanRules, AOneElementInstructionReadingAStreamIsRefused)
+	{
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(1), Stream(1), Stream(2));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Constant(4), Constant(0), Stream(2));
+		const CBatchPlan &plan = Plan(code);
+		EXPECT_FALSE(plan.Batched());
+		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_OneElementReadsStream);
+		EXPECT_STREQ(plan.Reason(), "whole stream: instruction 1 (offset 13) 'add' writes the one-element constant.4:float3 from the per-element stream.2:float3: it reads element 0 of "
+									"the whole stream");
+	}
+
+	TEST_F(BatchPlanRules, AOneElementWriteAfterAPerElementReadIsRefused)
+	{
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(1), Stream(1), Constant(4));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Constant(4), Constant(4), Constant(0));	// k += step, after the streams read k
+		const CBatchPlan &plan = Plan(code);
+		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_WrittenAfterRead);
+		EXPECT_STREQ(plan.Reason(), "whole stream: instruction 1 (offset 13) 'add' writes constant.4:float3, which an earlier per-element instruction reads: it cannot run before the batches");
+		// Before the read, the same write is hoisted.
+		std::vector<u8> before;
+		OxTest::EmitEncoded(before, SOp_MathOp::Op_Add, Constant(4), Constant(4), Constant(0));
+		OxTest::EmitEncoded(before, SOp_MathOp::Op_Mul, Stream(1), Stream(1), Constant(4));
+		EXPECT_TRUE(Plan(before, 96).Batched()) << m_Plan.Reason();
+	}
+
+	TEST_F(BatchPlanRules, StorageSharedOtherThanExactlyIsRefused)
+	{
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(1), Stream(1), Stream(2));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(3), Stream(1), Stream(1));
+		Alias(3, 1, 0);	// the same storage, the same element size: an alias
+		EXPECT_TRUE(Plan(code, 96).Batched()) << m_Plan.Reason();
+		TearDown();
+		m_Aliased = nullptr;
+		m_Storage.Registers().m_StreamDimensions = kStream - 4;
+		Alias(3, 1, 48);	// four elements on: element i of one is i + 4 of the other
+		const CBatchPlan &plan = Plan(code);
+		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_OverlappingStorage);
+		EXPECT_STREQ(plan.Reason(), "whole stream: stream.1:float3 of instruction 1 (offset 13) and stream.3:float3 of instruction 1 (offset 13) share storage other than exactly "
+									"(12- and 12-byte elements)");
+	}
+
+	TEST_F(BatchPlanRules, AShortStreamRegisterIsRefused)
+	{
+		m_Storage.Registers().m_StreamDimensions = kStream + 96;
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(1), Stream(1), Stream(2));
+		const CBatchPlan &plan = Plan(code);
+		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_ShortRegister);
+		EXPECT_NE(std::string(plan.Reason()).find("stream.1:float3 of instruction 0 (offset 0) holds"), std::string::npos) << plan.Reason();
+	}
+}
