@@ -4,7 +4,7 @@
 # As root it uses apt-get; otherwise it says exactly what to install and fails.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libfmt-dev "$@")
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libfmt-dev libtbb-dev "$@")
 
 missing=()
 for package in "${packages[@]}"; do

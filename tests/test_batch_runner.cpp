@@ -1,12 +1,16 @@
 // Batched runs (CBatchPlan, CBatchRunner) against the whole-stream run: random programs
 // of every operator and type, one-element and per-element instructions mixed, constants
 // written by the program, in-place and aliased registers, stream sizes around batch
-// boundaries, run whole-stream, in batches on one thread and in batches on several
-// threads, every register word compared; and each rule of the plan, refused with its
+// boundaries, run whole-stream, in batches on one thread, in batches on several
+// threads (std::threads taking batches in any order, and the oneTBB parallel-for when it
+// is built), every register word compared; and each rule of the plan, refused with its
 // reason.
 
 #include "cbvm_batch_runner.h"
 #include "cbvm_register_storage.h"
+#if OX_HAVE_TBB
+#include "cbvm_tbb_parallel_for.h"
+#endif
 #include "cbvm_verifier.h"
 #include "bytecode_builder.h"
 #include "seeded_random.h"
@@ -19,6 +23,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#ifndef OX_HAVE_TBB
+#define OX_HAVE_TBB 0
+#endif
 
 namespace
 {
@@ -251,8 +259,9 @@ namespace
 		static SOutcome Compare(u32 slots, u32 stream, u32 seed, const std::vector<u8> &code, u32 batch, u32 threads)
 		{
 			SOutcome outcome;
-			std::vector<u32> results[3];
-			for (u32 run = 0; run < 3; ++run)
+			constexpr u32 kRuns = OX_HAVE_TBB ? 4 : 3;
+			std::vector<u32> results[kRuns];
+			for (u32 run = 0; run < kRuns; ++run)
 			{
 				SDraw random(seed);	// the same file each time
 				SFile file(slots, stream, random);
@@ -269,17 +278,24 @@ namespace
 					outcome.m_Batched = plan.Batched();
 					outcome.m_Refusal = plan.Refusal();
 					SThreads pool{threads, 2};
-					const CBVM::SBatchRunResult result = CBatchRunner::Run(plan, context, CBVM::ExecPath_Standard, run == 2 ? pool.ParallelFor() : CBVM::SParallelFor());
+					CBVM::SParallelFor parallel = run == 2 ? pool.ParallelFor() : CBVM::SParallelFor();
+#if OX_HAVE_TBB
+					CBVM::CTbbParallelFor tbb(threads);
+					if (run == 3)
+						parallel = tbb.ParallelFor();
+#endif
+					const CBVM::SBatchRunResult result = CBatchRunner::Run(plan, context, CBVM::ExecPath_Standard, parallel);
 					EXPECT_EQ(result.m_Run.m_Status, CBVM::RunStatus_Ok);
 					EXPECT_EQ(result.m_Batched, plan.Batched());
 				}
 				results[run] = Snapshot(file);
 			}
-			for (u32 run = 1; run < 3 && outcome.m_Difference.empty(); ++run)
+			const char *const names[] = {"whole", "one thread", "threads", "oneTBB"};
+			for (u32 run = 1; run < kRuns && outcome.m_Difference.empty(); ++run)
 				for (std::size_t w = 0; w < results[0].size(); ++w)
 					if (results[run][w] != results[0][w])
 					{
-						outcome.m_Difference = std::string(run == 1 ? "one thread" : "threads") + ": word " + std::to_string(w) + " whole " + std::to_string(results[0][w]) + " batched " +
+						outcome.m_Difference = std::string(names[run]) + ": word " + std::to_string(w) + " whole " + std::to_string(results[0][w]) + " batched " +
 											   std::to_string(results[run][w]);
 						break;
 					}
