@@ -14,6 +14,7 @@
 #include "cbvm_verifier.h"
 #include "bytecode_builder.h"
 #include "seeded_random.h"
+#include "std_parallel_for.h"
 
 #include <gtest/gtest.h>
 
@@ -39,38 +40,6 @@ namespace
 	using Compiler::IR::SOp_MathOp;
 	using CBVM::CBatchPlan;
 	using CBVM::CBatchRunner;
-
-	// A parallel-for over std::threads: 'threads' workers take chunks of 'chunk' batches
-	// from a shared counter (so that the batches of one run land on different threads in
-	// an order that changes from run to run).
-	struct SThreads
-	{
-		u32 m_Threads;
-		u32 m_Chunk;
-
-		static void For(void *host, u32 count, CBVM::SParallelFor::FnBody body, void *context)
-		{
-			const SThreads &self = *static_cast<const SThreads *>(host);
-			std::atomic<u32> next{0};
-			auto work = [&]() {
-				for (;;)
-				{
-					const u32 begin = next.fetch_add(self.m_Chunk);
-					if (begin >= count)
-						return;
-					body(context, begin, std::min(count, begin + self.m_Chunk));
-				}
-			};
-			std::vector<std::thread> workers;
-			for (u32 t = 1; t < self.m_Threads; ++t)
-				workers.emplace_back(work);
-			work();
-			for (std::thread &worker : workers)
-				worker.join();
-		}
-
-		CBVM::SParallelFor ParallelFor() { return CBVM::SParallelFor{&SThreads::For, this}; }
-	};
 
 	constexpr EBaseTypeID kTypes[] = {BaseType_Float, BaseType_Float2, BaseType_Float3, BaseType_Float4, BaseType_Quaternion, BaseType_I32,  BaseType_Int2,
 									  BaseType_Int3,  BaseType_Int4,   BaseType_Bool,   BaseType_Bool2,  BaseType_Bool3,      BaseType_Bool4};
@@ -277,7 +246,7 @@ namespace
 					plan.Build(code.data(), u32(code.size()), file.m_Storage, batch);
 					outcome.m_Batched = plan.Batched();
 					outcome.m_Refusal = plan.Refusal();
-					SThreads pool{threads, 2};
+					OxTest::SStdParallelFor pool{threads, 2};
 					CBVM::SParallelFor parallel = run == 2 ? pool.ParallelFor() : CBVM::SParallelFor();
 #if OX_HAVE_TBB
 					CBVM::CTbbParallelFor tbb(threads);

@@ -222,7 +222,8 @@ namespace
 
 	TEST_F(OxvmRun, ProfileShowsEntryPoints)
 	{
-		SOxvmResult result = Oxvm("run --profile --frames 3");
+		// (Whole-stream: a batched run calls each entry point once per batch.)
+		SOxvmResult result = Oxvm("run --profile --frames 3 --batch 0");
 		ASSERT_EQ(result.m_Status, 0);
 		EXPECT_NE(result.m_Out.find("\nprofile:\n"), std::string::npos);
 		// particles.oxs, 3 frames: three adds, two muls and four generic instructions per frame.

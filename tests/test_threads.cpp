@@ -3,10 +3,12 @@
 // those of a single-threaded run of the same path, and nothing may be reported. The
 // ThreadSanitizer build (scripts/sanitize.sh) runs this file on its own.
 
+#include "cbvm_batch_runner.h"
 #include "cbvm_interpreter.h"
 #include "cbvm_register_storage.h"
 #include "cbvm_verifier.h"
 #include "kr_profiler.h"
+#include "std_parallel_for.h"
 #include "test_support.h"
 
 #include <gtest/gtest.h>
@@ -174,5 +176,44 @@ namespace
 				EXPECT_EQ(outcomes[t].m_Hazards[h], expected.m_Hazards[h]) << "thread " << t << " hazard " << h;
 		}
 		EXPECT_EQ(Assert::ReportCount(), reportsBefore);
+	}
+
+	// The program in batches of 48 (517 elements: ten batches and a tail) on several
+	// threads: every word as in the whole-stream run, on both paths, and the hazards the
+	// batches counted on other threads summed into the caller's, as on one thread.
+	TEST(Threads, BatchesOnSeveralThreadsGiveTheWholeStreamWords)
+	{
+		const SProgram program;
+		for (CBVM::EExecPath path : {CBVM::ExecPath_Standard, CBVM::ExecPath_Low})
+		{
+			const SOutcome whole = RunFrames(program, path);
+			SOutcome batched[2];
+			for (u32 run = 0; run < 2; ++run)
+			{
+				CRegisterStorage storage;
+				program.Build(storage);
+				Profiler::CHazards::CurrentThreadHazards().Reset();
+				CBVM::CBatchPlan plan;
+				ASSERT_TRUE(plan.Build(program.m_Code.data(), u32(program.m_Code.size()), storage, 48)) << plan.Reason();
+				CCompilerBackendCPUProgram_VM vmProgram;
+				CRuntimeCPUBindings bindings;
+				SCompilerCPUDebugCtx debugCtx;
+				const CBytecodeExecContext context(&vmProgram, bindings, storage.Registers(), debugCtx);
+				OxTest::SStdParallelFor threads{run == 0 ? 1u : kThreads, 1};
+				for (u32 frame = 0; frame < kFrames; ++frame)
+					EXPECT_EQ(CBVM::CBatchRunner::Run(plan, context, path, threads.ParallelFor()).m_Run.m_Status, CBVM::RunStatus_Ok);
+				for (CVMRegID id : program.m_Registers)
+				{
+					const u32 *words = storage.DataAs<u32>(id);
+					batched[run].m_Words.insert(batched[run].m_Words.end(), words, words + storage.Size(id) / 4);
+				}
+				for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+					batched[run].m_Hazards[h] = Profiler::CHazards::CurrentThreadHazards().Get(Profiler::CHazards::ECounter(h));
+			}
+			EXPECT_EQ(batched[0].m_Words, whole.m_Words) << CBVM::ExecPathName(path);
+			EXPECT_EQ(batched[1].m_Words, whole.m_Words) << CBVM::ExecPathName(path);
+			for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+				EXPECT_EQ(batched[1].m_Hazards[h], batched[0].m_Hazards[h]) << "hazard " << h;
+		}
 	}
 }

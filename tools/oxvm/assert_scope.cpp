@@ -1,5 +1,6 @@
 #include "assert_scope.h"
 
+#include "cbvm_batch_runner.h"
 #include "cbvm_math_op_paths.h"
 #include "runner.h"
 #include "verification.h"
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 namespace OxVm
@@ -51,7 +53,10 @@ namespace OxVm
 			const SAttribution &at = g_Attribution;
 			const bool ownMessage = std::strcmp(report.m_Message, report.m_Expression) != 0;
 			const std::string vmMessage = ownMessage ? report.m_Message : "a check of the VM failed (--verbose shows which)";
-			const s32 index = at.m_Program != nullptr && at.m_Registers != nullptr ? InstructionAt(at.m_Offsets, at.m_Registers->m_InstructionPointer) : -1;
+			// In a batch, the batch's registers hold the instruction pointer (an offset of the
+			// program's bytecode, as in a whole-stream run).
+			const CCBCPUMetaRegisters *current = CBVM::CBatchRunner::CurrentRegisters() != nullptr ? CBVM::CBatchRunner::CurrentRegisters() : at.m_Registers;
+			const s32 index = at.m_Program != nullptr && current != nullptr ? InstructionAt(at.m_Offsets, current->m_InstructionPointer) : -1;
 			if (index < 0 || std::size_t(index) >= at.m_Program->m_Instructions.size())
 				return "oxvm: warning: VM assertion report: " + vmMessage;
 			const u32 offset = at.m_Offsets[std::size_t(index)];
@@ -63,9 +68,13 @@ namespace OxVm
 												  ReportedForm(kind) ? std::string(CBVM::PathDifferenceName(kind)) : vmMessage));
 		}
 
+		// Batches report from several threads: one report is described and printed at a time.
+		std::mutex g_Lock;
+
 		int Counted(const Orvex::Assert::SReport &report)
 		{
 			g_Counted.fetch_add(1);
+			const std::lock_guard<std::mutex> lock(g_Lock);
 			SAttribution &at = g_Attribution;
 			if (at.m_Describing)
 				return Orvex::Assert::Answer_Continue;

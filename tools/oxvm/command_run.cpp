@@ -13,6 +13,12 @@
 #include "runner.h"
 #include "verification.h"
 
+#if OXVM_HAVE_TBB
+#include "cbvm_tbb_parallel_for.h"
+#endif
+
+#include <memory>
+
 #include <fmt/format.h>
 
 #include <chrono>
@@ -154,6 +160,32 @@ namespace OxVm
 		fmt::print("program    {}{}\n", *program.m_File, options.m_Program.empty() ? " (bundled example; see oxvm example)" : "");
 		fmt::print("run        {} path{}, {} elements, {} frame{}, seed {}\n", options.m_Compare ? "standard and low" : CBVM::ExecPathName(path),
 				   options.m_Compare ? "s compared" : "", elements, options.m_Frames, options.m_Frames == 1 ? "" : "s", options.m_Seed);
+		// Batches: planned on the file as it is, on every core the parallel-for has.
+		CBVM::CBatchPlan plan;
+		plan.Build(bytecode.data(), u32(bytecode.size()), file.Storage(), options.m_Batch);
+		CBVM::SParallelFor parallel;
+		u32 threads = 1;
+#if OXVM_HAVE_TBB
+		std::unique_ptr<CBVM::CTbbParallelFor> pool;
+		if (plan.Batched() && options.m_Threads != 1)
+		{
+			pool = std::make_unique<CBVM::CTbbParallelFor>(options.m_Threads);
+			parallel = pool->ParallelFor();
+			threads = pool->Threads();
+		}
+#else
+		const char *noThreads = options.m_Threads != 1 ? " (built without oneTBB: one thread)" : "";
+#endif
+		if (plan.Batched())
+			fmt::print("batching   {}, on {} thread{}{}\n", plan.Reason(), threads, threads == 1 ? "" : "s",
+#if OXVM_HAVE_TBB
+					   ""
+#else
+					   noThreads
+#endif
+			);
+		else
+			fmt::print("batching   none: {}\n", plan.Reason());
 		fmt::print("\n{} instructions, {} bytes of bytecode:\n", program.m_Instructions.size(), bytecode.size());
 		PrintListing(program, bytecode);
 		fmt::print("\n");
@@ -163,8 +195,8 @@ namespace OxVm
 		const Clock::time_point runStarted = Clock::now();
 		if (options.m_Compare)
 		{
-			CRegisterFile low;
-			if (!low.CopyFrom(program, file, error))
+			CRegisterFile low, batched;
+			if (!low.CopyFrom(program, file, error) || (plan.Batched() && !batched.CopyFrom(program, file, error)))
 			{
 				fmt::print(stderr, "oxvm: error: {}\n", error);
 				return Exit_RunFailed;
@@ -174,6 +206,25 @@ namespace OxVm
 			fmt::print("compare    {} words compared, {} documented differences, {}\n", report.m_WordsCompared, report.m_DocumentedWords,
 					   failed ? fmt::format("{} DIFFERING WORDS outside the documented differences", report.m_UndocumentedWords)
 							  : std::string("no difference outside the documented ones"));
+			// The batched run of the standard path against its whole-stream run, word for word
+			// (planned again: a plan belongs to its register file). Not profiled: the profile
+			// is the comparison's.
+			if (plan.Batched())
+			{
+				CBVM::CBatchPlan batchedPlan;
+				batchedPlan.Build(bytecode.data(), u32(bytecode.size()), batched.Storage(), options.m_Batch);
+				SRunOptions run;
+				run.m_Frames = options.m_Frames;
+				run.m_Plan = &batchedPlan;
+				run.m_Parallel = parallel;
+				profiler.SetEnabled(false);
+				RunFrames(bytecode, batched, run);
+				profiler.SetEnabled(options.m_Profile);
+				const u64 differing = CompareFiles(stdout, program, file, batched);
+				failed = failed || differing != 0;
+				fmt::print("batched    {} batches against the whole stream: {}\n", plan.BatchCount(),
+						   differing != 0 ? fmt::format("{} DIFFERING WORDS", differing) : std::string("every word the same"));
+			}
 		}
 		else
 		{
@@ -181,6 +232,8 @@ namespace OxVm
 			run.m_Path = path;
 			run.m_Frames = options.m_Frames;
 			run.m_Progress = &progress;
+			run.m_Plan = &plan;
+			run.m_Parallel = parallel;
 			CCountedAsserts::Running(path, &file.Storage().Registers());
 			const SRunTiming timing = RunFrames(bytecode, file, run);
 			CCountedAsserts::Running(path, nullptr);

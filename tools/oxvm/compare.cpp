@@ -32,6 +32,25 @@ namespace OxVm
 		};
 	}
 
+	u64 CompareFiles(std::FILE *out, const SProgram &program, const CRegisterFile &whole, const CRegisterFile &batched)
+	{
+		u64 differing = 0;
+		for (std::size_t r = 0; r < program.m_Registers.size(); ++r)
+		{
+			const s32 index = s32(r);
+			const STypeInfo type = TypeInfo(program.m_Registers[r].Type());
+			const u32 *a = whole.Words(program, index);
+			const u32 *b = batched.Words(program, index);
+			for (u32 w = 0, count = whole.WordCount(program, index); w < count; ++w)
+				if (a[w] != b[w] && differing++ < kListed)
+					fmt::print(out, "  BATCHED DIFFERENCE: register {} element {} component {}: whole stream {:#010x} ({}), batched {:#010x} ({})\n", program.RegisterText(index),
+							   w / type.m_Components, w % type.m_Components, a[w], FormatWord(a[w], type.m_Kind), b[w], FormatWord(b[w], type.m_Kind));
+		}
+		if (differing > kListed)
+			fmt::print(out, "  ... and {} more differing words\n", differing - kListed);
+		return differing;
+	}
+
 	SCompareReport ComparePaths(std::FILE *out, const SProgram &program, const std::vector<u8> &bytecode, CRegisterFile &standard, CRegisterFile &low, u32 frames)
 	{
 		SCompareReport report;

@@ -24,4 +24,8 @@ namespace OxVm
 	// both NaN is equal (which NaN comes out is not defined). Every other difference is
 	// listed (register, element, component, both values) on 'out'.
 	SCompareReport ComparePaths(std::FILE *out, const SProgram &program, const std::vector<u8> &bytecode, CRegisterFile &standard, CRegisterFile &low, u32 frames);
+
+	// Every word of every register of two files of the program (a whole-stream and a
+	// batched run): the differing ones listed (the first few), their count returned.
+	u64 CompareFiles(std::FILE *out, const SProgram &program, const CRegisterFile &whole, const CRegisterFile &batched);
 }

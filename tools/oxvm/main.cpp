@@ -87,6 +87,12 @@ namespace
 			"run the standard and the low path side by side from the same inputs and list every differing word outside the documented differences (exit 1 if any)");
 		// --compare runs both paths: a --path beside it would be ignored, so it is refused.
 		compare->excludes(runCommand->get_option("--path"));
+		runCommand->add_option("--batch", run.m_Batch,
+			"elements per batch: the program runs over one batch of elements at a time, every instruction, so that the batch stays in the cache "
+			"(a multiple of 48; default: from the program's bytes per element; 0: the whole stream, instruction after instruction). "
+			"A program batching could change refuses and runs whole-stream: the output says why")
+			->check(WholeNumber(0, OxVm::kMaxElements));
+		runCommand->add_option("--threads", run.m_Threads, "threads the batches are spread over (0: every core)")->check(WholeNumber(0, 1024))->capture_default_str();
 		runCommand->add_flag("--strict", run.m_Strict, "fail (exit 1) when the VM reports any assertion");
 		runCommand->add_flag("--verbose", run.m_Verbose,
 			"with each VM assertion report (printed at the program line of the instruction that raised it), also print the VM's check: its expression and its source file and line");

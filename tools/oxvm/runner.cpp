@@ -93,7 +93,8 @@ namespace OxVm
 		const Clock::time_point start = Clock::now();
 		for (u32 frame = 0; frame < options.m_Frames; ++frame)
 		{
-			const CBVM::SRunResult result = CBVM::CInterpreter::Run(context, bytecode.data(), u32(bytecode.size()), options.m_Path);
+			const CBVM::SRunResult result = options.m_Plan != nullptr ? CBVM::CBatchRunner::Run(*options.m_Plan, context, options.m_Path, options.m_Parallel).m_Run
+																		: CBVM::CInterpreter::Run(context, bytecode.data(), u32(bytecode.size()), options.m_Path);
 			if (result.m_Status != CBVM::RunStatus_Ok)
 			{
 				char text[160];

@@ -2,6 +2,7 @@
 // Runs assembled bytecode through the VM's interpreter, frame after frame, and
 // measures it; the progress bar of long set-ups and runs.
 
+#include "cbvm_batch_runner.h"
 #include "cbvm_interpreter.h"
 #include "program.h"
 #include "register_file.h"
@@ -63,6 +64,10 @@ namespace OxVm
 		CBVM::EExecPath m_Path = CBVM::ExecPath_Standard;
 		u32 m_Frames = 1;
 		CProgress *m_Progress = nullptr;	// may show a progress bar (phase "run")
+		// Batches (CBatchRunner; whole-stream when the plan is not batched); null: the
+		// interpreter over the whole stream.
+		const CBVM::CBatchPlan *m_Plan = nullptr;
+		CBVM::SParallelFor m_Parallel;
 	};
 
 	struct SRunTiming

@@ -101,11 +101,6 @@ namespace Orvex
 			u32 HoistedInstructions() const { return m_HoistedCount; }
 			// Bytes of per-element registers per element (what the default batch divides).
 			u32 BytesPerElement() const { return m_BytesPerElement; }
-			// Offset in the planned bytecode of the instruction at 'offset' of the code that
-			// runs (the hoisted code, then the batch code): the instruction pointer a host
-			// sees during a batched run is an offset of the code it runs.
-			u32 SourceOffset(bool hoisted, u32 offset) const;
-
 		private:
 			friend class CBatchRunner;
 			friend struct CBatchRunnerAccess;

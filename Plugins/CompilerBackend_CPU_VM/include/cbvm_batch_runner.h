@@ -42,7 +42,7 @@ namespace Orvex
 
 		struct SBatchRunResult
 		{
-			SRunResult m_Run;			// the first failure (offsets of the planned bytecode), or Ok
+			SRunResult m_Run;			// Ok (a planned program has no opcode the interpreter would stop at), or the whole-stream run's result
 			bool m_Batched = false;		// ran in batches (else whole-stream: plan.Reason())
 			u32 m_Batches = 0;
 			u32 m_Hazards[Profiler::CHazards::__MaxHazards] = {};	// counted by the run on every thread
@@ -54,6 +54,13 @@ namespace Orvex
 			// 'context' must be the register file the plan was built on (same table and
 			// m_StreamDimensions): otherwise the run asserts and goes whole-stream.
 			static SBatchRunResult Run(const CBatchPlan &plan, const CBytecodeExecContext &context, EExecPath path = ExecPath_Standard, const SParallelFor &parallel = SParallelFor());
+
+			// The register file of the batch running on the calling thread (its
+			// m_InstructionPointer is the instruction's offset in the planned bytecode, as in
+			// a whole-stream run), or null outside a batch: for an assertion handler that
+			// wants to know the instruction. Hoisted instructions run on the host's file,
+			// whose m_InstructionPointer they set the same way.
+			static const CCBCPUMetaRegisters *CurrentRegisters();
 		};
 	}
 }

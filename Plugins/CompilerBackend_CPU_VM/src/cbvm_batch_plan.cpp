@@ -117,23 +117,6 @@ namespace Orvex
 			va_end(args);
 		}
 
-		u32 CBatchPlan::SourceOffset(bool hoisted, u32 offset) const
-		{
-			const std::vector<u8> &code = hoisted ? m_Hoisted : m_Batch;
-			const std::vector<u32> &offsets = hoisted ? m_HoistedOffsets : m_BatchOffsets;
-			if (!m_Batched)
-				return offset;
-			// Instructions of the code are in order; find the one starting at 'offset'.
-			u32 at = 0;
-			for (std::size_t i = 0; i < offsets.size() && at <= offset; ++i)
-			{
-				if (at == offset)
-					return offsets[i];
-				at += MathOp::InstructionSize(code[at]);
-			}
-			return offset;
-		}
-
 		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements)
 		{
 			return Build(bytecode, size, storage.Registers(), storage.SlotCount(), batchElements);

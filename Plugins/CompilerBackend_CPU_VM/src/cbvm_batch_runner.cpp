@@ -13,6 +13,23 @@ namespace Orvex
 		{
 			using SRegister = CCBCPUMetaRegisters::SRegister;
 
+			// The registers of the batch running on this thread (CBatchRunner::CurrentRegisters).
+			thread_local const CCBCPUMetaRegisters *t_Current = nullptr;
+
+			// Runs planned code (decoded when the plan was built: every opcode known, every
+			// instruction whole) with each instruction's offset in the planned bytecode as
+			// the instruction pointer, as a whole-stream run would show it.
+			void RunCode(const CBytecodeExecContext &context, const std::vector<u8> &code, const std::vector<u32> &offsets, EExecPath path)
+			{
+				u32 at = 0;
+				for (u32 offset : offsets)
+				{
+					const SEntry &entry = CInterpreter::Entry(path, code[at]);
+					context.m_Registers.m_InstructionPointer = offset;
+					at += entry.m_Exec(context, code.data() + at);
+				}
+			}
+
 			// What every batch of one run shares.
 			struct SBatches
 			{
@@ -21,8 +38,6 @@ namespace Orvex
 				EExecPath m_Path;
 				std::thread::id m_Caller;
 				std::atomic<u32> m_Hazards[Profiler::CHazards::__MaxHazards];	// counted on other threads
-				std::atomic<bool> m_Failed{false};
-				SRunResult m_Failure;	// written once, by the thread that set m_Failed
 			};
 		}
 
@@ -79,12 +94,9 @@ namespace Orvex
 					table[i] = entry.m_ElementSize == 0 || source.m_RawData == nullptr ? source : SRegister{static_cast<u8 *>(source.m_RawData) + skip, source.m_Size - skip};
 				}
 				registers.m_StreamDimensions = count;
-				const SRunResult result = CInterpreter::Run(context, plan.m_Batch.data(), u32(plan.m_Batch.size()), run.m_Path);
-				if (result.m_Status != RunStatus_Ok && !run.m_Failed.exchange(true))
-				{
-					run.m_Failure = result;
-					run.m_Failure.m_Offset = plan.SourceOffset(false, result.m_Offset);
-				}
+				t_Current = &registers;
+				RunCode(context, plan.m_Batch, plan.m_BatchOffsets, run.m_Path);
+				t_Current = nullptr;
 			}
 			if (std::this_thread::get_id() != run.m_Caller)
 				for (u32 c = 0; c < Profiler::CHazards::__MaxHazards; ++c)
@@ -109,14 +121,13 @@ namespace Orvex
 			}
 			out.m_Batched = true;
 			out.m_Batches = plan.m_BatchCount;
-			const SRunResult hoisted = CInterpreter::Run(context, plan.m_Hoisted.data(), u32(plan.m_Hoisted.size()), path);
-			if (hoisted.m_Status != RunStatus_Ok)
+			if (u32(path) >= __MaxExecPaths)
 			{
-				out.m_Run = hoisted;
-				out.m_Run.m_Offset = plan.SourceOffset(true, hoisted.m_Offset);
+				out.m_Run.m_Status = RunStatus_BadPath;
 				return out;
 			}
-			SBatches run{&plan, &context, path, std::this_thread::get_id(), {}, {}, {}};
+			RunCode(context, plan.m_Hoisted, plan.m_HoistedOffsets, path);
+			SBatches run{&plan, &context, path, std::this_thread::get_id(), {}};
 			if (parallel.m_For != nullptr)
 				parallel.m_For(parallel.m_Host, plan.m_BatchCount, &CBatchRunnerAccess::RunBatches, &run);
 			else
@@ -126,14 +137,14 @@ namespace Orvex
 				hazards.m_Counters[c] += run.m_Hazards[c].load();
 				out.m_Hazards[c] = hazards.m_Counters[c] - before.m_Counters[c];
 			}
-			if (run.m_Failed.load())
-				out.m_Run = run.m_Failure;
-			else
-			{
-				out.m_Run.m_Offset = u32(plan.m_Whole.size());
-				out.m_Run.m_Executed = plan.m_HoistedCount + u32(plan.m_BatchOffsets.size()) * plan.m_BatchCount;
-			}
+			out.m_Run.m_Offset = u32(plan.m_Whole.size());
+			out.m_Run.m_Executed = plan.m_HoistedCount + u32(plan.m_BatchOffsets.size()) * plan.m_BatchCount;
 			return out;
+		}
+
+		const CCBCPUMetaRegisters *CBatchRunner::CurrentRegisters()
+		{
+			return t_Current;
 		}
 	}
 }
