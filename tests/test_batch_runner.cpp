@@ -314,7 +314,7 @@ namespace
 	class BatchPlanRules : public ::testing::Test
 	{
 	protected:
-		static constexpr u32 kStream = 1000;
+		static constexpr u32 kStream = 40000;
 
 		void SetUp() override
 		{
@@ -362,19 +362,20 @@ namespace
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(3), Stream(1), Constant(4));
 		const CBatchPlan &plan = Plan(code);
 		ASSERT_TRUE(plan.Batched()) << plan.Reason();
-		// Three float3 streams: 36 bytes an element; 32 KiB / 36 = 910, down to a multiple of 48.
+		// Three float3 streams: 36 bytes an element; 512 KiB / 36 = 14563, down to a multiple of 48.
 		EXPECT_EQ(plan.BytesPerElement(), 36u);
-		EXPECT_EQ(plan.BatchElements(), 864u);
-		EXPECT_EQ(plan.BatchCount(), 2u);	// 864 + 136
+		EXPECT_EQ(CBatchPlan::kCacheBudgetBytes, 512u * 1024u);
+		EXPECT_EQ(plan.BatchElements(), 14544u);
+		EXPECT_EQ(plan.BatchCount(), 3u);	// 14544 + 14544 + 10912
 		EXPECT_EQ(plan.HoistedInstructions(), 1u);
-		EXPECT_STREQ(plan.Reason(), "batches of 864 elements (2 batches, 36 per-element bytes each), 1 one-element instruction first");
+		EXPECT_STREQ(plan.Reason(), "batches of 14544 elements (3 batches, 36 per-element bytes each), 1 one-element instruction first");
 		EXPECT_EQ(Plan(code, 100).BatchElements(), 144u);	// rounded up to the granule
-		EXPECT_EQ(Plan(code, 100).BatchCount(), 7u);
+		EXPECT_EQ(Plan(code, 100).BatchCount(), 278u);
 		EXPECT_EQ(Plan(code, 0).Batched(), false);
 		EXPECT_STREQ(m_Plan.Reason(), "whole stream: a batch size of 0 was asked");
-		EXPECT_EQ(Plan(code, 960).BatchCount(), 2u);	// 960 + 40
-		EXPECT_EQ(Plan(code, 999).Batched(), false);	// 1008 >= 1000: one batch
-		EXPECT_STREQ(m_Plan.Reason(), "whole stream: 1000 elements fit one batch of 1008");
+		EXPECT_EQ(Plan(code, 39984).BatchCount(), 2u);	// 39984 + 16
+		EXPECT_EQ(Plan(code, 39999).Batched(), false);	// 40032 >= 40000: one batch
+		EXPECT_STREQ(m_Plan.Reason(), "whole stream: 40000 elements fit one batch of 40032");
 	}
 
 	TEST_F(BatchPlanRules, OneElementLeftJoinsTheBatchBeforeIt)
@@ -440,6 +441,7 @@ namespace
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(1), Stream(1), Stream(2));
 		const CBatchPlan &plan = Plan(code);
 		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_ShortRegister);
-		EXPECT_NE(std::string(plan.Reason()).find("stream.1:float3 of instruction 0 (offset 0) holds"), std::string::npos) << plan.Reason();
+		EXPECT_NE(std::string(plan.Reason()).find("stream.1:float3 of instruction 0 (offset 0) holds 480000 bytes, fewer than the stream's 40096 elements (481152 bytes)"), std::string::npos)
+			<< plan.Reason();
 	}
 }

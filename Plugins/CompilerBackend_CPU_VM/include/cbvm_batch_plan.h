@@ -33,7 +33,7 @@
 // the elements left, at least two (a single one joins the batch before it: evaluating
 // one element, an instruction reads its one-value sources as streams, which can pick
 // another kernel). The default size keeps a batch's per-element registers within
-// kCacheBudgetBytes.
+// kCacheBudgetBytes (the second-level cache: see there why not the first).
 //
 // Build allocates (the plan owns a rewritten copy of the bytecode); running it does not.
 
@@ -73,9 +73,12 @@ namespace Orvex
 			// blocks divide 48 x every component count, and 48 elements of 4 to 16 bytes
 			// are a multiple of 32 bytes.
 			static constexpr u32 kBatchGranule = 48;
-			// Per-element bytes of a default batch: most of a 48 KiB first-level cache,
-			// leaving room for the bytecode, the table and the stack.
-			static constexpr u32 kCacheBudgetBytes = 32 * 1024;
+			// Per-element bytes of a default batch. Every instruction of every batch pays its
+			// set-up (operand checks, kernel choice, constants broadcast: about 60 ns a call
+			// measured), so a batch must be large enough to amortise it: batches of a
+			// first-level cache (32 KiB) ran slower than the whole stream on the development
+			// machine, batches of half a second-level cache ran fastest.
+			static constexpr u32 kCacheBudgetBytes = 512 * 1024;
 			static constexpr u32 kDefaultBatch = ~0u;	// Build's batchElements: the size chosen from the program
 
 			CBatchPlan() = default;
