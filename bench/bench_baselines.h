@@ -13,6 +13,26 @@
 
 namespace OxBench
 {
+	// W12's particles: packed float3 positions and velocities, i32 ages (updated in
+	// place), i32 lifetimes, and the masks and colours the update writes.
+	struct SParticleStreams
+	{
+		float *m_Pos;				// float3
+		float *m_Vel;				// float3
+		std::int32_t *m_Age;
+		const std::int32_t *m_Lifetime;
+		std::uint32_t *m_Expired;	// bool: age > lifetime
+		std::uint32_t *m_Outside;	// bool3: per axis, leaving the box (below its minimum moving down, or above its maximum moving up)
+		std::int32_t *m_Colour;		// packed RGBA8: young, middle-aged or old
+	};
+
+	// W12's one-value operands, as the program's Constant registers hold them.
+	struct SParticleConstants
+	{
+		const float *m_Gravity, *m_Dt, *m_NegK, *m_Wind, *m_NegDrag, *m_BoxMin, *m_BoxMax, *m_Zero;	// float3 each
+		std::int32_t m_One, m_YoungAge, m_MidAge, m_ColourYoung, m_ColourMid, m_ColourOld;
+	};
+
 	struct SBaselineSet
 	{
 		const char *m_Name;	// short name used in benchmark names ("scalar", "autovec", ...)
@@ -37,6 +57,11 @@ namespace OxBench
 		void (*m_W9)(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n) = nullptr;
 		// W10 particle step on float3: v += g * dt; p += v * dt (g, dt one float3 each)
 		void (*m_W10)(float *p, float *v, const float *g, const float *dt, std::size_t n) = nullptr;
+		// W12 particle update, the operations of the W12 program in its order, one pass:
+		//   v += (p * negK + (v - wind) * negDrag) * dt; v += g * dt; p += v * dt; age += 1;
+		//   expired = age > lifetime; outside = (p < boxMin & v < 0) | (p > boxMax & v > 0);
+		//   colour = age < youngAge ? young : age < midAge ? mid : old
+		void (*m_W12)(const SParticleStreams &s, const SParticleConstants &c, std::size_t n) = nullptr;
 	};
 
 	// The plain loops of baseline_loops.h, built twice: without the vectoriser and at -O3.

@@ -7,6 +7,8 @@
 //   ox_bench --icount <workload> <impl> <n> one checked run, then one more run with
 //                                           callgrind collecting (run it under
 //                                           valgrind --tool=callgrind --collect-atstart=no)
+//   ox_bench --dump W12 <n> <dir>           W12's inputs, constants and standard-path
+//                                           outputs as files, for bench/numexpr_w12.py
 //
 // Every implementation other than the standard path is checked against the standard
 // path's results on the same inputs before it is timed; a disagreement skips that
@@ -33,6 +35,10 @@ namespace OxBench
 	{
 		constexpr std::uint32_t kSizes[] = {16, 256, 4096, 65536, 1048576};
 		constexpr std::uint32_t kW11Instructions = 64;
+		// W12, the particle update, runs from a level-1-sized stream to one far past the
+		// last-level cache (16 Mi particles: 2.2 GiB of registers, and as much again for
+		// the copy of the inputs that every check restores).
+		constexpr std::uint32_t kW12Sizes[] = {4096, 65536, 1048576, 16777216};
 		// W1, W4 and W6 also at the sizes either side of 4,096, where three streams of 16 KiB
 		// fill a 48 KiB level-1 data cache, against the SSE2 baselines.
 		constexpr std::uint32_t kNeighbourSizes[] = {2048, 8192};
@@ -89,6 +95,14 @@ namespace OxBench
 			{
 				const EWorkload workload = EWorkload(wi);
 				const SWorkloadInfo &info = WorkloadInfo(workload);
+				if (workload == Workload_W12)
+				{
+					for (const std::uint32_t count : kW12Sizes)
+						for (int ii = 0; ii < __MaxImpls; ++ii)
+							if (CWorkload::Supports(workload, EImpl(ii)))
+								Register(workload, EImpl(ii), count);
+					continue;
+				}
 				for (const std::uint32_t size : kSizes)
 				{
 					const std::uint32_t count = info.m_Instructions ? kW11Instructions : size;
@@ -197,6 +211,23 @@ int main(int argc, char **argv)
 			return 2;
 		}
 		return InstructionCount(argv[2], argv[3], argv[4]);
+	}
+
+	if (argc >= 2 && std::string(argv[1]) == "--dump")
+	{
+		if (argc != 5 || std::string(argv[2]) != "W12")
+		{
+			std::fprintf(stderr, "usage: ox_bench --dump W12 <count> <directory>\n");
+			return 2;
+		}
+		CWorkload w(Workload_W12, std::uint32_t(std::strtoul(argv[3], nullptr, 10)));
+		const std::string error = w.DumpParticles(argv[4]);
+		if (!error.empty())
+		{
+			std::fprintf(stderr, "ox_bench: --dump: %s\n", error.c_str());
+			return 1;
+		}
+		return 0;
 	}
 
 	benchmark::AddCustomContext("compiler", "g++ " __VERSION__);

@@ -1,6 +1,7 @@
 #include "bench_workloads.h"
 
 #include "cbvm_registers.h"
+#include "cbvm_verifier.h"
 
 #include <cmath>
 #include <cstdio>
@@ -16,6 +17,7 @@ namespace OxBench
 		constexpr const char *kImplNames[__MaxImpls] = {
 			"standard", "low", "standard_profiler", "standard_interpreter",
 			"scalar", "autovec", "sse2", "eigen", "libdivide", "libdivide_bf", "fmodf",
+			"batched", "batched_all_threads",
 		};
 
 		constexpr SWorkloadInfo kWorkloads[__MaxWorkloads] = {
@@ -31,6 +33,7 @@ namespace OxBench
 			{"W9", "int division by a stream of divisors", 12, false},
 			{"W10", "particle step on float3 streams, four instructions", 48, false},
 			{"W11", "one-element instructions (Constant destination)", 0, true},
+			{"W12", "particle update: forces, drag, integration, age, kill masks, colour ramp; 28 instructions", 80, false},
 		};
 
 		// Deterministic inputs: a 64-bit LCG, high bits out.
@@ -242,10 +245,154 @@ namespace OxBench
 			m_Outputs = {m_Dst};
 			break;
 		}
+		case Workload_W12:
+			_BuildParticles(n);
+			break;
 		default:
 			break;
 		}
 		_Snapshot();
+		if (Supports(workload, Impl_Batched))
+		{
+			m_Plan = std::make_unique<CBVM::CBatchPlan>();
+			if (!m_Plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage) && m_Plan->Refusal() != CBVM::BatchRefusal_None)
+			{
+				std::fprintf(stderr, "ox_bench: %s is refused by the batch plan: %s\n", WorkloadInfo(workload).m_Id, m_Plan->Reason());
+				std::abort();
+			}
+			m_Threads = std::make_unique<CBVM::CTbbParallelFor>();
+		}
+	}
+
+	// W12: one frame of a particle system, the kind of program a particle effect compiles
+	// to. Positions and velocities are float3 streams, ages i32 streams, lifetimes an i32
+	// Instance register (set at spawn, read here), everything else one-value constants.
+	// The VM has no component swizzle or reduction, so the box test stays per axis: the
+	// host kills a particle when 'expired' or any component of 'outside' is set.
+	void CWorkload::_BuildParticles(std::uint32_t n)
+	{
+		using Compiler::MetaType_Constant;
+		using Compiler::MetaType_Instance;
+		using Compiler::MetaType_Stream;
+		CRandom random(std::uint64_t(Workload_W12) * 1000003u + n);
+		SParticleRegs &r = m_Particles;
+
+		// Per-element registers: state, outputs and the temporaries the program needs.
+		m_P = _Declare(0, MetaType_Stream, BaseType_Float3, n);
+		m_V = _Declare(1, MetaType_Stream, BaseType_Float3, n);
+		r.m_Age = _Declare(2, MetaType_Stream, BaseType_I32, n);
+		r.m_Lifetime = _Declare(3, MetaType_Instance, BaseType_I32, n);
+		const CVMRegID force = _Declare(4, MetaType_Stream, BaseType_Float3, n);
+		const CVMRegID tmp = _Declare(5, MetaType_Stream, BaseType_Float3, n);
+		r.m_Expired = _Declare(6, MetaType_Stream, BaseType_Bool, n);
+		const CVMRegID down = _Declare(7, MetaType_Stream, BaseType_Bool3, n);
+		const CVMRegID moving = _Declare(8, MetaType_Stream, BaseType_Bool3, n);
+		const CVMRegID up = _Declare(9, MetaType_Stream, BaseType_Bool3, n);
+		r.m_Outside = _Declare(10, MetaType_Stream, BaseType_Bool3, n);
+		const CVMRegID young = _Declare(11, MetaType_Stream, BaseType_I32, n);
+		const CVMRegID mid = _Declare(12, MetaType_Stream, BaseType_I32, n);
+		const CVMRegID band = _Declare(13, MetaType_Stream, BaseType_I32, n);
+		r.m_Colour = _Declare(14, MetaType_Stream, BaseType_I32, n);
+
+		// One-value registers.
+		m_G = _Declare(0, MetaType_Constant, BaseType_Float3, 1);
+		m_Dt = _Declare(1, MetaType_Constant, BaseType_Float3, 1);
+		const CVMRegID gdt = _Declare(2, MetaType_Constant, BaseType_Float3, 1);
+		r.m_NegK = _Declare(3, MetaType_Constant, BaseType_Float3, 1);
+		r.m_Wind = _Declare(4, MetaType_Constant, BaseType_Float3, 1);
+		r.m_NegDrag = _Declare(5, MetaType_Constant, BaseType_Float3, 1);
+		r.m_BoxMin = _Declare(6, MetaType_Constant, BaseType_Float3, 1);
+		r.m_BoxMax = _Declare(7, MetaType_Constant, BaseType_Float3, 1);
+		r.m_Zero = _Declare(8, MetaType_Constant, BaseType_Float3, 1);
+		r.m_One = _Declare(9, MetaType_Constant, BaseType_I32, 1);
+		r.m_YoungAge = _Declare(10, MetaType_Constant, BaseType_I32, 1);
+		r.m_MidAge = _Declare(11, MetaType_Constant, BaseType_I32, 1);
+		r.m_ColourYoung = _Declare(12, MetaType_Constant, BaseType_I32, 1);
+		r.m_ColourMid = _Declare(13, MetaType_Constant, BaseType_I32, 1);
+		r.m_ColourOld = _Declare(14, MetaType_Constant, BaseType_I32, 1);
+
+		using O = SOp_MathOp;
+		const CVMRegID none = CVMRegID::INVALID;
+		// Forces: a spring toward the origin and drag against the wind, then gravity.
+		_Emit(O::Op_Mul, gdt, m_G, m_Dt);						// gdt = g * dt (one element, Constant destination)
+		_Emit(O::Op_Mul, force, m_P, r.m_NegK);				// force = -k * p
+		_Emit(O::Op_Sub, tmp, m_V, r.m_Wind);				// air speed = v - wind
+		_Emit(O::Op_Mul, tmp, tmp, r.m_NegDrag);			// drag = -c * (v - wind)
+		_Emit(O::Op_Add, force, force, tmp);
+		_Emit(O::Op_Mul, force, force, m_Dt);
+		// Integration (explicit Euler, velocity first).
+		_Emit(O::Op_Add, m_V, m_V, force);					// v += (spring + drag) * dt
+		_Emit(O::Op_Add, m_V, m_V, gdt);					// v += g * dt
+		_Emit(O::Op_Mul, tmp, m_V, m_Dt);
+		_Emit(O::Op_Add, m_P, m_P, tmp);					// p += v * dt
+		// Age and kill masks.
+		_Emit(O::Op_Add, r.m_Age, r.m_Age, r.m_One);		// age += 1 (frames)
+		_Emit(O::Op_Cmp_Greater, r.m_Expired, r.m_Age, r.m_Lifetime);	// i32 compare into a bool mask
+		_Emit(O::Op_Cmp_Lower, down, m_P, r.m_BoxMin);		// float3 compares into bool3 masks
+		_Emit(O::Op_Cmp_Lower, moving, m_V, r.m_Zero);
+		_Emit(O::Op_Bitwise_And, down, down, moving);		// below the box (the floor on y) and moving down
+		_Emit(O::Op_Cmp_Greater, up, m_P, r.m_BoxMax);
+		_Emit(O::Op_Cmp_Greater, moving, m_V, r.m_Zero);
+		_Emit(O::Op_Bitwise_And, up, up, moving);			// above the box and moving up
+		_Emit(O::Op_Bitwise_Or, r.m_Outside, down, up);
+		// Colour ramp by age: i32 masks pick one of three packed RGBA8 colours without a
+		// branch. young implies mid (youngAge < midAge), so young ^ mid is "mid, not young".
+		_Emit(O::Op_Cmp_Lower, young, r.m_Age, r.m_YoungAge);	// i32 compare into an i32 mask
+		_Emit(O::Op_Cmp_Lower, mid, r.m_Age, r.m_MidAge);
+		_Emit(O::Op_Bitwise_And, r.m_Colour, young, r.m_ColourYoung);
+		_Emit(O::Op_Bitwise_Xor, band, young, mid);
+		_Emit(O::Op_Bitwise_And, band, band, r.m_ColourMid);
+		_Emit(O::Op_Bitwise_Or, r.m_Colour, r.m_Colour, band);
+		_Emit(O::Op_Bitwise_Not, band, mid, none);
+		_Emit(O::Op_Bitwise_And, band, band, r.m_ColourOld);
+		_Emit(O::Op_Bitwise_Or, r.m_Colour, r.m_Colour, band);
+
+		// Inputs: a cloud of particles in a 20-unit cube, a few percent of them outside
+		// the box, with ages on both sides of every threshold.
+		float *p = _F(m_P), *v = _F(m_V);
+		for (std::uint32_t i = 0; i < 3 * n; ++i)
+		{
+			p[i] = random.Uniform(-10.0f, 10.0f);
+			v[i] = random.Uniform(-4.0f, 4.0f);
+		}
+		std::int32_t *age = _I(r.m_Age), *lifetime = _I(r.m_Lifetime);
+		for (std::uint32_t i = 0; i < n; ++i)
+		{
+			age[i] = std::int32_t(random.Next() % 240u);
+			lifetime[i] = 120 + std::int32_t(random.Next() % 120u);
+		}
+		auto set3 = [&](CVMRegID id, float x, float y, float z) {
+			float *d = _F(id);
+			d[0] = x;
+			d[1] = y;
+			d[2] = z;
+		};
+		set3(m_G, 0.0f, -9.81f, 0.0f);
+		set3(m_Dt, 1.0f / 60.0f, 1.0f / 60.0f, 1.0f / 60.0f);
+		set3(r.m_NegK, -1.5f, -1.5f, -1.5f);
+		set3(r.m_Wind, 2.0f, 0.0f, -1.0f);
+		set3(r.m_NegDrag, -0.35f, -0.35f, -0.35f);
+		set3(r.m_BoxMin, -9.5f, -9.0f, -9.5f);
+		set3(r.m_BoxMax, 9.5f, 9.8f, 9.5f);
+		set3(r.m_Zero, 0.0f, 0.0f, 0.0f);
+		_I(r.m_One)[0] = 1;
+		_I(r.m_YoungAge)[0] = 40;
+		_I(r.m_MidAge)[0] = 120;
+		_I(r.m_ColourYoung)[0] = std::int32_t(0xFF40C0F0u);	// RGBA8 words, alpha in the top byte
+		_I(r.m_ColourMid)[0] = std::int32_t(0xFF2080FFu);
+		_I(r.m_ColourOld)[0] = std::int32_t(0x80404040u);
+		m_Outputs = {m_P, m_V, r.m_Age, r.m_Expired, r.m_Outside, r.m_Colour};
+
+		// The program must be one the verifier accepts without a word: a benchmark of a
+		// program that reports would time the reports.
+		CBVM::SVerifyProblem problems[8];
+		const CBVM::SVerifyResult verified = CBVM::CVerifier::Verify(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, problems, 8);
+		if (verified.Problems() != 0)
+		{
+			for (std::uint32_t i = 0; i < verified.Problems() && i < 8; ++i)
+				std::fprintf(stderr, "ox_bench: W12 program, offset %u: %s\n", problems[i].m_Offset, problems[i].m_Message);
+			std::abort();
+		}
 	}
 
 	CVMRegID CWorkload::_Declare(std::uint32_t slot, Compiler::EMetaType bank, EBaseTypeID type, std::uint32_t elements)
@@ -302,6 +449,8 @@ namespace OxBench
 		case Impl_Low: return true;
 		case Impl_StandardProfiler:
 		case Impl_StandardInterpreter: return workload == Workload_W11;
+		case Impl_Batched:
+		case Impl_BatchedAllThreads: return workload == Workload_W10 || workload == Workload_W12;
 		default: break;
 		}
 		const SBaselineSet *set = BaselineSet(impl);
@@ -320,6 +469,7 @@ namespace OxBench
 		case Workload_W8by8: return set->m_W8 != nullptr;
 		case Workload_W9: return set->m_W9 != nullptr;
 		case Workload_W10: return set->m_W10 != nullptr;
+		case Workload_W12: return set->m_W12 != nullptr;
 		default: return false;
 		}
 	}
@@ -340,6 +490,16 @@ namespace OxBench
 		case Workload_W8by8: set.m_W8(_I(m_Dst), _I(m_Src0), m_IntDivisor, n); return;
 		case Workload_W9: set.m_W9(_I(m_Dst), _I(m_Src0), _I(m_Src1), n); return;
 		case Workload_W10: set.m_W10(_F(m_P), _F(m_V), _F(m_G), _F(m_Dt), n); return;
+		case Workload_W12:
+		{
+			const SParticleRegs &r = m_Particles;
+			const SParticleStreams streams = {_F(m_P), _F(m_V), _I(r.m_Age), _I(r.m_Lifetime),
+											  reinterpret_cast<std::uint32_t *>(_I(r.m_Expired)), reinterpret_cast<std::uint32_t *>(_I(r.m_Outside)), _I(r.m_Colour)};
+			const SParticleConstants constants = {_F(m_G), _F(m_Dt), _F(r.m_NegK), _F(r.m_Wind), _F(r.m_NegDrag), _F(r.m_BoxMin), _F(r.m_BoxMax), _F(r.m_Zero),
+												  _I(r.m_One)[0], _I(r.m_YoungAge)[0], _I(r.m_MidAge)[0], _I(r.m_ColourYoung)[0], _I(r.m_ColourMid)[0], _I(r.m_ColourOld)[0]};
+			set.m_W12(streams, constants, n);
+			return;
+		}
 		default: return;
 		}
 	}
@@ -365,6 +525,12 @@ namespace OxBench
 			return;
 		case Impl_StandardInterpreter:
 			CBVM::CInterpreter::Run(m_Context, m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), CBVM::ExecPath_Standard);
+			return;
+		case Impl_Batched:
+			CBVM::CBatchRunner::Run(*m_Plan, m_Context, CBVM::ExecPath_Standard);
+			return;
+		case Impl_BatchedAllThreads:
+			CBVM::CBatchRunner::Run(*m_Plan, m_Context, CBVM::ExecPath_Standard, m_Threads->ParallelFor());
 			return;
 		default:
 			_RunBaseline(*BaselineSet(impl));
@@ -421,6 +587,64 @@ namespace OxBench
 				break;
 			}
 		}
+		_Restore();
+		return error;
+	}
+
+	std::string CWorkload::DumpParticles(const std::string &dir)
+	{
+		if (m_Workload != Workload_W12)
+			return "only W12 can be dumped";
+		const SParticleRegs &r = m_Particles;
+		const std::uint32_t n = m_Count;
+		std::string error;
+		auto write = [&](const char *name, CVMRegID id) {
+			const std::string path = dir + "/" + name;
+			const std::size_t bytes = std::size_t(n) * CCBCPUMetaRegisters::DataSizeInBytes(id.ToType());
+			std::FILE *f = std::fopen(path.c_str(), "wb");
+			const bool ok = f != nullptr && std::fwrite(m_Storage.Data(id), 1, bytes, f) == bytes;
+			if ((f != nullptr && std::fclose(f) != 0) || !ok)
+				if (error.empty())
+					error = "cannot write " + path;
+		};
+
+		_Restore();
+		write("pos.f32", m_P);
+		write("vel.f32", m_V);
+		write("age.i32", r.m_Age);
+		write("lifetime.i32", r.m_Lifetime);
+		// Constants as decimal text that reads back to the same float (9 significant digits).
+		const std::string path = dir + "/constants.json";
+		if (std::FILE *f = std::fopen(path.c_str(), "w"))
+		{
+			auto float3 = [&](const char *name, CVMRegID id, const char *sep) {
+				const float *d = _F(id);
+				std::fprintf(f, "  \"%s\": [%.9g, %.9g, %.9g]%s\n", name, double(d[0]), double(d[1]), double(d[2]), sep);
+			};
+			std::fprintf(f, "{\n  \"count\": %u,\n", n);
+			float3("gravity", m_G, ",");
+			float3("dt", m_Dt, ",");
+			float3("neg_k", r.m_NegK, ",");
+			float3("wind", r.m_Wind, ",");
+			float3("neg_drag", r.m_NegDrag, ",");
+			float3("box_min", r.m_BoxMin, ",");
+			float3("box_max", r.m_BoxMax, ",");
+			float3("zero", r.m_Zero, ",");
+			std::fprintf(f, "  \"one\": %d,\n  \"young_age\": %d,\n  \"mid_age\": %d,\n", _I(r.m_One)[0], _I(r.m_YoungAge)[0], _I(r.m_MidAge)[0]);
+			std::fprintf(f, "  \"colour_young\": %d,\n  \"colour_mid\": %d,\n  \"colour_old\": %d\n}\n", _I(r.m_ColourYoung)[0], _I(r.m_ColourMid)[0], _I(r.m_ColourOld)[0]);
+			if (std::fclose(f) != 0 && error.empty())
+				error = "cannot write " + path;
+		}
+		else if (error.empty())
+			error = "cannot write " + path;
+
+		Run(Impl_Standard);
+		write("standard_pos.f32", m_P);
+		write("standard_vel.f32", m_V);
+		write("standard_age.i32", r.m_Age);
+		write("standard_expired.u32", r.m_Expired);
+		write("standard_outside.u32", r.m_Outside);
+		write("standard_colour.i32", r.m_Colour);
 		_Restore();
 		return error;
 	}

@@ -6,11 +6,14 @@
 
 #include "bench_baselines.h"
 
+#include "cbvm_batch_runner.h"
 #include "cbvm_interpreter.h"
+#include "cbvm_tbb_parallel_for.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -32,6 +35,11 @@ namespace OxBench
 		Impl_Libdivide,
 		Impl_LibdivideBranchfree,
 		Impl_Fmodf,
+		// The batched runner (cbvm_batch_runner.h), standard path: W10 and W12 in
+		// cache-sized batches on one thread and on every core (oneTBB), the plan built
+		// once with the workload (not timed).
+		Impl_Batched,
+		Impl_BatchedAllThreads,
 		__MaxImpls
 	};
 
@@ -53,6 +61,7 @@ namespace OxBench
 		Workload_W9,
 		Workload_W10,
 		Workload_W11,
+		Workload_W12,
 		__MaxWorkloads
 	};
 
@@ -73,7 +82,7 @@ namespace OxBench
 	class CWorkload
 	{
 	public:
-		// 'count' is the stream size (W1 to W10) or the number of one-element
+		// 'count' is the stream size (W1 to W10, W12) or the number of one-element
 		// instructions in the program (W11). Inputs are filled deterministically.
 		CWorkload(EWorkload workload, std::uint32_t count);
 		CWorkload(const CWorkload &) = delete;
@@ -94,6 +103,12 @@ namespace OxBench
 		void Run(EImpl impl);
 
 		std::uint32_t Count() const { return m_Count; }
+
+		// W12 only: writes the initial inputs, the constants and the standard path's
+		// outputs after one run from those inputs into 'dir' (raw little-endian arrays and
+		// constants.json), for peers outside this program (bench/numexpr_w12.py). Returns
+		// "" on success, else what failed. Inputs are restored afterwards.
+		std::string DumpParticles(const std::string &dir);
 
 	private:
 		using CVMRegID = Orvex::CVMRegID;
@@ -117,12 +132,24 @@ namespace OxBench
 		Orvex::SCompilerCPUDebugCtx m_DebugCtx;
 		Orvex::CBytecodeExecContext m_Context;
 		std::vector<std::uint8_t> m_Bytecode;
+		std::unique_ptr<Orvex::CBVM::CBatchPlan> m_Plan;			// the batched rows' (W10, W12)
+		std::unique_ptr<Orvex::CBVM::CTbbParallelFor> m_Threads;	// every core
 
 		// Operands, read and written by every implementation (the baselines use the VM's
 		// registers as plain arrays).
 		CVMRegID m_Dst = CVMRegID::INVALID, m_Src0 = CVMRegID::INVALID, m_Src1 = CVMRegID::INVALID;
 		// W10: positions, velocities, gravity, time step.
 		CVMRegID m_P = CVMRegID::INVALID, m_V = CVMRegID::INVALID, m_G = CVMRegID::INVALID, m_Dt = CVMRegID::INVALID;
+		// W12 (the particle update): per-element state and outputs, and the constants the
+		// program reads. Gravity and the time step are m_G and m_Dt.
+		struct SParticleRegs
+		{
+			CVMRegID m_Age, m_Lifetime, m_Expired, m_Outside, m_Colour;
+			CVMRegID m_NegK, m_Wind, m_NegDrag, m_BoxMin, m_BoxMax, m_Zero, m_One;
+			CVMRegID m_YoungAge, m_MidAge, m_ColourYoung, m_ColourMid, m_ColourOld;
+		};
+		SParticleRegs m_Particles = {};
+		void _BuildParticles(std::uint32_t n);
 		// What a check compares.
 		std::vector<CVMRegID> m_Outputs;
 		float m_ModDivisor = 0.0f;		// W5: results may differ by rounding, not more

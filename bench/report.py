@@ -2,8 +2,9 @@
 """Writes docs/BENCHMARKS.md and docs/benchmarks.png from one run of bench/report.
 
 Inputs: the JSON of ox_bench (aggregates: medians over the repetitions), the callgrind
-instruction counts gathered by bench/report, and the inclusive callgrind costs of one
-W11 run. Nothing here is measured: every number in the report comes from those files.
+instruction counts gathered by bench/report, the inclusive callgrind costs of one W11
+run, and the JSON of bench/numexpr_w12.py (W12 in numexpr). Nothing here is measured:
+every number in the report comes from those files.
 """
 
 import argparse
@@ -18,6 +19,15 @@ import sys
 SIZES = [16, 256, 4096, 65536, 1048576]
 REFERENCE = 4096
 LARGEST = 1048576
+# W12, the particle update, runs at its own sizes: from a stream that fits the level-1
+# cache to one far past the last-level cache.
+W12_SIZES = [4096, 65536, 1048576, 16777216]
+W12_LARGEST = 16777216
+
+
+def sizes_of(wid):
+    return W12_SIZES if wid == "W12" else SIZES
+
 
 # Implementations in table order, with their labels.
 IMPLS = [
@@ -30,6 +40,16 @@ IMPLS = [
     ("libdivide", "libdivide 3.0 SSE2, divider"),
     ("libdivide_bf", "libdivide 3.0 SSE2, branchfree_divider"),
     ("fmodf", "fmodf loop"),
+    # W12's peers: numexpr (bench/numexpr_w12.py), one float32 array per component and
+    # in the VM's (n, 3) layout.
+    ("numexpr_1t", "numexpr, 1 thread (component arrays)"),
+    ("numexpr_all", "numexpr, every core (component arrays)"),
+    ("numexpr_aos_1t", "numexpr, 1 thread ((n, 3) arrays)"),
+    ("numexpr_aos_all", "numexpr, every core ((n, 3) arrays)"),
+    # Coming with the batched runner (EImpl Impl_Batched, Impl_BatchedAllThreads): rows
+    # appear when ox_bench registers them.
+    ("batched", "batched runner, 1 thread"),
+    ("batched_all_threads", "batched runner, every core"),
 ]
 LABEL = dict(IMPLS)
 W11_IMPLS = [
@@ -40,7 +60,9 @@ W11_IMPLS = [
 ]
 SSE2_BASELINES = ("sse2", "autovec", "eigen")
 PLOT_PANELS = [("W1", "W1: float add, 1 component"), ("W8by7", "W8: int division by the constant 7"),
-               ("W8by8", "W8: int division by the constant 8"), ("W10", "W10: particle step, float3, four instructions")]
+               ("W8by8", "W8: int division by the constant 8"), ("W10", "W10: particle step, float3, four instructions"),
+               ("W12", "W12: particle update, 28 instructions")]
+TICKS = {16: "16", 256: "256", 4096: "4K", 65536: "64K", 1048576: "1M", 16777216: "16M"}
 
 
 def read_args():
@@ -54,6 +76,7 @@ def read_args():
     parser.add_argument("--markdown", required=True)
     parser.add_argument("--plot", required=True)
     parser.add_argument("--workdir", required=True)
+    parser.add_argument("--numexpr", default=None, help="JSON of bench/numexpr_w12.py (absent or missing: no numexpr rows)")
     return parser.parse_args()
 
 
@@ -89,6 +112,21 @@ class Results:
                 self.cv[key] = b.get("real_time", 0.0)
             elif b.get("run_type") == "iteration" and key not in self.median:
                 self.median[key] = b	# a run without repetitions
+
+    def add_numexpr(self, path):
+        """W12 in numexpr: medians of its own repetitions, merged as benchmark entries."""
+        self.numexpr = {}
+        if not path or not os.path.exists(path):
+            return
+        with open(path) as f:
+            data = json.load(f)
+        self.numexpr = data
+        for r in data.get("results", []):
+            key = (r["workload"], r["impl"], int(r["count"]))
+            self.median[key] = {"items_per_second": r["items_per_second"], "real_time": r["ns_per_frame"], "time_unit": "ns"}
+            self.cv[key] = r.get("cv", 0.0)
+        for e in data.get("errors", []):
+            self.errors.append((e["name"], e["message"]))
 
     def rate(self, workload, impl, count):
         b = self.median.get((workload, impl, count))
@@ -272,6 +310,7 @@ def machine_section(res, args):
 
 def workload_table(res, w):
     wid = w["id"]
+    SIZES = sizes_of(wid)	# noqa: N806 (the table's columns)
     impls = [(i, label) for i, label in IMPLS if any(res.rate(wid, i, n) for n in SIZES)]
     out = [f"| implementation | " + " | ".join(fmt_size(n) for n in SIZES) + " |",
            "|---|" + "---:|" * len(SIZES)]
@@ -304,6 +343,14 @@ def workload_table(res, w):
         out.append("| *standard ÷ faster libdivide* | " + " | ".join(cells) + " |")
     if wid == "W5":
         out.append("| *standard ÷ fmodf* | " + " | ".join(fmt_ratio(res.ratio(wid, "standard", "fmodf", n), 1) for n in SIZES) + " |")
+    if wid == "W12":
+        for impl, what in (("numexpr_1t", "numexpr 1 thread"), ("numexpr_all", "numexpr every core")):
+            if any(res.rate(wid, impl, n) for n in SIZES):
+                out.append(f"| *standard ÷ {what} (component arrays)* | " + " | ".join(fmt_ratio(res.ratio(wid, "standard", impl, n)) for n in SIZES) + " |")
+        for impl in ("standard", "sse2", "numexpr_1t", "numexpr_all"):
+            if any(res.ns(wid, impl, n) for n in SIZES):
+                out.append(f"| *ns per particle, {LABEL[impl]}* | " + " | ".join(
+                    "–" if res.ns(wid, impl, n) is None else f"{res.ns(wid, impl, n) / n:.2f}" for n in SIZES) + " |")
     return out
 
 
@@ -418,7 +465,7 @@ def reading(res, counts, workloads, target_rows):
                      "as fast as the Low path, which does one element per iteration by design (it is the reference the standard path is checked against).")
     near = []
     for w in workloads:
-        if w["unit"] != "elements" or w["id"] in ("W9", "W10"):
+        if w["unit"] != "elements" or w["id"] in ("W9", "W10", "W12"):
             continue
         r = res.ratio(w["id"], "standard", "sse2", REFERENCE)
         if r:
@@ -455,11 +502,88 @@ def reading(res, counts, workloads, target_rows):
         lines.append(f"- The particle step (W10) is four VM instructions, so four passes over memory and one temporary stream; the baselines "
                      f"fuse the step into one loop. The standard path runs at {r10:.2f}× the hand loop at {fmt_size(REFERENCE)} particles and "
                      f"{r10b:.2f}× at {fmt_size(LARGEST)}, where the extra passes cost memory bandwidth.")
+    lines += w12_reading(res)
     missed = [r for r in target_rows if not r[2]]
     if missed:
         lines.append("- Targets missed in this run: " + "; ".join(f"{d.split(':')[0]} ({m})" for d, m, _ in missed) + ". See the next section.")
     else:
         lines.append("- Every target was met in this run.")
+    return lines
+
+
+# W12's program, as ox_bench builds it (bench_workloads.cpp, _BuildParticles).
+W12_PROGRAM = """\
+mul   gdt, gravity, dt          # one element: a Constant destination
+mul   force, pos, neg_k         # spring toward the origin: -k * p
+sub   tmp, vel, wind
+mul   tmp, tmp, neg_drag        # drag: -c * (v - wind)
+add   force, force, tmp
+mul   force, force, dt
+add   vel, vel, force
+add   vel, vel, gdt             # v += (spring + drag) * dt + g * dt
+mul   tmp, vel, dt
+add   pos, pos, tmp             # p += v * dt
+add   age, age, one             # i32
+cmpgt expired, age, lifetime    # i32 compare into a bool mask (lifetime: an Instance register)
+cmplt down, pos, box_min        # float3 compares into bool3 masks
+cmplt moving, vel, zero
+and   down, down, moving        # below the box (the floor, on y) and moving down
+cmpgt up, pos, box_max
+cmpgt moving, vel, zero
+and   up, up, moving            # above the box and moving up
+or    outside, down, up         # bool3
+cmplt young, age, young_age     # i32 compares into i32 masks
+cmplt mid, age, mid_age
+and   colour, young, colour_young
+xor   band, young, mid          # mid and not young (young implies mid)
+and   band, band, colour_mid
+or    colour, colour, band
+not   band, mid
+and   band, band, colour_old
+or    colour, colour, band      # packed RGBA8: young, middle-aged or old"""
+
+
+def w12_description(res):
+    checks = getattr(res, "numexpr", {}).get("checks", [])
+    out = ["One frame of a particle system: a spring toward the origin, drag against the wind and gravity, explicit "
+           "Euler integration of float3 velocity and position, an i32 age, kill masks from comparisons and a colour ramp "
+           "picked with masks. Positions, velocities and ages are Stream registers updated in place, lifetimes an i32 "
+           "Instance register, the rest one-value constants. The VM has no component swizzle or reduction, so the box test "
+           "stays per axis (bool3): a host kills a particle when `expired` or any component of `outside` is set. The 80 "
+           "bytes per particle are the update's own inputs and outputs; the standard path also writes and reads its "
+           "temporaries.", "", "```", W12_PROGRAM, "```", "",
+           "The hand SSE2 loop (`bench/baseline_sse2.cpp`) does the same operations in the same order in one pass and is "
+           "checked word for word like every baseline. numexpr (`bench/numexpr_w12.py`) runs one frame from the same inputs "
+           "(dumped by `ox_bench --dump`) and is compared within a float tolerance (relative 1e-5), integers and masks exactly; "
+           "it keeps masks as one-byte bools where the VM writes 32-bit words."]
+    if checks:
+        parts = []
+        for c in checks:
+            d = c["details"]
+            words = d["pos"]["words"] + d["vel"]["words"]
+            same = d["pos"]["bit_identical"] + d["vel"]["bit_identical"]
+            parts.append(f"{c.get('layout', '')} {fmt_size(c['count'])}: {'agrees' if c['ok'] else 'DISAGREES'}, {same:,} of {words:,} float words bit-identical")
+        out[-1] += " In this run: " + "; ".join(parts) + "."
+    return out + [""]
+
+
+def w12_reading(res):
+    """The particle update: the VM against the fused loop and numexpr."""
+    lines = []
+    n0, n1 = W12_SIZES[0], W12_LARGEST
+    r_sse = [res.ratio("W12", "standard", "sse2", n) for n in (n0, n1)]
+    if all(r_sse):
+        lines.append(f"- The particle update (W12) is 28 VM instructions: the standard path runs each over the whole stream, 27 passes over "
+                     f"memory and eight temporary streams, where the hand SSE2 loop does everything in one pass with the particle in "
+                     f"registers. It runs at {r_sse[0]:.2f}× the hand loop at {fmt_size(n0)} particles and {r_sse[1]:.2f}× at "
+                     f"{fmt_size(n1)}. The batched runner's rows (still to come) will show how much of that a batch kept in the cache wins back.")
+    r_ne = [(n, res.ratio("W12", "standard", "numexpr_1t", n), res.ratio("W12", "standard", "numexpr_all", n)) for n in W12_SIZES]
+    r_ne = [x for x in r_ne if x[1] and x[2]]
+    if r_ne:
+        cells = ", ".join(f"{a:.1f}× / {b:.1f}× at {fmt_size(n)}" for n, a, b in r_ne)
+        ctx = getattr(res, "numexpr", {}).get("context", {})
+        lines.append(f"- Against numexpr {ctx.get('numexpr', '')} (one float32 array per component, twelve fused expressions per frame), "
+                     f"the standard path runs at {cells} (numexpr on one thread / on all {ctx.get('cores', '?')} cores).")
     return lines
 
 
@@ -521,25 +645,29 @@ def plot(res, args, workloads):
     workdir = args.workdir
     impls = [i for i, _ in IMPLS]
     script = [
-        'set terminal pngcairo size 1500,1050 font "sans,10" noenhanced',
+        'set terminal pngcairo size 1500,1500 font "sans,10" noenhanced',
         f'set output "{args.plot}"',
         'set datafile missing "?"',
         'set logscale x 2',
         'set logscale y 10',
         'set format x "%.0s%c"',
-        'set xtics ("16" 16, "256" 256, "4K" 4096, "64K" 65536, "1M" 1048576)',
         'set xlabel "elements per stream"',
         'set ylabel "million elements per second (median)"',
         'set grid',
         'set key outside right top vertical Left reverse font ",9"',
-        f'set multiplot layout 2,2 title "Throughput against stream size, {res.context.get("date", "")[:10]}" font ",12"',
+        f'set multiplot layout 3,2 title "Throughput against stream size, {res.context.get("date", "")[:10]}" font ",12"',
     ]
     for wid, title in PLOT_PANELS:
-        present = [i for i in impls if any(res.rate(wid, i, n) for n in SIZES)]
+        sizes = sizes_of(wid)
+        present = [i for i in impls if any(res.rate(wid, i, n) for n in sizes)]
+        if not present:
+            continue
+        script.append("set xtics (" + ", ".join(f'"{TICKS[n]}" {n}' for n in sizes) + ")")
+        script.append(f"set xrange [{sizes[0] / 1.5}:{sizes[-1] * 1.5}]")	# room for the end ticks' labels
         data = os.path.join(workdir, f"plot.{wid}.dat")
         with open(data, "w") as f:
             f.write("# size " + " ".join(present) + "\n")
-            for n in SIZES:
+            for n in sizes:
                 f.write(f"{n} " + " ".join("?" if res.rate(wid, i, n) is None else f"{res.rate(wid, i, n) / 1e6:.3f}" for i in present) + "\n")
         script.append(f'set title "{title}"')
         series = []
@@ -557,6 +685,7 @@ def plot(res, args, workloads):
 def main():
     args = read_args()
     res = Results(args.json)
+    res.add_numexpr(args.numexpr)
     counts = read_icount(args.icount)
     inclusive = read_inclusive(args.w11_inclusive)
     sims = read_cachesim(args.cachesim)
@@ -573,7 +702,8 @@ def main():
           "Every implementation other than the standard path is run once on the benchmark's inputs and its output compared, "
           "word for word, with the standard path's before it is timed (W5: within 1/1000 of the divisor, since a remainder "
           "computed through a reciprocal and an exact one may round differently); a disagreement would stop that benchmark "
-          "and be listed here. The VM paths run the workload's bytecode as a host's interpreter does, looking each opcode up in the "
+          "and be listed here (numexpr, a W12 peer outside this program, is compared within a float tolerance instead: it does not "
+          "promise the VM's bit patterns). The VM paths run the workload's bytecode as a host's interpreter does, looking each opcode up in the "
           "path's entry table (`CInterpreter::Entry`) and calling its entry point, so decoding and dispatch are timed with the kernels.",
           "", "![Throughput against stream size](benchmarks.png)", ""]
     if res.errors:
@@ -630,7 +760,9 @@ def main():
             continue
         md += [f"### {w['id']}: {w['title']}", ""]
         md += [f"{w['bytes']} bytes read and written per element (constant operands not counted)."
-               + (" Elements are particles." if w["id"] == "W10" else ""), ""]
+               + (" Elements are particles." if w["id"] in ("W10", "W12") else ""), ""]
+        if w["id"] == "W12":
+            md += w12_description(res)
         md += workload_table(res, w) + [""]
 
     md += ["## Baselines", "",
@@ -643,7 +775,13 @@ def main():
            "- **libdivide 3.0** (`bench/baseline_libdivide.cpp`): `libdivide::divider<int32_t>` and `branchfree_divider<int32_t>` with "
            "`LIBDIVIDE_SSE2`, four quotients per call.",
            "- **fmodf**: `std::fmod(float, float)` per element.",
-           "- W10's baselines fuse the four instructions into one loop (`v += g·dt; p += v·dt`), as one would by hand.",
+           "- W10's baselines fuse the four instructions into one loop (`v += g·dt; p += v·dt`), as one would by hand; so does W12's "
+           "hand SSE2 loop, four particles per iteration.",
+           "- **numexpr** (`bench/numexpr_w12.py`, W12 only; Debian's python3-numexpr" + (f" {res.numexpr['context'].get('numexpr')}, numpy "
+           f"{res.numexpr['context'].get('numpy')}" if getattr(res, "numexpr", {}).get("context") else "") + "): `numexpr.evaluate` with `out=` "
+           "arrays, one call per array written, float32 and int32 throughout, on one thread (`set_num_threads(1)`) and on every core; "
+           "with one array per component (twelve calls a frame, its faster layout here) and with the VM's (n, 3) arrays and broadcast "
+           "float3 constants (six calls). Medians of the same number of repetitions as ox_bench's, each at least the same minimum time.",
            "- Every divisor, constant and stream is a run-time value in the baselines (their translation units are separate), as it is for the VM.",
            ""]
     with open(args.markdown, "w") as f:
