@@ -4,8 +4,8 @@
 // A stream of TVector<float, N> is a flat float array. The kernels run over whole
 // 16-byte vectors with aligned loads and stores only:
 //   - both sources packed: the three streams are walked as flat arrays, one vector per
-//     iteration whatever N is, then one unconditional full-vector tail whose result is
-//     stored partially (the loads read up to 16 bytes past the end: streams are padded);
+//     iteration whatever N is; when 1 to 3 floats are left, one more full vector of each
+//     source is loaded and its result stored partially (see below);
 //   - one constant source: the constant is broadcast into registers once, outside the
 //     loop (three rotations of it for N = 3, whose 12-byte period spans 3 vectors);
 //   - anything else (a non-packed destination, two constants) takes a per-component
@@ -14,6 +14,21 @@
 // aligned pointers (always, from the register file) run the loop without a check per
 // access (SIMD_SSE::TAlignedAccess<true>); a misaligned one runs the same loop with the
 // vector library's checked accesses, which report every misaligned access.
+//
+// Reads past the last element. A program may run in batches of elements (one thread per
+// batch, every batch a multiple of 48 elements), so the bytes right after a batch's last
+// element can belong to the next batch, which another thread may be writing: a load of
+// them is a data race even when its lanes are thrown away. So whenever count x N floats
+// is a whole number of vectors (every batch but the last one of a stream), no kernel
+// here reads or writes a byte past the last element of any stream operand. Only a real
+// tail, 1 to 3 floats left after the whole vectors of a packed loop (N = 1, 2, 3) or a
+// one-constant loop (N = 1, 2), loads one full vector per stream source that runs up to
+// 12 bytes past the end, into the padding the register file guarantees after every
+// stream; its extra lanes are never stored. The test for that tail sits after the loop,
+// once per call. The N = 3 one-constant loop, modulo and negation never read past the
+// end at all: their tails are scalar or whole vectors inside the stream. A constant
+// operand is its one element, read once before the loop (N = 3 as one aligned vector
+// whose fourth float, inside the register's padding, is ignored).
 //
 // Every kernel has the signature of FnOp2Stream and computes src0 op src1. Modulo and
 // negation have kernels of their own at the end of the file.
@@ -219,8 +234,8 @@ namespace Orvex
 
 		private:
 			// dstStream[i .. i + 3] = vector(i, _Access()) for every whole vector before
-			// dstEnd, then the tail (see _Tail). 'vector' loads through the access type it is
-			// given.
+			// dstEnd, then the tail (see _Tail) when floats are left. 'vector' loads through
+			// the access type it is given.
 			template <typename _Access, typename _FnVector>
 			static void _VectorLoopAndTail(float *dstStream, const float *dstEnd, const _FnVector &vector)
 			{
@@ -230,8 +245,13 @@ namespace Orvex
 					_Access::Store(dstStream + i, vector(i, _Access()));
 				if constexpr (_Dimension == 4)
 					_Tail(dstStream + i, dstEnd, Float4::Zero());
-				else
+				else if (dstStream + i != dstEnd)
+				{
+					// The tail's vector starts at the first float left and runs past dstEnd.
+					// With no float left it would lie wholly past the last element (in the
+					// next batch, when the stream is run in batches): it is not loaded.
 					_Tail(dstStream + i, dstEnd, vector(i, _Access()));
+				}
 			}
 
 			// N = 3 with one constant: 12 floats (4 elements, 3 vectors) per iteration.
@@ -458,10 +478,11 @@ namespace Orvex
 				return dstStream + whole;
 			}
 
-			// The packed loops end here: N = 4 always ends on dstEnd; otherwise 0 to 3
-			// floats are left, computed from one more full vector of each source, always
-			// (padding makes the over-read safe), and stored partially. 'lastVector' is
-			// that vector (unused for N = 4).
+			// The packed loops end here: N = 4 always ends on dstEnd; otherwise, when 1 to 3
+			// floats are left (the caller tests that), they are computed from one more full
+			// vector of each source and stored partially. That vector reads up to 12 bytes
+			// past the last element, into the stream's padding; only the last batch of a
+			// stream has such a tail. 'lastVector' is that vector (unused for N = 4).
 			static __attribute__((always_inline)) void _Tail(float *dstStream, const float *dstEnd, const Float4 &lastVector)
 			{
 				if constexpr (_Dimension == 4)
@@ -472,7 +493,7 @@ namespace Orvex
 				else
 				{
 					const std::ptrdiff_t left = dstEnd - dstStream;
-					OX_ASSERT(left < 4);
+					OX_ASSERT(left > 0 && left < 4);
 					_StorePartial(dstStream, lastVector, left);
 				}
 			}

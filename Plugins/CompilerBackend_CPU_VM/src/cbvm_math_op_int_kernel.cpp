@@ -6,6 +6,11 @@
 //   1. a block loop with the vector form, while at least 12 integers remain;
 //   2. a scalar tail (fewer than 12 integers) indexed within the current block, which
 //      is right for a constant block too because it repeats with the element's period.
+// Neither step touches memory past the last integer: a block is loaded only while a whole
+// block remains, and the tail goes integer by integer. So whatever the count, nothing past
+// the last element of a stream operand is read or written; a program run in batches
+// relies on that, because the bytes after a batch are the next batch's, which another
+// thread may be writing. (Batches of 48 elements are whole blocks for every N anyway.)
 // Division, modulo and shifts use the vector form only for a uniform constant right
 // operand (the first four integers of the constant block equal, i.e. every component
 // equal); otherwise they go per lane, block by block, through the scalar definitions of

@@ -4,7 +4,9 @@
 //
 // Two layers:
 //   - ExecOperatorInt<N> checks its arguments once per instruction and turns each
-//     constant operand into a 12-integer block (TBroadcaster<N>::Broadcast12);
+//     constant operand into a 12-integer block (TBroadcaster<N>::Broadcast12), on the
+//     stack: the kernel then reads the constant's register no more (its one element,
+//     N = 3 as one aligned vector whose fourth word lies in the register's padding);
 //   - _ExecIntOperatorPacked, one kernel for every dimension, walks the destination as
 //     a flat array of s32 in blocks of 12 (three SSE vectors) and switches on the
 //     operator. 12 is a multiple of 1, 2, 3 and 4, so a broadcast constant lines up

@@ -5,8 +5,10 @@
 // operand comes with a stride of 0 and is simply re-read for every element. The
 // destination is dense (N components per element) and a kernel never touches memory
 // past the N components of an element, so a 3-component kernel leaves the float
-// after each element alone. The only vector work is one Float4 operation per element
-// for 2 to 4 components.
+// after each element alone, and nothing past the last element of any operand is read
+// or written, whatever the count (a batch's neighbour may be written by another thread
+// meanwhile). The only vector work is one Float4 operation per element for 2 to 4
+// components.
 //
 // Loads and stores by dimension:
 //   N = 1   Scalar::Load / Store                      (4 bytes)

@@ -8,6 +8,9 @@
 // report: destination and sources of the row's element size (4 x N bytes), 32-byte
 // aligned, source 0 present and source 1 present exactly for a binary operator.
 //
+// Each function reads and writes exactly the N components of its operands (N = 4 as
+// one aligned vector, fewer one component at a time), nothing around them.
+//
 // Each function computes what the stream kernel of its operator and row computes on a
 // packed stream of one element, lane for lane:
 //   - float arithmetic and comparisons: the same TOp2Impl operator, on one vector for
