@@ -82,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, std::size_t size)
 	for (std::size_t offset = 0; offset < size;)
 	{
 		const u8 opcode = data[offset];
-		const u32 need = opcode == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+		const u32 need = CMetaOp_MathOp::SizeOfOpcode(opcode);
 		if (opcode < CBVM::Opcode_MathOp || opcode > CBVM::Opcode_MathOpDiv || size - offset < need)
 		{
 			++offset;

@@ -38,7 +38,7 @@ namespace OxVm
 			if (!IsMathOpcode(opcode))
 				return CBVM::OpcodeName(opcode)[0] != '?' ? fmt::format("opcode {} ({}) is not a math-op instruction (113 to 117)", opcode, CBVM::OpcodeName(opcode))
 														  : fmt::format("unknown opcode {} (math-op opcodes are 113 to 117)", opcode);
-			const u32 need = CMetaOp_MathOp::EncodingSize(opcode == CBVM::Opcode_MathOp ? SOp_MathOp::Op_Mod : SOp_MathOp::Op_Add);
+			const u32 need = CMetaOp_MathOp::SizeOfOpcode(opcode);
 			if (size - offset < need)
 				return fmt::format("truncated instruction: opcode {} ({}) needs {} bytes, {} left", opcode, CBVM::OpcodeName(opcode), need, size - offset);
 			if (opcode == CBVM::Opcode_MathOp && bytecode[offset + CMetaOp_MathOp::kGenericOperatorOffset] >= SOp_MathOp::__MaxOps)
@@ -165,7 +165,7 @@ namespace OxVm
 				break;
 			}
 			text += DisassembleOne(bytecode + offset, offset, program, out.m_Instructions) + "\n";
-			offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+			offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
 			++out.m_Instructions;
 			if (++lines == kListingPiece)
 			{
@@ -228,7 +228,7 @@ namespace OxVm
 				*operands[i] = SOperand{index, 0};
 			}
 			program.m_Instructions.push_back(instruction);
-			offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+			offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
 		}
 		return true;
 	}

@@ -10,8 +10,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 namespace OxVm
 {
 	namespace
@@ -31,8 +29,7 @@ namespace OxVm
 				diagnostics.Flush();
 				return messages.substr(0, messages.find('\n'));
 			}
-			const std::vector<u8> again = Assemble(program);
-			return again.size() == size && std::equal(again.begin(), again.end(), bytes) ? std::string() : std::string("it assembles to other bytes");
+			return AssemblesTo(program, bytes, size) ? std::string() : std::string("it assembles to other bytes");
 		}
 	}
 
@@ -64,12 +61,8 @@ namespace OxVm
 	int CommandDisasm(const std::string &path, EInputFormat format)
 	{
 		std::string bytes;
-		std::string error;
-		if (!ReadFile(path, kMaxInputBytes, bytes, error))
-		{
-			fmt::print(stderr, "oxvm: error: {}\n", error);
+		if (!ReadInput(path, bytes))
 			return Exit_BadInput;
-		}
 		const std::string name = InputName(path);
 		if (bytes.empty())
 		{

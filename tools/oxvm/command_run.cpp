@@ -63,7 +63,7 @@ namespace OxVm
 			for (u32 offset = 0; offset < bytecode.size() && index < kListed; ++index)
 			{
 				fmt::print("  {}\n", DisassembleOne(bytecode.data() + offset, offset, &program, index));
-				offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+				offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
 			}
 			if (program.m_Instructions.size() > kListed)
 				fmt::print("  ... and {} more instructions (oxvm disasm lists them all)\n", program.m_Instructions.size() - kListed);

@@ -53,17 +53,22 @@ namespace OxVm
 		return CheckProgram(program, elements, diagnostics, standardPathRuns) && parsed;
 	}
 
+	bool ReadInput(const std::string &path, std::string &bytes)
+	{
+		std::string error;
+		if (ReadFile(path, kMaxInputBytes, bytes, error))
+			return true;
+		fmt::print(stderr, "oxvm: error: {}\n", error);
+		return false;
+	}
+
 	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns)
 	{
 		if (path.empty())
 			return LoadProgramText(kBundledExampleText, kBundledExampleName, elements, program, standardPathRuns);
 		std::string bytes;
-		std::string error;
-		if (!ReadFile(path, kMaxInputBytes, bytes, error))
-		{
-			fmt::print(stderr, "oxvm: error: {}\n", error);
+		if (!ReadInput(path, bytes))
 			return false;
-		}
 		const std::string name = InputName(path);
 		if (bytes.empty() || LooksLikeText(bytes))
 			return LoadProgramText(std::move(bytes), name, elements, program, standardPathRuns);

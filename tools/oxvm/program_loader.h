@@ -15,6 +15,10 @@ namespace OxVm
 	// 'standardPathRuns' false leaves out the warnings about the standard path (CheckProgram).
 	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns = true);
 
+	// The bytes of an input file ("-": standard input) up to kMaxInputBytes; false after
+	// printing why not.
+	bool ReadInput(const std::string &path, std::string &bytes);
+
 	// A program text already read ('name' for messages and to find CSV files).
 	bool LoadProgramText(std::string text, const std::string &name, u32 elements, SProgram &program, bool standardPathRuns = true);
 }

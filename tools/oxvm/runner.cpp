@@ -133,7 +133,7 @@ namespace OxVm
 		for (u32 offset = 0; offset < bytecode.size();)
 		{
 			offsets.push_back(offset);
-			offset += bytecode[offset] == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
+			offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
 		}
 		return offsets;
 	}

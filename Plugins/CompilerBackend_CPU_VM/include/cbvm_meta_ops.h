@@ -236,6 +236,8 @@ namespace Orvex
 		static u32 EncodingSize_Generic() { return kGenericSize; }
 		static u32 EncodingSize_Specialized() { return kSpecializedSize; }
 		static u32 EncodingSize(EOp op) { return u32(op) < kSpecializedOpCount ? kSpecializedSize : kGenericSize; }
+		// Bytes of the math-op instruction whose opcode byte is 'opcode' (113: generic, else specialised).
+		static constexpr u32 SizeOfOpcode(u8 opcode) { return opcode == CBVM::Opcode_MathOp ? kGenericSize : kSpecializedSize; }
 
 		// ---- Standard entry points: the SIMD stream path. Each opens a profiler scope
 		// named after itself, asserts its opcode byte and returns the instruction's size

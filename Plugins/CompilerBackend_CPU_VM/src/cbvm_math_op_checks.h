@@ -60,7 +60,7 @@ namespace Orvex
 		// generic form names it in byte 1, a specialised opcode is 114 + operator (any other
 		// byte reads as a division, as the specialised entries never look).
 		constexpr u32 RegisterBlockOffset(u8 opcode) { return opcode == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericRegistersOffset : CMetaOp_MathOp::kSpecializedRegistersOffset; }
-		constexpr u32 InstructionSize(u8 opcode) { return opcode == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize; }
+		constexpr u32 InstructionSize(u8 opcode) { return CMetaOp_MathOp::SizeOfOpcode(opcode); }
 		inline SOp_MathOp::EOp OperatorOf(const u8 *bytecode)
 		{
 			switch (bytecode[0])
