@@ -223,6 +223,7 @@ namespace OxBench
 			_Emit(SOp_MathOp::Op_Add, m_V, m_V, gdt);
 			_Emit(SOp_MathOp::Op_Mul, t, m_V, m_Dt);
 			_Emit(SOp_MathOp::Op_Add, m_P, m_P, t);
+			m_Scratch = {t};	// a temporary: the batched rows keep it in the cache
 			fillFloat(m_P, 3 * n, -10.0f, 10.0f);
 			fillFloat(m_V, 3 * n, -10.0f, 10.0f);
 			const float g[3] = {0.0f, -9.81f, 0.0f}, dt[3] = {1.0f / 60.0f, 1.0f / 60.0f, 1.0f / 60.0f};
@@ -255,7 +256,8 @@ namespace OxBench
 		if (Supports(workload, Impl_Batched))
 		{
 			m_Plan = std::make_unique<CBVM::CBatchPlan>();
-			if (!m_Plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage) && m_Plan->Refusal() != CBVM::BatchRefusal_None)
+			if (!m_Plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, CBVM::CBatchPlan::kDefaultBatch, m_Scratch.data(), std::uint32_t(m_Scratch.size())) &&
+				m_Plan->Refusal() != CBVM::BatchRefusal_None)
 			{
 				std::fprintf(stderr, "ox_bench: %s is refused by the batch plan: %s\n", WorkloadInfo(workload).m_Id, m_Plan->Reason());
 				std::abort();
@@ -293,6 +295,8 @@ namespace OxBench
 		const CVMRegID mid = _Declare(12, MetaType_Stream, BaseType_I32, n);
 		const CVMRegID band = _Declare(13, MetaType_Stream, BaseType_I32, n);
 		r.m_Colour = _Declare(14, MetaType_Stream, BaseType_I32, n);
+		// The temporaries: the batched rows keep them in the cache (scratch registers).
+		m_Scratch = {force, tmp, down, moving, up, young, mid, band};
 
 		// One-value registers.
 		m_G = _Declare(0, MetaType_Constant, BaseType_Float3, 1);

@@ -133,6 +133,7 @@ namespace OxBench
 		Orvex::CBytecodeExecContext m_Context;
 		std::vector<std::uint8_t> m_Bytecode;
 		std::unique_ptr<Orvex::CBVM::CBatchPlan> m_Plan;			// the batched rows' (W10, W12)
+		std::vector<CVMRegID> m_Scratch;							// the batched rows' scratch registers: the program's temporaries
 		std::unique_ptr<Orvex::CBVM::CTbbParallelFor> m_Threads;	// every core
 
 		// Operands, read and written by every implementation (the baselines use the VM's

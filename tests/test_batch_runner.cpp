@@ -130,15 +130,29 @@ namespace
 		}
 	};
 
-	// Every word of every entry of a file.
-	std::vector<u32> Snapshot(const SFile &file)
+	// Every word of every entry of a file; the words of 'skipped' entries' storage (and of
+	// any entry viewing it) read as 0.
+	std::vector<u32> Snapshot(const SFile &file, const std::vector<CVMRegID> &skipped = {})
 	{
+		std::vector<std::pair<const u8 *, const u8 *>> holes;
+		for (const CVMRegID &id : skipped)
+		{
+			const CCBCPUMetaRegisters::SRegister &entry = file.m_Storage.Registers().SelectRegister(id);
+			holes.emplace_back(static_cast<const u8 *>(entry.m_RawData), static_cast<const u8 *>(entry.m_RawData) + entry.m_Size);
+		}
 		std::vector<u32> words;
 		for (const CVMRegID &id : file.m_Ids)
 		{
 			const CCBCPUMetaRegisters::SRegister &entry = file.m_Storage.Registers().SelectRegister(id);
 			const u32 *data = static_cast<const u32 *>(entry.m_RawData);
-			words.insert(words.end(), data, data + entry.m_Size / 4);
+			for (u32 w = 0; w < entry.m_Size / 4; ++w)
+			{
+				const u8 *at = reinterpret_cast<const u8 *>(data + w);
+				bool hole = false;
+				for (const auto &range : holes)
+					hole = hole || (at >= range.first && at < range.second);
+				words.push_back(hole ? 0u : data[w]);
+			}
 		}
 		return words;
 	}
@@ -146,7 +160,12 @@ namespace
 	// A random verified instruction over the file's entries: a destination of the
 	// sources' type (a comparison may write the bool of the same width), the bitwise
 	// operators on ints and bools only.
-	bool RandomInstruction(const SFile &file, OxTest::CSeededRandom &random, std::vector<u8> &code, bool oneElementOften)
+	struct SOperands
+	{
+		CVMRegID m_Dst, m_Src0, m_Src1;
+	};
+
+	bool RandomInstruction(const SFile &file, OxTest::CSeededRandom &random, std::vector<u8> &code, std::vector<SOperands> &operands, bool oneElementOften)
 	{
 		const SOp_MathOp::EOp op = SOp_MathOp::EOp(random.Uniform(SOp_MathOp::__MaxOps));
 		const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(op);
@@ -206,7 +225,47 @@ namespace
 		if (!verdict.Accepted())
 			return false;
 		code.insert(code.end(), instruction.begin(), instruction.end());
+		operands.push_back({dst, src0, src1});
 		return true;
+	}
+
+	// Scratch registers for a random program: mostly per-element destinations that the
+	// program writes before it reads them (accepted), sometimes any register (a read
+	// before the write, an alias of a kept register or a one-element register: refused,
+	// or one the program does not use: ignored).
+	std::vector<CVMRegID> RandomScratch(const SFile &file, const std::vector<SOperands> &program, OxTest::CSeededRandom &random)
+	{
+		std::vector<CVMRegID> scratch;
+		if (random.Uniform(2) == 0)
+			return scratch;
+		auto sameStorage = [](const CVMRegID &a, const CVMRegID &b) { return a.ToSlot() == b.ToSlot() && a.ToBank() == b.ToBank(); };
+		for (std::size_t n = 0; n < program.size(); ++n)
+		{
+			const CVMRegID dst = program[n].m_Dst;
+			if (dst.ToBank() < MetaType_Instance || random.Uniform(2) == 0)
+				continue;
+			bool readFirst = false;
+			for (std::size_t m = 0; m <= n && !readFirst; ++m)
+				readFirst = sameStorage(program[m].m_Src0, dst) || (program[m].m_Src1.Valid() && sameStorage(program[m].m_Src1, dst)) || (m < n && sameStorage(program[m].m_Dst, dst));
+			if (!readFirst || random.Uniform(8) == 0)
+				scratch.push_back(dst);
+		}
+		if (random.Uniform(8) == 0)
+			scratch.push_back(file.m_Ids[random.Uniform(file.m_Ids.size())]);
+		else if (random.Uniform(4) == 0)
+		{
+			// A source that an instruction reads into another register and a later one
+			// writes: read before it is written unless an earlier instruction writes it (a
+			// run that took it would carry the wrong words into a kept register).
+			const std::size_t n = random.Uniform(program.size());
+			const CVMRegID src = program[n].m_Src0;
+			bool writtenLater = false;
+			for (std::size_t m = n + 1; m < program.size(); ++m)
+				writtenLater = writtenLater || sameStorage(program[m].m_Dst, src);
+			if (src.ToBank() >= MetaType_Instance && !sameStorage(src, program[n].m_Dst) && writtenLater)
+				scratch.push_back(src);
+		}
+		return scratch;
 	}
 
 	// Runs 'code' on a copy of the file whole-stream, batched on one thread and batched
@@ -214,6 +273,7 @@ namespace
 	struct SOutcome
 	{
 		bool m_Batched = false;
+		u32 m_Scratch = 0;
 		CBVM::EBatchRefusal m_Refusal = CBVM::BatchRefusal_None;
 		std::string m_Difference;
 	};
@@ -225,7 +285,9 @@ namespace
 		void TearDown() override { Assert::SetHandler(m_Previous); }
 		static int Silent(const Assert::SReport &) { return Assert::Answer_Continue; }
 
-		static SOutcome Compare(u32 slots, u32 stream, u32 seed, const std::vector<u8> &code, u32 batch, u32 threads)
+		// scratch: the host's scratch registers; a batched run's words of their storage are
+		// not compared (the whole-stream run writes them, a batched one does not).
+		static SOutcome Compare(u32 slots, u32 stream, u32 seed, const std::vector<u8> &code, u32 batch, u32 threads, const std::vector<CVMRegID> &scratch = {})
 		{
 			SOutcome outcome;
 			constexpr u32 kRuns = OX_HAVE_TBB ? 4 : 3;
@@ -243,8 +305,9 @@ namespace
 				else
 				{
 					CBatchPlan plan;
-					plan.Build(code.data(), u32(code.size()), file.m_Storage, batch);
+					plan.Build(code.data(), u32(code.size()), file.m_Storage, batch, scratch.data(), u32(scratch.size()));
 					outcome.m_Batched = plan.Batched();
+					outcome.m_Scratch = plan.ScratchRegisters();
 					outcome.m_Refusal = plan.Refusal();
 					OxTest::SStdParallelFor pool{threads, 2};
 					CBVM::SParallelFor parallel = run == 2 ? pool.ParallelFor() : CBVM::SParallelFor();
@@ -257,7 +320,18 @@ namespace
 					EXPECT_EQ(result.m_Run.m_Status, CBVM::RunStatus_Ok);
 					EXPECT_EQ(result.m_Batched, plan.Batched());
 				}
-				results[run] = Snapshot(file);
+				results[run] = Snapshot(file, outcome.m_Batched ? scratch : std::vector<CVMRegID>());
+			}
+			if (outcome.m_Batched && !scratch.empty())
+			{
+				// The whole-stream words again, without the scratch storage.
+				SDraw random(seed);
+				SFile file(slots, stream, random);
+				CCompilerBackendCPUProgram_VM program;
+				CRuntimeCPUBindings bindings;
+				SCompilerCPUDebugCtx debug;
+				CBVM::CInterpreter::Run(CBytecodeExecContext(&program, bindings, file.m_Storage.Registers(), debug), code.data(), u32(code.size()));
+				results[0] = Snapshot(file, scratch);
 			}
 			const char *const names[] = {"whole", "one thread", "threads", "oneTBB"};
 			for (u32 run = 1; run < kRuns && outcome.m_Difference.empty(); ++run)
@@ -278,7 +352,7 @@ namespace
 	{
 		OxTest::CSeededRandom random(20261124);
 		const u32 streams[] = {50, 95, 96, 97, 143, 144, 145, 193, 241, 481};
-		u32 batchedPrograms = 0, refusals[CBVM::__MaxBatchRefusals] = {};
+		u32 batchedPrograms = 0, withScratch = 0, refusals[CBVM::__MaxBatchRefusals] = {};
 		for (u32 n = 0; n < 2000; ++n)
 		{
 			const u32 seed = u32(random());
@@ -286,27 +360,34 @@ namespace
 			const u32 stream = streams[random.Uniform(std::size(streams))];
 			const u32 batch = random.Uniform(3) == 0 ? CBatchPlan::kDefaultBatch : 48 * (1 + random.Uniform(2));
 			std::vector<u8> code;
+			std::vector<CVMRegID> scratch;
 			{
 				SDraw fileRandom(seed);
 				SFile file(slots, stream, fileRandom);
 				const bool oneElementOften = random.Uniform(2) == 0;
+				std::vector<SOperands> operands;
 				for (u32 tries = 0, count = 0; count < 3 + random.Uniform(10) && tries < 200; ++tries)
-					count += RandomInstruction(file, random, code, oneElementOften) ? 1 : 0;
+					count += RandomInstruction(file, random, code, operands, oneElementOften) ? 1 : 0;
+				scratch = RandomScratch(file, operands, random);
 			}
 			if (code.empty())
 				continue;
-			const SOutcome outcome = Compare(slots, stream, seed, code, batch, 2 + random.Uniform(3));
-			ASSERT_TRUE(outcome.m_Difference.empty()) << "program " << n << " (file seed " << seed << ", " << slots << " slots, stream " << stream << ", batch " << batch
-													  << "): " << outcome.m_Difference;
+			const SOutcome outcome = Compare(slots, stream, seed, code, batch, 2 + random.Uniform(3), scratch);
+			ASSERT_TRUE(outcome.m_Difference.empty()) << "program " << n << " (file seed " << seed << ", " << slots << " slots, stream " << stream << ", batch " << batch << ", "
+													  << scratch.size() << " scratch): " << outcome.m_Difference;
 			batchedPrograms += outcome.m_Batched ? 1 : 0;
+			withScratch += outcome.m_Batched && outcome.m_Scratch != 0 ? 1 : 0;
 			++refusals[outcome.m_Refusal];
 		}
 		// The draws must exercise both: programs that run in batches, and refusals.
 		EXPECT_GT(batchedPrograms, 100u);
 		EXPECT_GT(refusals[CBVM::BatchRefusal_OneElementReadsStream], 10u);
 		EXPECT_GT(refusals[CBVM::BatchRefusal_WrittenAfterRead], 2u);
-		std::printf("batched %u, refused: reads stream %u, written after read %u, overlap %u, short %u\n", batchedPrograms, refusals[CBVM::BatchRefusal_OneElementReadsStream],
-					refusals[CBVM::BatchRefusal_WrittenAfterRead], refusals[CBVM::BatchRefusal_OverlappingStorage], refusals[CBVM::BatchRefusal_ShortRegister]);
+		EXPECT_GT(withScratch, 60u);
+		EXPECT_GT(refusals[CBVM::BatchRefusal_Scratch], 10u);
+		std::printf("seed 20261124: batched %u (%u with scratch registers), refused: reads stream %u, written after read %u, overlap %u, short %u, scratch %u\n", batchedPrograms,
+					withScratch, refusals[CBVM::BatchRefusal_OneElementReadsStream], refusals[CBVM::BatchRefusal_WrittenAfterRead], refusals[CBVM::BatchRefusal_OverlappingStorage],
+					refusals[CBVM::BatchRefusal_ShortRegister], refusals[CBVM::BatchRefusal_Scratch]);
 	}
 
 	// Each rule of the plan, on a small file: three float streams (slots 1 to 3), a
@@ -342,10 +423,34 @@ namespace
 			*m_Aliased = {static_cast<u8 *>(target.m_RawData) + shift, target.m_Size - shift};
 		}
 
-		CBatchPlan &Plan(const std::vector<u8> &code, u32 batch = CBatchPlan::kDefaultBatch)
+		CBatchPlan &Plan(const std::vector<u8> &code, u32 batch = CBatchPlan::kDefaultBatch, const std::vector<CVMRegID> &scratch = {})
 		{
-			m_Plan.Build(code.data(), u32(code.size()), m_Storage, batch);
+			m_Plan.Build(code.data(), u32(code.size()), m_Storage, batch, scratch.data(), u32(scratch.size()));
 			return m_Plan;
+		}
+
+		// Element i of slot 'slot''s stream: (slot, i, -i).
+		void Fill(u32 slot)
+		{
+			float *data = m_Storage.DataAs<float>(Stream(slot));
+			for (u32 i = 0; i < m_Storage.Registers().m_StreamDimensions; ++i)
+			{
+				data[3 * i] = float(slot);
+				data[3 * i + 1] = float(i);
+				data[3 * i + 2] = -float(i);
+			}
+		}
+		std::vector<u32> Words(u32 slot)
+		{
+			const u32 *data = m_Storage.DataAs<u32>(Stream(slot));
+			return std::vector<u32>(data, data + 3 * m_Storage.Registers().m_StreamDimensions);
+		}
+		CBVM::SBatchRunResult Run(const CBatchPlan &plan)
+		{
+			CCompilerBackendCPUProgram_VM program;
+			CRuntimeCPUBindings bindings;
+			SCompilerCPUDebugCtx debug;
+			return CBatchRunner::Run(plan, CBytecodeExecContext(&program, bindings, m_Storage.Registers(), debug));
 		}
 
 		CRegisterStorage m_Storage{5};
@@ -443,5 +548,85 @@ namespace
 		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_ShortRegister);
 		EXPECT_NE(std::string(plan.Reason()).find("stream.1:float3 of instruction 0 (offset 0) holds 480000 bytes, fewer than the stream's 40096 elements (481152 bytes)"), std::string::npos)
 			<< plan.Reason();
+	}
+
+	TEST_F(BatchPlanRules, ScratchRegistersStayInTheBatchAndTheRestIsExact)
+	{
+		// t = p + v; p = t * k; v = t - p: t (slot 3) is a temporary.
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(3), Stream(1), Stream(2));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(1), Stream(3), Constant(4));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Sub, Stream(2), Stream(3), Stream(1));
+		m_Storage.DataAs<float>(Constant(4))[0] = 0.5f;
+		m_Storage.DataAs<float>(Constant(4))[1] = 3.0f;
+		m_Storage.DataAs<float>(Constant(4))[2] = -0.25f;
+		for (u32 slot = 1; slot <= 3; ++slot)
+			Fill(slot);
+		const std::vector<u32> tBefore = Words(3);
+		ASSERT_TRUE(Plan(code, 480).Batched());
+		Run(m_Plan);
+		const std::vector<u32> p = Words(1), v = Words(2), t = Words(3);
+		for (u32 slot = 1; slot <= 3; ++slot)
+			Fill(slot);
+		const CBatchPlan &plan = Plan(code, 480, {Stream(3)});
+		ASSERT_TRUE(plan.Batched()) << plan.Reason();
+		EXPECT_EQ(plan.ScratchRegisters(), 1u);
+		EXPECT_EQ(plan.BytesPerElement(), 36u);	// the scratch register counts: it is in the cache during a batch
+		EXPECT_STREQ(plan.Reason(), "batches of 480 elements (84 batches, 36 per-element bytes each), 0 one-element instructions first, 1 scratch register in per-thread buffers");
+		const CBVM::SBatchRunResult result = Run(plan);
+		EXPECT_TRUE(result.m_Batched);
+		EXPECT_EQ(Words(1), p);
+		EXPECT_EQ(Words(2), v);
+		EXPECT_EQ(Words(3), tBefore);	// not written
+		EXPECT_NE(t, tBefore);
+		// Whole stream (a batch size of 0), the scratch register is written as usual.
+		for (u32 slot = 1; slot <= 3; ++slot)
+			Fill(slot);
+		EXPECT_FALSE(Plan(code, 0, {Stream(3)}).Batched());
+		Run(m_Plan);
+		EXPECT_EQ(Words(3), t);
+	}
+
+	TEST_F(BatchPlanRules, AScratchRegisterReadBeforeItIsWrittenIsRefused)
+	{
+		// p = t * k reads t's values from before the run; then t = p + v.
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(1), Stream(3), Constant(4));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(3), Stream(1), Stream(2));
+		const CBatchPlan &plan = Plan(code, 480, {Stream(3)});
+		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_Scratch);
+		EXPECT_STREQ(plan.Reason(), "whole stream: instruction 0 (offset 0) 'mul' reads the scratch stream.3:float3 before the program writes it");
+		// In place is a read too.
+		std::vector<u8> inPlace;
+		OxTest::EmitEncoded(inPlace, SOp_MathOp::Op_Add, Stream(3), Stream(3), Stream(2));
+		EXPECT_EQ(Plan(inPlace, 480, {Stream(3)}).Refusal(), CBVM::BatchRefusal_Scratch);
+		EXPECT_STREQ(m_Plan.Reason(), "whole stream: instruction 0 (offset 0) 'add' reads the scratch stream.3:float3 before the program writes it");
+		// A name the program does not use is ignored.
+		EXPECT_TRUE(Plan(code, 480, {CVMRegID::Build(1, MetaType_Instance, BaseType_Float)}).Batched()) << m_Plan.Reason();
+		EXPECT_EQ(m_Plan.ScratchRegisters(), 0u);
+	}
+
+	TEST_F(BatchPlanRules, AScratchRegisterSharedWithAKeptOneIsRefused)
+	{
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(3), Stream(1), Stream(1));
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(1), Stream(2), Constant(4));
+		Alias(2, 3, 0);	// slot 2's stream is slot 3's storage
+		const CBatchPlan &plan = Plan(code, 480, {Stream(3)});
+		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_Scratch);
+		EXPECT_STREQ(plan.Reason(), "whole stream: stream.2:float3 of instruction 1 (offset 13) 'mul' shares storage with a scratch register but is not named scratch");
+		EXPECT_TRUE(Plan(code, 480, {Stream(3), Stream(2)}).Batched()) << m_Plan.Reason();	// both named: one buffer
+		EXPECT_EQ(m_Plan.ScratchRegisters(), 1u);
+	}
+
+	TEST_F(BatchPlanRules, AOneElementScratchRegisterIsRefused)
+	{
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, Stream(3), Stream(1), Stream(1));
+		EXPECT_EQ(Plan(code, 480, {Constant(4)}).Refusal(), CBVM::BatchRefusal_Scratch);
+		EXPECT_STREQ(m_Plan.Reason(), "whole stream: the scratch constant.4:float3 is a one-element register (only Instance and Stream registers can be scratch)");
+		EXPECT_EQ(Plan(code, 480, {CVMRegID::INVALID}).Refusal(), CBVM::BatchRefusal_Scratch);
+		EXPECT_STREQ(m_Plan.Reason(), "whole stream: scratch register 0 of the list (0xffffffff) is ill-formed or outside the table");
+		EXPECT_STREQ(CBVM::BatchRefusalName(CBVM::BatchRefusal_Scratch), "scratch register read before written, shared with a kept register, or one-element");
 	}
 }

@@ -180,21 +180,25 @@ namespace
 
 	// The program in batches of 48 (517 elements: ten batches and a tail) on several
 	// threads: every word as in the whole-stream run, on both paths, and the hazards the
-	// batches counted on other threads summed into the caller's, as on one thread.
+	// batches counted on other threads summed into the caller's, as on one thread. Once
+	// more with tmp as a scratch register (per-thread buffers): every other word the same.
 	TEST(Threads, BatchesOnSeveralThreadsGiveTheWholeStreamWords)
 	{
 		const SProgram program;
+		const CVMRegID tmp = program.m_Registers[4];
 		for (CBVM::EExecPath path : {CBVM::ExecPath_Standard, CBVM::ExecPath_Low})
 		{
 			const SOutcome whole = RunFrames(program, path);
-			SOutcome batched[2];
-			for (u32 run = 0; run < 2; ++run)
+			SOutcome batched[3];
+			std::size_t tmpBegin = 0, tmpEnd = 0;	// tmp's words in m_Words
+			for (u32 run = 0; run < 3; ++run)
 			{
 				CRegisterStorage storage;
 				program.Build(storage);
 				Profiler::CHazards::CurrentThreadHazards().Reset();
 				CBVM::CBatchPlan plan;
-				ASSERT_TRUE(plan.Build(program.m_Code.data(), u32(program.m_Code.size()), storage, 48)) << plan.Reason();
+				ASSERT_TRUE(plan.Build(program.m_Code.data(), u32(program.m_Code.size()), storage, 48, &tmp, run == 2 ? 1 : 0)) << plan.Reason();
+				ASSERT_EQ(plan.ScratchRegisters(), run == 2 ? 1u : 0u);
 				CCompilerBackendCPUProgram_VM vmProgram;
 				CRuntimeCPUBindings bindings;
 				SCompilerCPUDebugCtx debugCtx;
@@ -205,6 +209,8 @@ namespace
 				for (CVMRegID id : program.m_Registers)
 				{
 					const u32 *words = storage.DataAs<u32>(id);
+					if (id == tmp)
+						tmpBegin = batched[run].m_Words.size(), tmpEnd = tmpBegin + storage.Size(id) / 4;
 					batched[run].m_Words.insert(batched[run].m_Words.end(), words, words + storage.Size(id) / 4);
 				}
 				for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
@@ -213,7 +219,14 @@ namespace
 			EXPECT_EQ(batched[0].m_Words, whole.m_Words) << CBVM::ExecPathName(path);
 			EXPECT_EQ(batched[1].m_Words, whole.m_Words) << CBVM::ExecPathName(path);
 			for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+			{
 				EXPECT_EQ(batched[1].m_Hazards[h], batched[0].m_Hazards[h]) << "hazard " << h;
+				EXPECT_EQ(batched[2].m_Hazards[h], batched[0].m_Hazards[h]) << "hazard " << h;
+			}
+			std::vector<u32> kept = whole.m_Words;
+			kept.erase(kept.begin() + std::ptrdiff_t(tmpBegin), kept.begin() + std::ptrdiff_t(tmpEnd));
+			batched[2].m_Words.erase(batched[2].m_Words.begin() + std::ptrdiff_t(tmpBegin), batched[2].m_Words.begin() + std::ptrdiff_t(tmpEnd));
+			EXPECT_EQ(batched[2].m_Words, kept) << CBVM::ExecPathName(path) << " with a scratch register";
 		}
 	}
 }

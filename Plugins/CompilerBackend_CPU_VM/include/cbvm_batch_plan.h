@@ -27,6 +27,18 @@
 //     first: the plan is no verifier).
 // Reason() says which, in a sentence a host can log.
 //
+// Scratch registers. A host may name per-element registers whose values it does not
+// read after the run: the program's temporaries. In a batched run each of them lives
+// in a buffer of one batch per thread, which stays in the cache, instead of its
+// storage: the temporaries cost no memory traffic, and the storage is not written at
+// all (it keeps what it held). Every other register ends bit for bit as after the
+// whole-stream run. A scratch register must be written by the program before it reads
+// it (the first per-element instruction that names its storage writes it and does not
+// read it), and every register of the program on the same storage must be named too;
+// otherwise the plan refuses (a one-element register cannot be scratch either). Names
+// of registers the program does not use are ignored. A program that runs whole-stream
+// (refused, or one batch) writes its scratch registers as usual.
+//
 // Batches are multiples of kBatchGranule elements: a batch boundary never splits a
 // vector or an integer block of any kernel, so only the last batch has a tail, and
 // every batch of 32-byte aligned storage starts 32-byte aligned. The last batch takes
@@ -58,6 +70,7 @@ namespace Orvex
 			BatchRefusal_WrittenAfterRead,		// a one-element instruction writes what an earlier per-element one reads
 			BatchRefusal_OverlappingStorage,	// storage overlaps other than exactly
 			BatchRefusal_ShortRegister,			// a per-element register holds fewer elements than the stream
+			BatchRefusal_Scratch,				// a scratch register read before it is written, shared with a kept one, or one-element
 			__MaxBatchRefusals
 		};
 
@@ -88,9 +101,12 @@ namespace Orvex
 			// Plans 'bytecode' (verified) over the register file as it is now (its table,
 			// storage and m_StreamDimensions; slotCount entries of 4 banks). batchElements:
 			// kDefaultBatch, 0 (whole stream), or a size (rounded up to kBatchGranule).
+			// scratch: scratchCount registers whose values the host does not need after the
+			// run (see above; by slot and bank: the type is not looked at).
 			// Returns Batched(). Rebuild after the host changes the table or the stream size.
-			bool Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements = kDefaultBatch);
-			bool Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements = kDefaultBatch);
+			bool Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements = kDefaultBatch, const CVMRegID *scratch = nullptr,
+					   u32 scratchCount = 0);
+			bool Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements = kDefaultBatch, const CVMRegID *scratch = nullptr, u32 scratchCount = 0);
 
 			// True when the run goes in batches; false when it runs whole-stream: refused
 			// (Refusal() != None), batch size 0, or a stream that fits one batch.
@@ -104,16 +120,21 @@ namespace Orvex
 			u32 HoistedInstructions() const { return m_HoistedCount; }
 			// Bytes of per-element registers per element (what the default batch divides).
 			u32 BytesPerElement() const { return m_BytesPerElement; }
+			// Scratch registers (distinct storage) that a batched run keeps in per-thread buffers.
+			u32 ScratchRegisters() const { return m_ScratchCount; }
 		private:
 			friend class CBatchRunner;
 			friend struct CBatchRunnerAccess;
 
 			// One entry of a batch's register table: the planned file's entry, moved by
-			// begin x m_ElementSize bytes for a per-element one (m_ElementSize 0: as is).
+			// begin x m_ElementSize bytes for a per-element one (m_ElementSize 0: as is), or
+			// for a scratch one the thread's buffer at m_Scratch.
+			static constexpr u32 kNotScratch = ~0u;
 			struct SEntryPlan
 			{
 				u32 m_Source;		// index in the planned file's table
 				u32 m_ElementSize;
+				u32 m_Scratch = kNotScratch;	// offset in a thread's scratch area
 			};
 
 			void _Refuse(EBatchRefusal refusal, const char *format, ...);
@@ -127,16 +148,21 @@ namespace Orvex
 			u32 m_BatchCount = 0;
 			u32 m_HoistedCount = 0;
 			u32 m_BytesPerElement = 0;
+			u32 m_ScratchCount = 0;
 			std::vector<u8> m_Whole;		// the planned bytecode, as given (a whole-stream run)
 			std::vector<u8> m_Hoisted;		// one-element instructions, as given
 			std::vector<u8> m_Batch;		// per-element instructions, registers renumbered into m_Entries
 			std::vector<u32> m_HoistedOffsets, m_BatchOffsets;	// each instruction's offset in m_Whole
 			std::vector<SEntryPlan> m_Entries;	// 4 per renumbered slot
-			// Tables of batch runs whose table is too large for the stack: one per hardware
-			// thread (at most 64), taken and given back without a lock (a free bit each).
+			// What one running body needs besides its stack: a register table when it is too
+			// large for the stack, the scratch buffers. One per hardware thread (at most 64),
+			// taken and given back without a lock (a free bit each).
 			static constexpr u32 kStackEntries = 256;
-			u32 m_PoolTables = 0;
-			mutable std::unique_ptr<CCBCPUMetaRegisters::SRegister[]> m_Pool;
+			static constexpr u32 kScratchAlign = 64;
+			u32 m_PoolBodies = 0;
+			u32 m_ScratchBytes = 0;		// a body's scratch area (a multiple of kScratchAlign)
+			mutable std::unique_ptr<CCBCPUMetaRegisters::SRegister[]> m_Pool;	// tables, when larger than kStackEntries
+			mutable std::unique_ptr<u8[]> m_ScratchPool;	// scratch areas (kScratchAlign more, to align the first)
 			mutable std::atomic<u64> m_PoolFree{0};
 		};
 	}

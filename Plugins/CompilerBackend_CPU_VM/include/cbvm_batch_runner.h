@@ -21,7 +21,8 @@
 // thread, and returns the total.
 //
 // A run allocates nothing: a batch's register table lives on the stack, or for large
-// programs in the plan (one per hardware thread, taken without a lock).
+// programs in the plan, and so do the scratch buffers (one set per hardware thread,
+// taken without a lock).
 
 #include "cbvm_batch_plan.h"
 #include "cbvm_interpreter.h"

@@ -10,6 +10,7 @@
 #include <map>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace Orvex
 {
@@ -19,14 +20,16 @@ namespace Orvex
 
 		namespace
 		{
-			constexpr const char *kRefusalNames[__MaxBatchRefusals] = {
+			constexpr const char *kRefusalNames[] = {
 				"none",
 				"the bytecode does not decode",
 				"one-element instruction reads a per-element source",
 				"one-element instruction writes what an earlier per-element instruction reads",
 				"storage overlaps other than exactly",
 				"per-element register shorter than the stream",
+				"scratch register read before written, shared with a kept register, or one-element",
 			};
+			static_assert(sizeof(kRefusalNames) / sizeof(kRefusalNames[0]) == __MaxBatchRefusals, "a name for every refusal");
 
 			// One instruction as the plan sees it.
 			struct SInstruction
@@ -117,12 +120,12 @@ namespace Orvex
 			va_end(args);
 		}
 
-		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements)
+		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements, const CVMRegID *scratch, u32 scratchCount)
 		{
-			return Build(bytecode, size, storage.Registers(), storage.SlotCount(), batchElements);
+			return Build(bytecode, size, storage.Registers(), storage.SlotCount(), batchElements, scratch, scratchCount);
 		}
 
-		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements)
+		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements, const CVMRegID *scratch, u32 scratchCount)
 		{
 			m_Batched = false;
 			m_Refusal = BatchRefusal_None;
@@ -132,6 +135,7 @@ namespace Orvex
 			m_BatchCount = 0;
 			m_HoistedCount = 0;
 			m_BytesPerElement = 0;
+			m_ScratchCount = 0;
 			m_Whole.assign(bytecode, bytecode + size);
 			m_Hoisted.clear();
 			m_Batch.clear();
@@ -139,7 +143,9 @@ namespace Orvex
 			m_BatchOffsets.clear();
 			m_Entries.clear();
 			m_Pool.reset();
-			m_PoolTables = 0;
+			m_ScratchPool.reset();
+			m_PoolBodies = 0;
+			m_ScratchBytes = 0;
 			m_PoolFree = 0;
 
 			// Decode: the ids, sizes and kinds of every instruction.
@@ -268,6 +274,65 @@ namespace Orvex
 					return false;
 				}
 
+			// Scratch storage, by its first byte (per-element storage overlaps only exactly,
+			// so aliases share it): named by the host, written before it is read, every
+			// register on it named.
+			struct SScratch
+			{
+				bool m_Written = false;
+				u32 m_Offset = kNotScratch;	// in a body's scratch area, once placed
+			};
+			std::unordered_map<std::uintptr_t, SScratch> scratchOf;
+			std::unordered_set<u32> scratchEntries;	// table indices named
+			for (u32 s = 0; s < scratchCount; ++s)
+			{
+				const u32 bits = scratch[s].Bits();
+				if (!CVMRegID::WellFormedBits(bits) || CVMRegID::SlotOf(bits) >= slotCount || registers.m_Registers == nullptr)
+				{
+					_Refuse(BatchRefusal_Scratch, "scratch register %u of the list (0x%08x) is ill-formed or outside the table", s, bits);
+					return false;
+				}
+				if (!CVMRegID::PerElementOf(bits))
+				{
+					_Refuse(BatchRefusal_Scratch, "the scratch %s is a one-element register (only Instance and Stream registers can be scratch)", SIdText(bits).m_Text);
+					return false;
+				}
+				scratchEntries.insert(CVMRegID::SlotOf(bits) * CCBCPUMetaRegisters::kBanksPerSlot + CVMRegID::BankIndexOf(bits));
+				if (const void *data = registers.SelectWellFormed(bits).m_RawData)
+					scratchOf.emplace(reinterpret_cast<std::uintptr_t>(data), SScratch());
+			}
+			auto storageOf = [&](u32 bits) { return reinterpret_cast<std::uintptr_t>(registers.SelectWellFormed(bits).m_RawData); };
+			if (!scratchOf.empty())
+				for (u32 n = 0; n < program.size(); ++n)
+				{
+					const SInstruction &ins = program[n];
+					if (!ins.m_PerElement)
+						continue;	// one-element instructions name no per-element storage (checked above)
+					const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
+					for (u32 i = 0; i < ins.m_Operands; ++i)
+					{
+						const u32 bits = ins.m_Ids[i];
+						const auto found = CVMRegID::PerElementOf(bits) ? scratchOf.find(storageOf(bits)) : scratchOf.end();
+						if (found == scratchOf.end())
+							continue;
+						if (scratchEntries.count(CVMRegID::SlotOf(bits) * CCBCPUMetaRegisters::kBanksPerSlot + CVMRegID::BankIndexOf(bits)) == 0)
+						{
+							_Refuse(BatchRefusal_Scratch, "%s of instruction %u (offset %u) '%s' shares storage with a scratch register but is not named scratch", SIdText(bits).m_Text, n,
+									ins.m_Offset, name);
+							return false;
+						}
+						if (i != 0 && !found->second.m_Written)
+						{
+							_Refuse(BatchRefusal_Scratch, "instruction %u (offset %u) '%s' reads the scratch %s before the program writes it", n, ins.m_Offset, name,
+									SIdText(bits).m_Text);
+							return false;
+						}
+					}
+					if (CVMRegID::PerElementOf(ins.m_Ids[0]))
+						if (const auto found = scratchOf.find(storageOf(ins.m_Ids[0])); found != scratchOf.end())
+							found->second.m_Written = true;
+				}
+
 			// Renumber the slots the per-element instructions use (a batch's table holds
 			// those only), note each per-element entry's element size, and split the code.
 			std::unordered_map<u32, u32> compact;	// slot -> renumbered slot
@@ -326,15 +391,45 @@ namespace Orvex
 			}
 			m_BatchElements = u32(batch);
 			m_BatchCount = u32(count);
-			if (m_Entries.size() > kStackEntries)
+
+			// Scratch areas: the largest batch (a lone last element joins the one before it)
+			// and the padding a register file guarantees after every register, each aligned.
+			u64 scratchBytes = 0;
+			for (SEntryPlan &entry : m_Entries)
 			{
-				m_PoolTables = std::clamp<u32>(std::thread::hardware_concurrency(), 1, 64);
-				m_Pool.reset(new CCBCPUMetaRegisters::SRegister[std::size_t(m_PoolTables) * m_Entries.size()]);
-				m_PoolFree = m_PoolTables == 64 ? ~u64(0) : (u64(1) << m_PoolTables) - 1;
+				const auto found = entry.m_ElementSize != 0 ? scratchOf.find(reinterpret_cast<std::uintptr_t>(registers.m_Registers[entry.m_Source].m_RawData)) : scratchOf.end();
+				if (found == scratchOf.end() || !found->second.m_Written)
+					continue;
+				if (found->second.m_Offset == kNotScratch)
+				{
+					const u64 bytes = (u64(m_BatchElements) + 1) * entry.m_ElementSize + CRegisterStorage::kPadding;
+					if (scratchBytes + bytes > (u64(1) << 31))
+					{
+						_Refuse(BatchRefusal_Scratch, "the scratch buffers of a batch of %u elements exceed 2 GiB (ask for smaller batches)", m_BatchElements);
+						m_BatchElements = m_BatchCount = 0;
+						return false;
+					}
+					found->second.m_Offset = u32(scratchBytes);
+					scratchBytes = (scratchBytes + bytes + kScratchAlign - 1) / kScratchAlign * kScratchAlign;
+					++m_ScratchCount;
+				}
+				entry.m_Scratch = found->second.m_Offset;
+			}
+			m_ScratchBytes = u32(scratchBytes);
+			if (m_Entries.size() > kStackEntries || m_ScratchBytes != 0)
+			{
+				m_PoolBodies = std::clamp<u32>(std::thread::hardware_concurrency(), 1, 64);
+				if (m_Entries.size() > kStackEntries)
+					m_Pool.reset(new CCBCPUMetaRegisters::SRegister[std::size_t(m_PoolBodies) * m_Entries.size()]);
+				if (m_ScratchBytes != 0)
+					m_ScratchPool.reset(new u8[std::size_t(m_PoolBodies) * m_ScratchBytes + kScratchAlign]());	// zeroed, padding included
+				m_PoolFree = m_PoolBodies == 64 ? ~u64(0) : (u64(1) << m_PoolBodies) - 1;
 			}
 			m_Batched = true;
-			std::snprintf(m_Reason, sizeof(m_Reason), "batches of %u elements (%u batches, %u per-element bytes each), %u one-element instruction%s first", m_BatchElements, m_BatchCount,
-						  m_BytesPerElement, m_HoistedCount, m_HoistedCount == 1 ? "" : "s");
+			int length = std::snprintf(m_Reason, sizeof(m_Reason), "batches of %u elements (%u batches, %u per-element bytes each), %u one-element instruction%s first", m_BatchElements,
+									   m_BatchCount, m_BytesPerElement, m_HoistedCount, m_HoistedCount == 1 ? "" : "s");
+			if (m_ScratchCount != 0)
+				std::snprintf(m_Reason + length, sizeof(m_Reason) - u32(length), ", %u scratch register%s in per-thread buffers", m_ScratchCount, m_ScratchCount == 1 ? "" : "s");
 			return true;
 		}
 	}

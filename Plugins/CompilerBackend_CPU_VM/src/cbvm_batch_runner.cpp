@@ -54,11 +54,13 @@ namespace Orvex
 			const CBatchPlan &plan = *run.m_Plan;
 			const u32 entries = u32(plan.m_Entries.size());
 
-			// This call's table: on the stack, or one of the plan's (a free bit taken).
+			// This call's table: on the stack, or one of the plan's; its scratch area: the
+			// plan's of the same index (a free bit taken).
 			SRegister stackTable[CBatchPlan::kStackEntries];
 			SRegister *table = stackTable;
+			u8 *scratch = nullptr;
 			u32 pooled = ~0u;
-			if (entries > CBatchPlan::kStackEntries)
+			if (plan.m_PoolBodies != 0)
 			{
 				for (;;)
 				{
@@ -73,7 +75,14 @@ namespace Orvex
 					}
 					std::this_thread::yield();	// more bodies at once than hardware threads
 				}
-				table = plan.m_Pool.get() + std::size_t(pooled) * entries;
+				if (plan.m_Pool)
+					table = plan.m_Pool.get() + std::size_t(pooled) * entries;
+				if (plan.m_ScratchPool)
+				{
+					const std::uintptr_t base = reinterpret_cast<std::uintptr_t>(plan.m_ScratchPool.get());
+					scratch = plan.m_ScratchPool.get() + ((CBatchPlan::kScratchAlign - base % CBatchPlan::kScratchAlign) % CBatchPlan::kScratchAlign) +
+							  std::size_t(pooled) * plan.m_ScratchBytes;
+				}
 			}
 
 			const CCBCPUMetaRegisters &whole = run.m_Context->m_Registers;
@@ -91,7 +100,10 @@ namespace Orvex
 					const CBatchPlan::SEntryPlan &entry = plan.m_Entries[i];
 					const SRegister &source = whole.m_Registers[entry.m_Source];
 					const u32 skip = u32(u64(first) * entry.m_ElementSize);	// whole vectors: a multiple of 32 bytes, inside the register
-					table[i] = entry.m_ElementSize == 0 || source.m_RawData == nullptr ? source : SRegister{static_cast<u8 *>(source.m_RawData) + skip, source.m_Size - skip};
+					if (entry.m_Scratch != CBatchPlan::kNotScratch)
+						table[i] = SRegister{scratch + entry.m_Scratch, (plan.m_BatchElements + 1) * entry.m_ElementSize};
+					else
+						table[i] = entry.m_ElementSize == 0 || source.m_RawData == nullptr ? source : SRegister{static_cast<u8 *>(source.m_RawData) + skip, source.m_Size - skip};
 				}
 				registers.m_StreamDimensions = count;
 				t_Current = &registers;
