@@ -210,6 +210,62 @@ namespace
 		EXPECT_NE(result.m_Out.find("  [99] 104\n"), std::string::npos);
 	}
 
+	// Batches: the "batching" line says how the run went or why it was whole-stream, and
+	// the results are the whole-stream run's.
+	TEST_F(OxvmRun, BatchedRunsGiveTheWholeStreamResults)
+	{
+		const SOxvmResult whole = Oxvm("run --frames 3 --batch 0");
+		ASSERT_EQ(whole.m_Status, 0) << whole.m_Err;
+		EXPECT_EQ(LineStarting(whole.m_Out, "batching"), "batching   none: whole stream: a batch size of 0 was asked");
+		const SOxvmResult oneBatch = Oxvm("run --frames 3");
+		EXPECT_EQ(LineStarting(oneBatch.m_Out, "batching"), "batching   none: whole stream: 4096 elements fit one batch of 8736");
+		for (const char *threads : {"1", "2"})
+		{
+			const SOxvmResult batched = Oxvm(std::string("run --frames 3 --batch 100 --threads ") + threads);
+			ASSERT_EQ(batched.m_Status, 0) << batched.m_Err;
+			EXPECT_NE(LineStarting(batched.m_Out, "batching").find("batching   batches of 144 elements (29 batches, 60 per-element bytes each), 1 one-element instruction first, on "),
+					  std::string::npos)
+				<< batched.m_Out;
+			EXPECT_EQ(WrittenSection(batched.m_Out), WrittenSection(whole.m_Out)) << threads << " threads";
+		}
+		const SOxvmResult compared = Oxvm("run --frames 2 --batch 96 --threads 2 --compare");
+		ASSERT_EQ(compared.m_Status, 0) << compared.m_Err;
+		EXPECT_EQ(LineStarting(compared.m_Out, "batched "), "batched    43 batches against the whole stream: every word the same");
+	}
+
+	// --scratch: a temporary kept in per-thread buffers, left out of the results; every
+	// other register as in the whole-stream run; refusals said on the batching line.
+	TEST_F(OxvmRun, ScratchRegistersAreLeftOutOfTheResults)
+	{
+		const SOxvmResult whole = Oxvm("run --frames 3 --batch 0 --scratch tmp");
+		ASSERT_EQ(whole.m_Status, 0) << whole.m_Err;
+		EXPECT_EQ(LineStarting(whole.m_Out, "scratch"), "");	// whole stream: tmp is written as usual
+		EXPECT_NE(WrittenSection(whole.m_Out).find("  tmp ("), std::string::npos);
+		const SOxvmResult batched = Oxvm("run --frames 3 --batch 96 --threads 2 --scratch tmp");
+		ASSERT_EQ(batched.m_Status, 0) << batched.m_Err;
+		EXPECT_NE(LineStarting(batched.m_Out, "batching").find(", 1 scratch register in per-thread buffers, on "), std::string::npos) << batched.m_Out;
+		EXPECT_EQ(LineStarting(batched.m_Out, "scratch"), "scratch    tmp: in per-thread buffers, values not kept");
+		// The written registers: the whole run's, without tmp's block.
+		std::string expected = WrittenSection(whole.m_Out);
+		const std::size_t tmp = expected.find("  tmp (");
+		const std::size_t next = expected.find("\n  ", expected.find("checksum", tmp)) + 1;
+		expected.erase(tmp, next - tmp);
+		EXPECT_EQ(WrittenSection(batched.m_Out), expected);
+		const SOxvmResult compared = Oxvm("run --frames 2 --batch 96 --compare --scratch tmp");
+		ASSERT_EQ(compared.m_Status, 0) << compared.m_Err;
+		EXPECT_EQ(LineStarting(compared.m_Out, "batched "), "batched    43 batches against the whole stream: every word the same");
+
+		const SOxvmResult readFirst = Oxvm("run --batch 96 --scratch pos");
+		ASSERT_EQ(readFirst.m_Status, 0) << readFirst.m_Err;
+		EXPECT_EQ(LineStarting(readFirst.m_Out, "batching"), "batching   none: whole stream: instruction 3 (offset 39) 'add' reads the scratch stream.0:float3 before the program writes it");
+		const SOxvmResult dumped = Oxvm("run --batch 96 --scratch tmp --dump tmp");
+		EXPECT_EQ(dumped.m_Status, 2);
+		EXPECT_NE(dumped.m_Err.find("oxvm: error: --dump: 'tmp' is a --scratch register: a batched run does not keep its values"), std::string::npos) << dumped.m_Err;
+		const SOxvmResult unknown = Oxvm("run --scratch nosuch");
+		EXPECT_EQ(unknown.m_Status, 2);
+		EXPECT_NE(unknown.m_Err.find("oxvm: error: --scratch: no register named 'nosuch'"), std::string::npos);
+	}
+
 	TEST_F(OxvmRun, SeedDecidesRandomValues)
 	{
 		const std::string first7 = Oxvm("run --seed 7").m_Out;
@@ -244,7 +300,7 @@ namespace
 			EXPECT_NE(result.m_Out.find("Usage: "), std::string::npos) << command;
 		}
 		const SOxvmResult run = Oxvm("run --help");
-		for (const char *option : {"--elements", "--frames", "--path", "--seed", "--dump", "--csv", "--profile", "--compare", "--strict", "--verbose", "--progress"})
+		for (const char *option : {"--elements", "--frames", "--path", "--seed", "--dump", "--csv", "--profile", "--compare", "--strict", "--verbose", "--progress", "--batch", "--threads", "--scratch"})
 			EXPECT_NE(run.m_Out.find(option), std::string::npos) << option;
 	}
 }

@@ -17,6 +17,7 @@
 #include "cbvm_tbb_parallel_for.h"
 #endif
 
+#include <algorithm>
 #include <memory>
 
 #include <fmt/format.h>
@@ -34,8 +35,8 @@ namespace OxVm
 			return std::chrono::duration<double>(to - from).count();
 		}
 
-		// --dump names -> registers; false after reporting an unknown one.
-		bool FindDumped(const SProgram &program, const std::vector<std::string> &names, std::vector<s32> &registers)
+		// --dump or --scratch names -> registers; false after reporting an unknown one.
+		bool FindRegisters(const SProgram &program, const char *option, const std::vector<std::string> &names, std::vector<s32> &registers)
 		{
 			for (const std::string &name : names)
 			{
@@ -45,7 +46,7 @@ namespace OxVm
 						index = s32(i);
 				if (index < 0)
 				{
-					fmt::print(stderr, "oxvm: error: --dump: no register named '{}'\n", name);
+					fmt::print(stderr, "oxvm: error: {}: no register named '{}'\n", option, name);
 					return false;
 				}
 				registers.push_back(index);
@@ -116,9 +117,12 @@ namespace OxVm
 		SProgram program;
 		if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, program, standardPathRuns))
 			return Exit_BadInput;
-		std::vector<s32> dumped;
-		if (!FindDumped(program, options.m_Dump, dumped))
+		std::vector<s32> dumped, scratch;
+		if (!FindRegisters(program, "--dump", options.m_Dump, dumped) || !FindRegisters(program, "--scratch", options.m_Scratch, scratch))
 			return Exit_BadInput;
+		std::vector<CVMRegID> scratchIds;
+		for (s32 index : scratch)
+			scratchIds.push_back(CVMRegID{s32(program.m_Registers[std::size_t(index)].m_Bits)});
 		const u32 elements = options.m_Elements != 0 ? options.m_Elements : program.m_Stream;
 		const CBVM::EExecPath path = options.m_Path == "low" ? CBVM::ExecPath_Low : CBVM::ExecPath_Standard;
 		const std::vector<u8> bytecode = Assemble(program);
@@ -162,7 +166,18 @@ namespace OxVm
 				   options.m_Compare ? "s compared" : "", elements, options.m_Frames, options.m_Frames == 1 ? "" : "s", options.m_Seed);
 		// Batches: planned on the file as it is, on every core the parallel-for has.
 		CBVM::CBatchPlan plan;
-		plan.Build(bytecode.data(), u32(bytecode.size()), file.Storage(), options.m_Batch);
+		plan.Build(bytecode.data(), u32(bytecode.size()), file.Storage(), options.m_Batch, scratchIds.data(), u32(scratchIds.size()));
+		// A batched run keeps no value of a scratch register: it is left out of the
+		// results (a whole-stream run writes it as usual).
+		const std::vector<s32> dropped = plan.Batched() && plan.ScratchRegisters() != 0 ? scratch : std::vector<s32>();
+		for (s32 index : dumped)
+			if (std::find(dropped.begin(), dropped.end(), index) != dropped.end())
+			{
+				fmt::print(stderr, "oxvm: error: --dump: '{}' is a --scratch register: a batched run does not keep its values\n", program.RegisterText(index));
+				return Exit_BadInput;
+			}
+		std::vector<s32> kept = WrittenRegisters(program);
+		kept.erase(std::remove_if(kept.begin(), kept.end(), [&](s32 index) { return std::find(dropped.begin(), dropped.end(), index) != dropped.end(); }), kept.end());
 		CBVM::SParallelFor parallel;
 		u32 threads = 1;
 #if OXVM_HAVE_TBB
@@ -186,6 +201,13 @@ namespace OxVm
 			);
 		else
 			fmt::print("batching   none: {}\n", plan.Reason());
+		if (!dropped.empty())
+		{
+			std::string names;
+			for (s32 index : dropped)
+				names += (names.empty() ? "" : ", ") + program.RegisterText(index);
+			fmt::print("scratch    {}: in per-thread buffers, values not kept\n", names);
+		}
 		fmt::print("\n{} instructions, {} bytes of bytecode:\n", program.m_Instructions.size(), bytecode.size());
 		PrintListing(program, bytecode);
 		fmt::print("\n");
@@ -212,7 +234,7 @@ namespace OxVm
 			if (plan.Batched())
 			{
 				CBVM::CBatchPlan batchedPlan;
-				batchedPlan.Build(bytecode.data(), u32(bytecode.size()), batched.Storage(), options.m_Batch);
+				batchedPlan.Build(bytecode.data(), u32(bytecode.size()), batched.Storage(), options.m_Batch, scratchIds.data(), u32(scratchIds.size()));
 				SRunOptions run;
 				run.m_Frames = options.m_Frames;
 				run.m_Plan = &batchedPlan;
@@ -220,7 +242,7 @@ namespace OxVm
 				profiler.SetEnabled(false);
 				RunFrames(bytecode, batched, run);
 				profiler.SetEnabled(options.m_Profile);
-				const u64 differing = CompareFiles(stdout, program, file, batched);
+				const u64 differing = CompareFiles(stdout, program, file, batched, dropped);
 				failed = failed || differing != 0;
 				fmt::print("batched    {} batches against the whole stream: {}\n", plan.BatchCount(),
 						   differing != 0 ? fmt::format("{} DIFFERING WORDS", differing) : std::string("every word the same"));
@@ -249,7 +271,7 @@ namespace OxVm
 		PrintHazards();
 
 		fmt::print("\nwritten registers{}:\n", options.m_Compare ? " (standard path)" : "");
-		PrintRegisterStats(stdout, program, file, WrittenRegisters(program));
+		PrintRegisterStats(stdout, program, file, kept);
 		if (!dumped.empty())
 		{
 			fmt::print("\n");
@@ -286,7 +308,7 @@ namespace OxVm
 		}
 		if (!options.m_Csv.empty())
 		{
-			const bool wrote = WriteCsv(csv.Stream(), program, file, WrittenRegisters(program), elements, options.m_CsvBits);
+			const bool wrote = WriteCsv(csv.Stream(), program, file, kept, elements, options.m_CsvBits);
 			if (!csv.Commit(error) || !wrote)
 			{
 				fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", options.m_Csv) : error);

@@ -35,6 +35,7 @@ namespace OxVm
 		std::string m_Path = "standard";
 		Orvex::u32 m_Seed = 1;
 		std::vector<std::string> m_Dump;
+		std::vector<std::string> m_Scratch;	// temporaries a batched run keeps in per-thread buffers (not kept)
 		std::string m_Csv;
 		bool m_CsvBits = false;			// floats in the CSV as their exact words (0x........)
 		bool m_Profile = false;

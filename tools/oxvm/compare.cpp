@@ -8,6 +8,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include <cstring>
 #include <map>
 
@@ -32,12 +34,14 @@ namespace OxVm
 		};
 	}
 
-	u64 CompareFiles(std::FILE *out, const SProgram &program, const CRegisterFile &whole, const CRegisterFile &batched)
+	u64 CompareFiles(std::FILE *out, const SProgram &program, const CRegisterFile &whole, const CRegisterFile &batched, const std::vector<s32> &skipped)
 	{
 		u64 differing = 0;
 		for (std::size_t r = 0; r < program.m_Registers.size(); ++r)
 		{
 			const s32 index = s32(r);
+			if (std::find(skipped.begin(), skipped.end(), index) != skipped.end())
+				continue;
 			const STypeInfo type = TypeInfo(program.m_Registers[r].Type());
 			const u32 *a = whole.Words(program, index);
 			const u32 *b = batched.Words(program, index);

@@ -27,5 +27,5 @@ namespace OxVm
 
 	// Every word of every register of two files of the program (a whole-stream and a
 	// batched run): the differing ones listed (the first few), their count returned.
-	u64 CompareFiles(std::FILE *out, const SProgram &program, const CRegisterFile &whole, const CRegisterFile &batched);
+	u64 CompareFiles(std::FILE *out, const SProgram &program, const CRegisterFile &whole, const CRegisterFile &batched, const std::vector<s32> &skipped);
 }

@@ -92,6 +92,11 @@ namespace
 			"(a multiple of 48; default: from the program's bytes per element; 0: the whole stream, instruction after instruction). "
 			"A program batching could change refuses and runs whole-stream: the output says why")
 			->check(WholeNumber(0, OxVm::kMaxElements));
+		runCommand->add_option("--scratch", run.m_Scratch,
+			"a temporary of the program (a per-element register it writes before it reads): a batched run keeps it in a per-thread buffer of one batch, "
+			"in the cache, and does not keep its values (no statistics, dump or CSV column for it); repeat --scratch, or give a comma list")
+			->allow_extra_args(false)
+			->delimiter(',');
 		runCommand->add_option("--threads", run.m_Threads, "threads the batches are spread over (0: every core)")->check(WholeNumber(0, 1024))->capture_default_str();
 		runCommand->add_flag("--strict", run.m_Strict, "fail (exit 1) when the VM reports any assertion");
 		runCommand->add_flag("--verbose", run.m_Verbose,
