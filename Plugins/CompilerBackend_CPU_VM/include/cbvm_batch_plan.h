@@ -86,11 +86,15 @@ namespace Orvex
 			// blocks divide 48 x every component count, and 48 elements of 4 to 16 bytes
 			// are a multiple of 32 bytes.
 			static constexpr u32 kBatchGranule = 48;
-			// Per-element bytes of a default batch. Every instruction of every batch pays its
-			// set-up (operand checks, kernel choice, constants broadcast: about 60 ns a call
-			// measured), so a batch must be large enough to amortise it: batches of a
-			// first-level cache (32 KiB) ran slower than the whole stream on the development
-			// machine, batches of half a second-level cache ran fastest.
+			// Per-element bytes of a default batch: half a second-level cache. Measured on the
+			// development machine at a million elements: a three-instruction float program
+			// whose registers sit in the last-level cache ran fastest in first-level batches
+			// (432 elements: 1.3x the whole stream; 0.9x to 1.1x at this size), but a
+			// nine-instruction program that streams its registers from memory ran slower than
+			// the whole stream in them (0.66x; 1.4x at this size): short runs of each register
+			// defeat the hardware prefetchers, and every instruction of every batch pays its
+			// set-up (operand checks, kernel choice, constants: 10 to 20 ns a call). This size
+			// risks less; a host that knows its program sets its own.
 			static constexpr u32 kCacheBudgetBytes = 512 * 1024;
 			static constexpr u32 kDefaultBatch = ~0u;	// Build's batchElements: the size chosen from the program
 
