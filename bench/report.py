@@ -673,9 +673,14 @@ def misses_section(res, counts, target_rows, sims):
                 peer = res.rate(wid, "numexpr_1t" if "one thread" in description else "numexpr_all", sizes[0])
                 hand = res.rate(wid, "sse2", sizes[0])
                 cores = 1 if "one thread" in description else int(getattr(res, "numexpr", {}).get("context", {}).get("cores", 1) or 1)
+                ceiling = cores * in_cache if in_cache else None
+                batched = res.rate(wid, "batched_all_threads" if "every core" in description else "batched", sizes[0])
+                verdict = (", so the target is out of its reach" if ceiling and 10 * peer > ceiling else
+                           f", above the target: the batched run, at {batched / ceiling:.2f}× that ceiling, loses the rest to its batches' "
+                           "memory traffic (the program's inputs and outputs) and set-up" if ceiling and batched else "")
                 text += (f"Ten times numexpr is {10 * peer / 1e6:.0f} M elements/s, {10 * peer / hand:.2f}× the hand-fused SSE2 loop on one "
                          f"thread; the interpreter's ceiling is its rate inside the cache on {cores} thread{'s' if cores > 1 else ''}, "
-                         f"{cores * in_cache / 1e6:.0f} M elements/s at most, so the target is out of its reach" if peer and hand and in_cache else "No numexpr rate in this run") + f"{noise}."
+                         f"{cores * in_cache / 1e6:.0f} M elements/s at most{verdict}" if peer and hand and in_cache else "No numexpr rate in this run") + f"{noise}."
             else:
                 text += ((reach + ". ") if reach else "") + ("Every batch still loads the program's inputs from memory and stores its outputs; "
                          "what the batch saves is the passes over the temporaries and over registers that several instructions use" + f"{noise}.")
