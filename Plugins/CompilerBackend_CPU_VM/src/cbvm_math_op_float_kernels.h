@@ -34,6 +34,7 @@
 // negation have kernels of their own at the end of the file.
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_kernel_sets.h"
 #include "cbvm_math_op_lanes.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
@@ -54,8 +55,6 @@ namespace Orvex
 		using SIMD_SSE::Float4;
 		using SIMD_SSE::Scalar;
 		using SOp_MathOp = Compiler::IR::SOp_MathOp;
-
-		using FnOp2Stream = void (*)(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1);
 
 		// One constant element replicated to fill a vector (N = 1, 2, 4).
 		template <int _Dimension>
@@ -524,8 +523,6 @@ namespace Orvex
 		// lanewise operator gets the kernel of its lane operation, modulo and negation
 		// their own, and an operator without a float form (bitwise) a null entry.
 
-		using FloatKernelTable = std::array<FnOp2Stream, SOp_MathOp::__MaxOps * 4>;
-
 		template <int _Dimension, u32 _Op>
 		constexpr FnOp2Stream _FloatKernelOf()
 		{
@@ -583,8 +580,9 @@ namespace Orvex
 		template <int _Dimension>
 		void ExecOperatorFloat(SOp_MathOp::EOp op, void *evalInto, u32 dstStride, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1)
 		{
-			// The operator byte can hold any value: look up only inside the table.
-			const FnOp2Stream fnPtr = u32(op) < u32(SOp_MathOp::__MaxOps) ? _FnMathOpLookup[u32(op) * 4 + (_Dimension - 1)] : nullptr;
+			// The operator byte can hold any value: look up only inside the table (the active
+			// kernel set's: cbvm_kernel_isa.h).
+			const FnOp2Stream fnPtr = u32(op) < u32(SOp_MathOp::__MaxOps) ? (*g_ActiveFloatKernels.load(std::memory_order_relaxed))[u32(op) * 4 + (_Dimension - 1)] : nullptr;
 			// When everything the checks test holds, none of them can report: straight to the kernel.
 			if (fnPtr != nullptr && evalInto != null && SIMD_SSE::_AreAligned<32>(evalInto, datasrc0, datasrc1))
 				fnPtr(evalInto, dstStride, count, datasrc0, stride0, datasrc1, stride1);

@@ -19,15 +19,16 @@ namespace Orvex
 		// Float lanes. _FlipArgs lets a kernel whose constant is src0 still pass the varying
 		// value first: Op(v, c) then computes c op v, i.e. src0 op src1 either way.
 
+		// _Vector: Scalar, Float4 or a wide vector (the same operation on every lane width).
 		template <EOp2Type _Op, bool _FlipArgs>
 		struct TOp2Impl
 		{
-			static Float4 Op(const Float4 &a, const Float4 &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
-			static Scalar Op(const Scalar &a, const Scalar &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
+			template <typename _Vector>
+			static __attribute__((always_inline)) _Vector Op(const _Vector &a, const _Vector &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
 
 		private:
 			template <typename _Vector>
-			static _Vector _Op2(const _Vector &a, const _Vector &b)
+			static __attribute__((always_inline)) _Vector _Op2(const _Vector &a, const _Vector &b)
 			{
 				if constexpr (_Op == Op2_Add) return a + b;
 				else if constexpr (_Op == Op2_Sub) return a - b;

@@ -41,6 +41,23 @@ namespace Orvex
 			return _mm_castsi128_ps(_mm_cmpeq_epi32(any, any));
 		}
 
+		// a + b and a * b whose operand roles the compiler may not swap. IEEE arithmetic does
+		// not say which NaN a two-NaN operation returns; on x86 it is the instruction's first
+		// source, and a compiler may swap the operands of a commutative intrinsic, so that
+		// two kernels (or two loops of one kernel) could disagree. Pinned, the first operand
+		// is the instruction's first source: a op b of two NaNs is a's quieted NaN, in every
+		// kernel and every kernel set. _Op: the instruction without its "v" ("addps").
+#if defined(__AVX__)
+#	define OX_SIMD_FIRST_SOURCE(_Op, result, a, b) __asm__("v" _Op " %2, %1, %0" : "=v"(result) : "v"(a), "v"(b))
+#else
+#	define OX_SIMD_FIRST_SOURCE(_Op, result, a, b) \
+		do \
+		{ \
+			result = a; \
+			__asm__(_Op " %1, %0" : "+x"(result) : "x"(b)); \
+		} while (0)
+#endif
+
 		// Holds the alignment assertion of the aligned accesses, so that it can be
 		// exercised on its own without performing a faulting access.
 		OX_SIMD_INLINE void _CheckAligned16(const void *p)
@@ -74,9 +91,19 @@ namespace Orvex
 
 			// ---- Arithmetic (IEEE, including the division)
 
-			friend OX_SIMD_INLINE Scalar operator+(const Scalar &a, const Scalar &b) { return Scalar(_mm_add_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator+(const Scalar &a, const Scalar &b)
+			{
+				__m128 r;
+				OX_SIMD_FIRST_SOURCE("addss", r, a.m_Value, b.m_Value);
+				return Scalar(r);
+			}
 			friend OX_SIMD_INLINE Scalar operator-(const Scalar &a, const Scalar &b) { return Scalar(_mm_sub_ss(a.m_Value, b.m_Value)); }
-			friend OX_SIMD_INLINE Scalar operator*(const Scalar &a, const Scalar &b) { return Scalar(_mm_mul_ss(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Scalar operator*(const Scalar &a, const Scalar &b)
+			{
+				__m128 r;
+				OX_SIMD_FIRST_SOURCE("mulss", r, a.m_Value, b.m_Value);
+				return Scalar(r);
+			}
 			friend OX_SIMD_INLINE Scalar operator/(const Scalar &a, const Scalar &b) { return Scalar(_mm_div_ss(a.m_Value, b.m_Value)); }
 
 			// ---- Comparisons: lane 0 becomes all ones or zero
@@ -202,9 +229,20 @@ namespace Orvex
 
 			// ---- Arithmetic (float lanes, IEEE, including the division)
 
-			friend OX_SIMD_INLINE Float4 operator+(const Float4 &a, const Float4 &b) { return Float4(_mm_add_ps(a.m_Value, b.m_Value)); }
+			// + and *: a's NaN when both lanes are NaN (OX_SIMD_FIRST_SOURCE).
+			friend OX_SIMD_INLINE Float4 operator+(const Float4 &a, const Float4 &b)
+			{
+				__m128 r;
+				OX_SIMD_FIRST_SOURCE("addps", r, a.m_Value, b.m_Value);
+				return Float4(r);
+			}
 			friend OX_SIMD_INLINE Float4 operator-(const Float4 &a, const Float4 &b) { return Float4(_mm_sub_ps(a.m_Value, b.m_Value)); }
-			friend OX_SIMD_INLINE Float4 operator*(const Float4 &a, const Float4 &b) { return Float4(_mm_mul_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float4 operator*(const Float4 &a, const Float4 &b)
+			{
+				__m128 r;
+				OX_SIMD_FIRST_SOURCE("mulps", r, a.m_Value, b.m_Value);
+				return Float4(r);
+			}
 			friend OX_SIMD_INLINE Float4 operator/(const Float4 &a, const Float4 &b) { return Float4(_mm_div_ps(a.m_Value, b.m_Value)); }
 
 			// ---- Comparisons (float lanes): each lane all ones or zero

@@ -1,0 +1,31 @@
+#pragma once
+// The float kernel tables of the kernel sets (cbvm_kernel_isa.h), indexed as the SSE2
+// table (_FnMathOpLookup): op * 4 + (N - 1). Deliberately free of kernel code, so that
+// the wide units include it without compiling any SSE2 kernel for their own target
+// (an inline function compiled there could be the copy the linker keeps for every
+// unit, and fault on a processor without that set).
+
+#include "cp_ir_details.h"
+
+#include <array>
+#include <atomic>
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		using FnOp2Stream = void (*)(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1);
+		using FloatKernelTable = std::array<FnOp2Stream, Compiler::IR::SOp_MathOp::__MaxOps * 4>;
+
+		// The SSE2 kernels: the reference, and what a wide kernel hands every case it does
+		// not widen (the same call, so the same reports).
+		extern const FloatKernelTable g_FloatKernelsSse2;
+		// A wide set's own kernels; null where it has none (the SSE2 kernel runs).
+		extern const FloatKernelTable g_FloatKernelsAvx2;
+		extern const FloatKernelTable g_FloatKernelsAvx512;
+
+		// The table the standard path's float selector looks kernels up in: the active
+		// set's kernels, SSE2's where it has none.
+		extern std::atomic<const FloatKernelTable *> g_ActiveFloatKernels;
+	}
+}

@@ -1,0 +1,12 @@
+// The AVX2 kernel set (compiled for AVX2 only here; chosen at run time, cbvm_kernel_isa.h).
+
+#include "cbvm_math_op_wide_float_kernels.h"
+#include "simd/avx2/simd_vector.h"
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		const FloatKernelTable g_FloatKernelsAvx2 = BuildWideFloatKernelTable<SIMD_AVX2::Float8>();
+	}
+}

@@ -1,0 +1,90 @@
+#pragma once
+// Float8: eight packed 32-bit lanes in a YMM register, the AVX2 counterpart of
+// SIMD_SSE::Float4 with the operations the wide kernels use. Include it only in a
+// translation unit compiled for AVX2 (-mavx2; every lane must compute exactly what the SSE2
+// instruction computes, so no fused multiply-add).
+//
+// Every operation is the lane-for-lane equivalent of its Float4 form: the same IEEE
+// operation, the same operand order (a NaN result carries the first NaN operand's
+// payload, as with SSE), the same all-ones masks from comparisons (ordered, except !=).
+
+#include "kr_base_types.h"
+
+#include <immintrin.h>
+
+#if !defined(__AVX2__)
+#	error "simd/avx2/simd_vector.h needs a translation unit compiled for AVX2"
+#endif
+// A contracted a * b + c rounds once where SSE2 rounds twice: a unit whose target has FMA
+// (some compilers imply it with AVX-512) must be compiled with -ffp-contract=off, and say
+// so with OX_SIMD_FP_CONTRACT_OFF (the build does both).
+#if defined(__FMA__) && !defined(OX_SIMD_FP_CONTRACT_OFF)
+#	error "FMA is enabled: compile with -ffp-contract=off and define OX_SIMD_FP_CONTRACT_OFF"
+#endif
+
+#if !defined(OX_SIMD_INLINE)
+#	define OX_SIMD_INLINE inline __attribute__((always_inline))
+#endif
+
+namespace Orvex
+{
+	namespace SIMD_AVX2
+	{
+		class Float8
+		{
+		public:
+			static constexpr int kLanes = 8;
+			__m256 m_Value;
+
+			Float8() = default;
+			explicit OX_SIMD_INLINE Float8(__m256 value) : m_Value(value) {}
+			explicit OX_SIMD_INLINE Float8(__m256i value) : m_Value(_mm256_castsi256_ps(value)) {}
+			explicit OX_SIMD_INLINE Float8(float value) : m_Value(_mm256_set1_ps(value)) {}
+
+			static OX_SIMD_INLINE Float8 SplatInt(s32 value) { return Float8(_mm256_set1_epi32(value)); }
+			OX_SIMD_INLINE __m256i AsInt() const { return _mm256_castps_si256(m_Value); }
+
+			// Unaligned forms only: on the processors that have AVX2 they cost nothing more on
+			// aligned data, and a 16-byte aligned stream (all the register file promises) is
+			// not always 32-byte aligned.
+			static OX_SIMD_INLINE Float8 Load(const void *p) { return Float8(_mm256_loadu_si256(static_cast<const __m256i *>(p))); }
+			OX_SIMD_INLINE void Store(void *p) const { _mm256_storeu_si256(static_cast<__m256i *>(p), AsInt()); }
+
+			// + and *: a's NaN when both lanes are NaN, as Float4's (the first source, pinned).
+			friend OX_SIMD_INLINE Float8 operator+(const Float8 &a, const Float8 &b)
+			{
+				__m256 r;
+				__asm__("vaddps %2, %1, %0" : "=v"(r) : "v"(a.m_Value), "v"(b.m_Value));
+				return Float8(r);
+			}
+			friend OX_SIMD_INLINE Float8 operator-(const Float8 &a, const Float8 &b) { return Float8(_mm256_sub_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float8 operator*(const Float8 &a, const Float8 &b)
+			{
+				__m256 r;
+				__asm__("vmulps %2, %1, %0" : "=v"(r) : "v"(a.m_Value), "v"(b.m_Value));
+				return Float8(r);
+			}
+			friend OX_SIMD_INLINE Float8 operator/(const Float8 &a, const Float8 &b) { return Float8(_mm256_div_ps(a.m_Value, b.m_Value)); }
+
+			// The predicates of cmpltps, cmpleps, cmpeqps and cmpneqps: ordered and
+			// signalling for < and <=, ordered quiet ==, unordered quiet !=.
+			friend OX_SIMD_INLINE Float8 operator<(const Float8 &a, const Float8 &b) { return Float8(_mm256_cmp_ps(a.m_Value, b.m_Value, _CMP_LT_OS)); }
+			friend OX_SIMD_INLINE Float8 operator<=(const Float8 &a, const Float8 &b) { return Float8(_mm256_cmp_ps(a.m_Value, b.m_Value, _CMP_LE_OS)); }
+			friend OX_SIMD_INLINE Float8 operator==(const Float8 &a, const Float8 &b) { return Float8(_mm256_cmp_ps(a.m_Value, b.m_Value, _CMP_EQ_OQ)); }
+			friend OX_SIMD_INLINE Float8 operator!=(const Float8 &a, const Float8 &b) { return Float8(_mm256_cmp_ps(a.m_Value, b.m_Value, _CMP_NEQ_UQ)); }
+
+			friend OX_SIMD_INLINE Float8 operator&(const Float8 &a, const Float8 &b) { return Float8(_mm256_and_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float8 operator|(const Float8 &a, const Float8 &b) { return Float8(_mm256_or_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float8 operator^(const Float8 &a, const Float8 &b) { return Float8(_mm256_xor_ps(a.m_Value, b.m_Value)); }
+			// this & ~mask
+			OX_SIMD_INLINE Float8 AndNot(const Float8 &mask) const { return Float8(_mm256_andnot_ps(mask.m_Value, m_Value)); }
+
+			OX_SIMD_INLINE Float8 CmpEqInt32(const Float8 &b) const { return Float8(_mm256_cmpeq_epi32(AsInt(), b.AsInt())); }
+			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000, as cvttps2dq.
+			OX_SIMD_INLINE Float8 ConvertToInt32Trunc() const { return Float8(_mm256_cvttps_epi32(m_Value)); }
+			OX_SIMD_INLINE Float8 ConvertInt32ToFloat() const { return Float8(_mm256_cvtepi32_ps(AsInt())); }
+		};
+
+		static_assert(sizeof(Float8) == 32, "Float8 is exactly one YMM register");
+	}
+}

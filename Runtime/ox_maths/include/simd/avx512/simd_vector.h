@@ -1,0 +1,90 @@
+#pragma once
+// Float16: sixteen packed 32-bit lanes in a ZMM register, the AVX-512 counterpart of
+// SIMD_SSE::Float4 with the operations the wide kernels use. Include it only in a
+// translation unit compiled for AVX-512 (F, DQ, BW, VL; no fused multiply-add, as
+// the AVX2 one).
+//
+// Comparisons give a mask register; they are widened to all-ones lanes here, so that a
+// comparison kernel stores what the SSE2 one stores. Everything else is the lane-for-lane
+// equivalent of its Float4 form.
+
+#include "kr_base_types.h"
+
+#include <immintrin.h>
+
+#if !defined(__AVX512F__) || !defined(__AVX512DQ__)
+#	error "simd/avx512/simd_vector.h needs a translation unit compiled for AVX-512 (F and DQ)"
+#endif
+// A contracted a * b + c rounds once where SSE2 rounds twice: a unit whose target has FMA
+// (some compilers imply it with AVX-512) must be compiled with -ffp-contract=off, and say
+// so with OX_SIMD_FP_CONTRACT_OFF (the build does both).
+#if defined(__FMA__) && !defined(OX_SIMD_FP_CONTRACT_OFF)
+#	error "FMA is enabled: compile with -ffp-contract=off and define OX_SIMD_FP_CONTRACT_OFF"
+#endif
+
+#if !defined(OX_SIMD_INLINE)
+#	define OX_SIMD_INLINE inline __attribute__((always_inline))
+#endif
+
+namespace Orvex
+{
+	namespace SIMD_AVX512
+	{
+		class Float16
+		{
+		public:
+			static constexpr int kLanes = 16;
+			__m512 m_Value;
+
+			Float16() = default;
+			explicit OX_SIMD_INLINE Float16(__m512 value) : m_Value(value) {}
+			explicit OX_SIMD_INLINE Float16(__m512i value) : m_Value(_mm512_castsi512_ps(value)) {}
+			explicit OX_SIMD_INLINE Float16(float value) : m_Value(_mm512_set1_ps(value)) {}
+
+			static OX_SIMD_INLINE Float16 SplatInt(s32 value) { return Float16(_mm512_set1_epi32(value)); }
+			OX_SIMD_INLINE __m512i AsInt() const { return _mm512_castps_si512(m_Value); }
+
+			// Unaligned forms only (see Float8).
+			static OX_SIMD_INLINE Float16 Load(const void *p) { return Float16(_mm512_loadu_si512(p)); }
+			OX_SIMD_INLINE void Store(void *p) const { _mm512_storeu_si512(p, AsInt()); }
+
+			// + and *: a's NaN when both lanes are NaN, as Float4's (the first source, pinned).
+			friend OX_SIMD_INLINE Float16 operator+(const Float16 &a, const Float16 &b)
+			{
+				__m512 r;
+				__asm__("vaddps %2, %1, %0" : "=v"(r) : "v"(a.m_Value), "v"(b.m_Value));
+				return Float16(r);
+			}
+			friend OX_SIMD_INLINE Float16 operator-(const Float16 &a, const Float16 &b) { return Float16(_mm512_sub_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float16 operator*(const Float16 &a, const Float16 &b)
+			{
+				__m512 r;
+				__asm__("vmulps %2, %1, %0" : "=v"(r) : "v"(a.m_Value), "v"(b.m_Value));
+				return Float16(r);
+			}
+			friend OX_SIMD_INLINE Float16 operator/(const Float16 &a, const Float16 &b) { return Float16(_mm512_div_ps(a.m_Value, b.m_Value)); }
+
+			// The SSE predicates (see Float8), each mask bit widened to an all-ones lane.
+			friend OX_SIMD_INLINE Float16 operator<(const Float16 &a, const Float16 &b) { return _Lanes(_mm512_cmp_ps_mask(a.m_Value, b.m_Value, _CMP_LT_OS)); }
+			friend OX_SIMD_INLINE Float16 operator<=(const Float16 &a, const Float16 &b) { return _Lanes(_mm512_cmp_ps_mask(a.m_Value, b.m_Value, _CMP_LE_OS)); }
+			friend OX_SIMD_INLINE Float16 operator==(const Float16 &a, const Float16 &b) { return _Lanes(_mm512_cmp_ps_mask(a.m_Value, b.m_Value, _CMP_EQ_OQ)); }
+			friend OX_SIMD_INLINE Float16 operator!=(const Float16 &a, const Float16 &b) { return _Lanes(_mm512_cmp_ps_mask(a.m_Value, b.m_Value, _CMP_NEQ_UQ)); }
+
+			friend OX_SIMD_INLINE Float16 operator&(const Float16 &a, const Float16 &b) { return Float16(_mm512_and_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float16 operator|(const Float16 &a, const Float16 &b) { return Float16(_mm512_or_ps(a.m_Value, b.m_Value)); }
+			friend OX_SIMD_INLINE Float16 operator^(const Float16 &a, const Float16 &b) { return Float16(_mm512_xor_ps(a.m_Value, b.m_Value)); }
+			// this & ~mask
+			OX_SIMD_INLINE Float16 AndNot(const Float16 &mask) const { return Float16(_mm512_andnot_ps(mask.m_Value, m_Value)); }
+
+			OX_SIMD_INLINE Float16 CmpEqInt32(const Float16 &b) const { return _Lanes(_mm512_cmpeq_epi32_mask(AsInt(), b.AsInt())); }
+			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000, as cvttps2dq.
+			OX_SIMD_INLINE Float16 ConvertToInt32Trunc() const { return Float16(_mm512_cvttps_epi32(m_Value)); }
+			OX_SIMD_INLINE Float16 ConvertInt32ToFloat() const { return Float16(_mm512_cvtepi32_ps(AsInt())); }
+
+		private:
+			static OX_SIMD_INLINE Float16 _Lanes(__mmask16 mask) { return Float16(_mm512_movm_epi32(mask)); }
+		};
+
+		static_assert(sizeof(Float16) == 64, "Float16 is exactly one ZMM register");
+	}
+}

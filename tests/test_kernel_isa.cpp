@@ -1,0 +1,220 @@
+// The kernel sets (cbvm_kernel_isa.h): choosing one, and every wide kernel against the
+// SSE2 kernel it stands for, byte for byte. Each set the processor lacks is skipped with
+// a message.
+//
+// A wide kernel and the SSE2 kernel run on copies of the same inputs (random words:
+// ordinary values, NaNs with payloads, infinities, signed zeros, subnormals, equal
+// pairs), over element counts around every period of every width, with packed
+// operands, a constant on either side, pointers 16- but not 32-byte aligned and strides
+// the vector loops do not take (a hazard; a misaligned pointer, which the SSE2 kernel
+// reports and then faults on, goes to it the same way). Every byte of
+// the destination buffer (the destination and 64 bytes after it) must match, and so must
+// the assertion reports and hazard counts of the call.
+
+#include "cbvm_kernel_isa.h"
+#include "cbvm_math_op_kernel_sets.h"
+#include "kr_assert.h"
+#include "kr_profiler.h"
+#include "cp_ir_details.h"
+#include "seeded_random.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace
+{
+	using namespace Orvex;
+	using CBVM::EKernelIsa;
+
+	TEST(KernelIsa, NamesAndChoice)
+	{
+		EXPECT_STREQ(CBVM::KernelIsaName(CBVM::KernelIsa_SSE2), "sse2");
+		EXPECT_STREQ(CBVM::KernelIsaName(CBVM::KernelIsa_AVX2), "avx2");
+		EXPECT_STREQ(CBVM::KernelIsaName(CBVM::KernelIsa_AVX512), "avx512");
+		EXPECT_STREQ(CBVM::KernelIsaName(EKernelIsa(7)), "?");
+		EKernelIsa isa = CBVM::KernelIsa_SSE2;
+		EXPECT_TRUE(CBVM::KernelIsaFromName("avx512", isa));
+		EXPECT_EQ(isa, CBVM::KernelIsa_AVX512);
+		for (const char *bad : {"AVX2", "", "avx", "sse2 ", "auto"})
+			EXPECT_FALSE(CBVM::KernelIsaFromName(bad, isa)) << bad;
+		EXPECT_FALSE(CBVM::KernelIsaFromName(nullptr, isa));
+
+		EXPECT_TRUE(CBVM::KernelIsaSupported(CBVM::KernelIsa_SSE2));
+		EXPECT_FALSE(CBVM::KernelIsaSupported(EKernelIsa(7)));
+		const EKernelIsa widest = CBVM::WidestKernelIsa();
+		EXPECT_TRUE(CBVM::KernelIsaSupported(widest));
+		const EKernelIsa before = CBVM::ActiveKernelIsa();
+		for (u32 i = 0; i < CBVM::__MaxKernelIsas; ++i)
+		{
+			const EKernelIsa set = EKernelIsa(i);
+			EXPECT_EQ(CBVM::KernelIsaSupported(set), i <= u32(widest)) << CBVM::KernelIsaName(set);
+			const EKernelIsa active = CBVM::ActiveKernelIsa();
+			EXPECT_EQ(CBVM::SetKernelIsa(set), CBVM::KernelIsaSupported(set));
+			// A refused set changes nothing.
+			EXPECT_EQ(CBVM::ActiveKernelIsa(), CBVM::KernelIsaSupported(set) ? set : active);
+		}
+		EXPECT_FALSE(CBVM::SetKernelIsa(EKernelIsa(7)));
+		EXPECT_TRUE(CBVM::SetKernelIsa(before));
+		std::printf("kernel sets: widest %s, active %s\n", CBVM::KernelIsaName(widest), CBVM::KernelIsaName(before));
+	}
+
+	// A word of one of the kinds that tell kernels apart.
+	u32 RandomWord(OxTest::CSeededRandom &random)
+	{
+		switch (random.Uniform(10))
+		{
+		case 0: return 0x7F800001u + random.Uniform(0x3FFFFF);				// signalling NaN, payload
+		case 1: return 0xFFC00000u | random.Uniform(0x3FFFFF);				// quiet NaN, negative, payload
+		case 2: return random.Uniform(2) ? 0x7F800000u : 0xFF800000u;		// infinities
+		case 3: return random.Uniform(2) ? 0x00000000u : 0x80000000u;		// zeros
+		case 4: return random.Uniform(0x7FFFFF) | (random.Uniform(2) << 31);	// subnormals
+		case 5: return 0x3F800000u;											// 1.0 (equal pairs)
+		default:
+		{
+			float f = random.UniformFloat(-1000.0f, 1000.0f);
+			u32 word;
+			std::memcpy(&word, &f, 4);
+			return word;
+		}
+		}
+	}
+
+	u64 g_Reports = 0;
+	int CountReport(const Assert::SReport &)
+	{
+		++g_Reports;
+		return Assert::Answer_Continue;
+	}
+
+	// One call's operands: where they sit and how they are walked.
+	struct SLayout
+	{
+		const char *m_Name;
+		u32 m_Offset;		// bytes added to every 64-byte aligned pointer
+		bool m_Const0, m_Const1;
+		u32 m_DstStrideFactor;	// 1: packed; 2: every other element (the slow path)
+	};
+	constexpr SLayout kLayouts[] = {
+		{"packed", 0, false, false, 1},
+		{"src1 constant", 0, false, true, 1},
+		{"src0 constant", 0, true, false, 1},
+		{"16 but not 32-byte aligned", 16, false, false, 1},
+		{"constant, 16 but not 32-byte aligned", 48, false, true, 1},
+		{"strided destination (slow path)", 0, false, false, 2},
+	};
+
+	struct SOutcome
+	{
+		std::vector<u8> m_Bytes;
+		u64 m_Reports;
+		u32 m_Hazards[Profiler::CHazards::__MaxHazards];
+	};
+
+	class WideFloatKernels : public ::testing::TestWithParam<EKernelIsa>
+	{
+	protected:
+		void SetUp() override { m_Previous = Assert::SetHandler(&CountReport); }
+		void TearDown() override { Assert::SetHandler(m_Previous); }
+
+		// Runs 'fn' on fresh copies of the inputs; the destination buffer and what the call counted.
+		static SOutcome Run(MathOp::FnOp2Stream fn, const SLayout &l, u32 n, u32 count, const std::vector<u32> &a, const std::vector<u32> &b)
+		{
+			constexpr u32 kGuard = 64;
+			const u32 bytes = 4 * n;
+			const u32 dstBytes = count * bytes * l.m_DstStrideFactor + kGuard;
+			std::vector<u8> dst(dstBytes + 128, 0xA5), s0(a.size() * 4 + 128), s1(b.size() * 4 + 128);
+			auto place = [&](std::vector<u8> &v) { return reinterpret_cast<u8 *>((reinterpret_cast<std::uintptr_t>(v.data()) + 63) & ~std::uintptr_t(63)) + l.m_Offset; };
+			u8 *d = place(dst), *p0 = place(s0), *p1 = place(s1);
+			std::memcpy(p0, a.data(), a.size() * 4);
+			std::memcpy(p1, b.data(), b.size() * 4);
+			Profiler::CHazards &hazards = Profiler::CHazards::CurrentThreadHazards();
+			hazards.Reset();
+			g_Reports = 0;
+			fn(d, bytes * l.m_DstStrideFactor, count, p0, l.m_Const0 ? 0 : bytes, p1, l.m_Const1 ? 0 : bytes);
+			SOutcome out;
+			out.m_Bytes.assign(d, d + dstBytes);
+			out.m_Reports = g_Reports;
+			for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+				out.m_Hazards[h] = hazards.Get(Profiler::CHazards::ECounter(h));
+			return out;
+		}
+
+		Assert::FnHandler m_Previous = nullptr;
+	};
+
+	TEST_P(WideFloatKernels, GiveTheSse2KernelsBytesReportsAndHazards)
+	{
+		const EKernelIsa isa = GetParam();
+		if (!CBVM::KernelIsaSupported(isa))
+			GTEST_SKIP() << "this machine does not run " << CBVM::KernelIsaName(isa) << " (widest: " << CBVM::KernelIsaName(CBVM::WidestKernelIsa()) << ")";
+		const MathOp::FloatKernelTable &wide = isa == CBVM::KernelIsa_AVX512 ? MathOp::g_FloatKernelsAvx512 : MathOp::g_FloatKernelsAvx2;
+		OxTest::CSeededRandom random(20261124);
+		const u32 counts[] = {0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 23, 24, 25, 31, 32, 33, 47, 48, 49, 63, 64, 65, 95, 96, 97, 100, 257, 1001};
+		u32 kernels = 0, calls = 0;
+		for (u32 slot = 0; slot < wide.size(); ++slot)
+		{
+			if (wide[slot] == nullptr)
+				continue;
+			++kernels;
+			const u32 n = slot % 4 + 1;
+			for (const SLayout &l : kLayouts)
+				for (u32 count : counts)
+				{
+					std::vector<u32> a((l.m_Const0 ? 1 : count) * n + 4), b((l.m_Const1 ? 1 : count) * n + 4);
+					for (u32 &w : a)
+						w = RandomWord(random);
+					for (u32 &w : b)
+						w = random.Uniform(4) == 0 && (&w - b.data()) < std::ptrdiff_t(a.size()) ? a[std::size_t(&w - b.data())] : RandomWord(random);
+					const SOutcome expected = Run(MathOp::g_FloatKernelsSse2[slot], l, n, count, a, b);
+					const SOutcome got = Run(wide[slot], l, n, count, a, b);
+					++calls;
+					const std::string where = std::string(CBVM::KernelIsaName(isa)) + " slot " + std::to_string(slot) + " (operator " + std::to_string(slot / 4) + ", N " +
+											  std::to_string(n) + "), " + l.m_Name + ", " + std::to_string(count) + " elements";
+					ASSERT_EQ(got.m_Reports, expected.m_Reports) << where;
+					for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+						ASSERT_EQ(got.m_Hazards[h], expected.m_Hazards[h]) << where << ", hazard " << h;
+					for (std::size_t i = 0; i < expected.m_Bytes.size(); ++i)
+						ASSERT_EQ(got.m_Bytes[i], expected.m_Bytes[i]) << where << ", byte " << i << (i >= count * 4 * n * l.m_DstStrideFactor ? " (past the destination)" : "");
+				}
+		}
+		EXPECT_GE(kernels, 40u);	// ten lanewise operators x four dimensions
+		std::printf("%s: %u kernels, %u calls, every byte, report and hazard the SSE2 kernel's\n", CBVM::KernelIsaName(isa), kernels, calls);
+	}
+
+	// Float add and mul of two NaNs: the first source's quieted NaN, at every place a
+	// kernel computes a lane (vector loops, constant loops, tails, the slow path), in
+	// every kernel set. (The compiler may swap a commutative intrinsic's operands, which
+	// decides the winner on x86: the vector classes pin them.)
+	TEST_P(WideFloatKernels, TwoNaNsGiveTheFirstSourcesNaNEverywhere)
+	{
+		const EKernelIsa isa = GetParam();
+		if (!CBVM::KernelIsaSupported(isa))
+			GTEST_SKIP() << "this machine does not run " << CBVM::KernelIsaName(isa);
+		const MathOp::FloatKernelTable &wide = isa == CBVM::KernelIsa_AVX512 ? MathOp::g_FloatKernelsAvx512 : MathOp::g_FloatKernelsAvx2;
+		constexpr u32 kA = 0x7FA000AAu, kB = 0xFFC000BBu;	// a signalling NaN, a negative quiet NaN
+		constexpr u32 kQuietA = kA | 0x00400000u;
+		for (const MathOp::FloatKernelTable *table : {&MathOp::g_FloatKernelsSse2, &wide})
+			for (u32 op : {u32(Compiler::IR::SOp_MathOp::Op_Add), u32(Compiler::IR::SOp_MathOp::Op_Mul)})
+				for (u32 n = 1; n <= 4; ++n)
+					for (const SLayout &l : kLayouts)
+						for (u32 count : {13u, 100u})
+						{
+							const std::vector<u32> a((l.m_Const0 ? 1 : count) * n + 4, kA), b((l.m_Const1 ? 1 : count) * n + 4, kB);
+							const SOutcome out = Run((*table)[op * 4 + n - 1], l, n, count, a, b);
+							for (u32 e = 0; e < count; ++e)
+								for (u32 k = 0; k < n; ++k)
+								{
+									u32 word;
+									std::memcpy(&word, out.m_Bytes.data() + (e * l.m_DstStrideFactor * n + k) * 4, 4);
+									ASSERT_EQ(word, kQuietA) << (table == &wide ? CBVM::KernelIsaName(isa) : "sse2") << " operator " << op << " N " << n << ", " << l.m_Name << ", "
+															 << count << " elements: element " << e << " component " << k;
+								}
+						}
+	}
+
+	INSTANTIATE_TEST_SUITE_P(EverySet, WideFloatKernels, ::testing::Values(CBVM::KernelIsa_AVX2, CBVM::KernelIsa_AVX512),
+							 [](const ::testing::TestParamInfo<EKernelIsa> &info) { return std::string(CBVM::KernelIsaName(info.param)); });
+}
