@@ -70,6 +70,7 @@ namespace OxBench
 				}
 			}
 			Orvex::Profiler::MainEngineProfiler()->SetEnabled(impl == Impl_StandardProfiler);
+			CWorkload::UseKernelSet(impl);
 			for (auto _ : state)
 			{
 				w.Run(impl);
@@ -181,6 +182,7 @@ namespace OxBench
 				}
 			}
 			Orvex::Profiler::MainEngineProfiler()->SetEnabled(impl == Impl_StandardProfiler);
+			CWorkload::UseKernelSet(impl);
 			w.Run(impl);
 			CALLGRIND_TOGGLE_COLLECT;
 			w.Run(impl);

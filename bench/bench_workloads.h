@@ -40,6 +40,10 @@ namespace OxBench
 		// once with the workload (not timed).
 		Impl_Batched,
 		Impl_BatchedAllThreads,
+		// The standard path with a wide kernel set (cbvm_kernel_isa.h), on machines that
+		// run it; every other VM row runs the SSE2 kernels.
+		Impl_StandardAvx2,
+		Impl_StandardAvx512,
 		__MaxImpls
 	};
 
@@ -90,6 +94,9 @@ namespace OxBench
 
 		// Whether 'impl' has a version of 'workload'.
 		static bool Supports(EWorkload workload, EImpl impl);
+		// Makes the standard path run the kernel set of 'impl' (SSE2 for every row but
+		// the wide ones): before timing it, and around each run of a check.
+		static void UseKernelSet(EImpl impl);
 		bool Has(EImpl impl) const { return Supports(m_Workload, impl); }
 
 		// Runs the standard path once from the initial inputs and keeps its outputs, then

@@ -50,6 +50,9 @@ IMPLS = [
     # appear when ox_bench registers them.
     ("batched", "batched runner, 1 thread"),
     ("batched_all_threads", "batched runner, every core"),
+    # The standard path with a wide kernel set (cbvm_kernel_isa.h), where the machine runs it.
+    ("standard_avx2", "standard path, AVX2 kernels"),
+    ("standard_avx512", "standard path, AVX-512 kernels"),
 ]
 LABEL = dict(IMPLS)
 W11_IMPLS = [
@@ -398,6 +401,12 @@ def targets(res, counts):
             rows.append(pair(wid, "batched", "sse2", n, 0.8, "the hand-fused SSE2 loop"))
         rows.append(pair(wid, "batched_all_threads", "batched", LARGEST, 1.6, "batched on one thread"))
         rows.append(pair(wid, "batched", "standard", REFERENCE, 0.95, "the whole-stream run"))
+    # Kernel sets (cbvm_kernel_isa.h): each against SSE2, and AVX-512 against AVX2.
+    for wid in ("W1", "W2", "W4", "W6", "W7"):
+        if res.rate(wid, "standard_avx2", REFERENCE):
+            rows.append(pair(wid, "standard_avx2", "standard", REFERENCE, 1.6, "the SSE2 kernels"))
+        if res.rate(wid, "standard_avx512", REFERENCE):
+            rows.append(pair(wid, "standard_avx512", "standard_avx2", REFERENCE, 1.3, "the AVX2 kernels"))
     rows.append(pair("W12", "batched", "numexpr_1t", LARGEST, 10.0, "numexpr on one thread"))
     rows.append(pair("W12", "batched_all_threads", "numexpr_all", LARGEST, 10.0, "numexpr on every core"))
     for impl, what in (("standard", "entry points called by opcode"), ("standard_interpreter", "through CInterpreter::Run")):

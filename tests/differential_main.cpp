@@ -3,7 +3,13 @@
 // word with the plain scalar model (the check itself: differential/differential_core.h,
 // shared with the fuzz target fuzz_differential).
 //
-//   ox_differential [--instructions N] [--seed S] [--first I] [--verbose]
+//   ox_differential [--instructions N] [--seed S] [--first I] [--isa SET] [--verbose]
+//
+// --isa avx2, avx512 or all: each instruction also runs on the standard path with that
+// kernel set (every set this machine runs, for all) from an identical file, checked
+// against the model the same way, and its destination block compared word for word
+// with the SSE2 kernels' (cbvm_kernel_isa.h). A set the machine lacks is skipped, said
+// once.
 //
 // Instruction i draws everything from (seed, i), so "--seed S --first I
 // --instructions 1" replays one failing instruction. The two paths may differ from the
@@ -12,6 +18,7 @@
 // those cases, is a failure.
 // Exit status: 0 when everything matched, 1 otherwise, 2 for a bad command line.
 
+#include "cbvm_kernel_isa.h"
 #include "differential_core.h"
 #include "scalar_model.h"
 
@@ -81,15 +88,43 @@ namespace
 		u64 m_Mismatches = 0;
 		u64 m_FailedInstructions = 0;
 		u64 m_ExpectedDifferences = 0;	// instructions where the standard path took a documented shortcut
+		u64 m_SetRuns = 0;				// runs with a wide kernel set, compared with SSE2's
 	};
 
-	bool CheckOne(u32 seed, u64 index, bool verbose, SStats &stats)
+	bool CheckOne(u32 seed, u64 index, bool verbose, const std::vector<CBVM::EKernelIsa> &sets, SStats &stats)
 	{
 		std::mt19937 rng(seed ^ u32(index * 0x9E3779B9u) ^ u32(index >> 32));
 		const OxDiff::SCase c = RandomCase(rng);
+		const std::mt19937 filled = rng;	// the draws of the file: again for every kernel set
 		OxDiff::SFiles files;
 		OxDiff::BuildFiles(c, [&]() { return RandomWord(rng, c.m_Kind); }, files);
-		const OxDiff::SOutcome outcome = OxDiff::Check(c, files, OxDiff::Encode(files.m_Standard, c.m_Op));
+		CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
+		OxDiff::SOutcome outcome = OxDiff::Check(c, files, OxDiff::Encode(files.m_Standard, c.m_Op));
+		const std::vector<u32> reference = files.m_Standard.Words(files.m_Standard.m_Dst);
+		for (CBVM::EKernelIsa set : sets)
+		{
+			std::mt19937 again = filled;
+			OxDiff::SFiles wide;
+			OxDiff::BuildFiles(c, [&]() { return RandomWord(again, c.m_Kind); }, wide);
+			CBVM::SetKernelIsa(set);
+			OxDiff::SOutcome withSet = OxDiff::Check(c, wide, OxDiff::Encode(wide.m_Standard, c.m_Op));
+			CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
+			const std::string name = CBVM::KernelIsaName(set);
+			for (OxDiff::SMismatch &m : withSet.m_Mismatches)
+			{
+				m.m_What = name + ": " + m.m_What;
+				outcome.m_Mismatches.push_back(m);
+			}
+			const std::vector<u32> words = wide.m_Standard.Words(wide.m_Standard.m_Dst);
+			for (std::size_t w = 0; w < words.size(); ++w)
+				if (words[w] != reference[w])
+				{
+					char detail[96];
+					std::snprintf(detail, sizeof(detail), "word %zu of the destination block: sse2 0x%08x, %s 0x%08x", w, reference[w], name.c_str(), words[w]);
+					outcome.m_Mismatches.push_back({name + " differs from sse2", detail});
+				}
+			++stats.m_SetRuns;
+		}
 
 		const u64 mismatches = outcome.m_Mismatches.size();
 		for (u64 m = 0; m < mismatches && (m < 4 || verbose); ++m)
@@ -117,29 +152,53 @@ int main(int argc, char **argv)
 {
 	u64 instructions = 20000, seed = 20261122, first = 0;
 	bool verbose = false;
+	std::vector<CBVM::EKernelIsa> sets;	// wide sets compared with SSE2
 	for (int i = 1; i < argc; ++i)
 	{
 		const std::string arg = argv[i];
 		u64 *target = arg == "--instructions" ? &instructions : arg == "--seed" ? &seed : arg == "--first" ? &first : nullptr;
+		CBVM::EKernelIsa named = CBVM::KernelIsa_SSE2;
 		if (target != nullptr && i + 1 < argc && ParseU64(argv[i + 1], *target))
 			++i;
 		else if (arg == "--verbose")
 			verbose = true;
+		else if (arg == "--isa" && i + 1 < argc && (std::string(argv[i + 1]) == "all" || CBVM::KernelIsaFromName(argv[i + 1], named)))
+		{
+			const bool all = std::string(argv[++i]) == "all";
+			for (u32 s = CBVM::KernelIsa_SSE2 + 1; s < CBVM::__MaxKernelIsas; ++s)
+			{
+				if (!all && s != named)
+					continue;
+				if (CBVM::KernelIsaSupported(CBVM::EKernelIsa(s)))
+					sets.push_back(CBVM::EKernelIsa(s));
+				else
+					std::printf("ox_differential: skipping %s: this machine does not run it (widest: %s)\n", CBVM::KernelIsaName(CBVM::EKernelIsa(s)),
+								CBVM::KernelIsaName(CBVM::WidestKernelIsa()));
+			}
+		}
 		else
 		{
-			std::fprintf(stderr, "usage: ox_differential [--instructions N] [--seed S] [--first I] [--verbose]\n");
+			std::fprintf(stderr, "usage: ox_differential [--instructions N] [--seed S] [--first I] [--isa avx2|avx512|all] [--verbose]\n");
 			return 2;
 		}
 	}
-	std::printf("ox_differential: seed %llu, instructions %llu..%llu\n", (unsigned long long)seed, (unsigned long long)first, (unsigned long long)(first + instructions));
+	std::string setNames;
+	for (CBVM::EKernelIsa set : sets)
+		setNames += std::string(setNames.empty() ? "" : ", ") + CBVM::KernelIsaName(set);
+	std::printf("ox_differential: seed %llu, instructions %llu..%llu%s%s\n", (unsigned long long)seed, (unsigned long long)first, (unsigned long long)(first + instructions),
+				sets.empty() ? "" : ", kernel sets compared with sse2: ", setNames.c_str());
 	std::fflush(stdout);
 
+	const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
 	SStats stats;
 	for (u64 i = first; i < first + instructions; ++i)
-		CheckOne(u32(seed), i, verbose, stats);
+		CheckOne(u32(seed), i, verbose, sets, stats);
+	CBVM::SetKernelIsa(active);
 
 	std::printf("instructions compared: %llu, destination words compared: %llu, documented shortcuts taken: %llu\n",
 				(unsigned long long)stats.m_Instructions, (unsigned long long)stats.m_Words, (unsigned long long)stats.m_ExpectedDifferences);
+	if (!sets.empty())
+		std::printf("kernel-set runs compared word for word with sse2: %llu\n", (unsigned long long)stats.m_SetRuns);
 	std::printf("mismatching instructions: %llu, mismatching words: %llu\n", (unsigned long long)stats.m_FailedInstructions, (unsigned long long)stats.m_Mismatches);
 	std::printf("differential: %llu passed, %llu failed\n", (unsigned long long)(stats.m_Instructions - stats.m_FailedInstructions), (unsigned long long)stats.m_FailedInstructions);
 	return stats.m_FailedInstructions == 0 ? 0 : 1;

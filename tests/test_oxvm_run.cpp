@@ -4,6 +4,8 @@
 
 #include "oxvm_runner.h"
 
+#include "cbvm_kernel_isa.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -266,6 +268,34 @@ namespace
 		EXPECT_NE(unknown.m_Err.find("oxvm: error: --scratch: no register named 'nosuch'"), std::string::npos);
 	}
 
+	// --isa: the kernel set named on the "kernels" line, the same results from every set
+	// this machine runs; a set it lacks is refused.
+	TEST_F(OxvmRun, EveryKernelSetGivesTheSameResults)
+	{
+		const SOxvmResult reference = Oxvm("run --frames 3 --isa sse2");
+		ASSERT_EQ(reference.m_Status, 0) << reference.m_Err;
+		EXPECT_EQ(LineStarting(reference.m_Out, "kernels"), "kernels    sse2 (--isa)");
+		EXPECT_EQ(LineStarting(Oxvm("run").m_Out, "kernels"), std::string("kernels    ") + Orvex::CBVM::KernelIsaName(Orvex::CBVM::WidestKernelIsa()) + " (the widest this machine runs)");
+		for (const char *set : {"avx2", "avx512"})
+		{
+			Orvex::CBVM::EKernelIsa isa = Orvex::CBVM::KernelIsa_SSE2;
+			ASSERT_TRUE(Orvex::CBVM::KernelIsaFromName(set, isa));
+			const SOxvmResult result = Oxvm(std::string("run --frames 3 --isa ") + set);
+			if (!Orvex::CBVM::KernelIsaSupported(isa))
+			{
+				EXPECT_EQ(result.m_Status, 2);
+				EXPECT_NE(result.m_Err.find(std::string("oxvm: error: --isa ") + set + ": this machine does not run it"), std::string::npos) << result.m_Err;
+				continue;
+			}
+			ASSERT_EQ(result.m_Status, 0) << result.m_Err;
+			EXPECT_EQ(LineStarting(result.m_Out, "kernels"), std::string("kernels    ") + set + " (--isa)");
+			EXPECT_EQ(WrittenSection(result.m_Out), WrittenSection(reference.m_Out)) << set;
+			const SOxvmResult compared = Oxvm(std::string("run --frames 2 --compare --isa ") + set);
+			EXPECT_EQ(compared.m_Status, 0) << set << compared.m_Out;
+		}
+		EXPECT_NE(Oxvm("run --isa avx9").m_Status, 0);
+	}
+
 	TEST_F(OxvmRun, SeedDecidesRandomValues)
 	{
 		const std::string first7 = Oxvm("run --seed 7").m_Out;
@@ -300,7 +330,7 @@ namespace
 			EXPECT_NE(result.m_Out.find("Usage: "), std::string::npos) << command;
 		}
 		const SOxvmResult run = Oxvm("run --help");
-		for (const char *option : {"--elements", "--frames", "--path", "--seed", "--dump", "--csv", "--profile", "--compare", "--strict", "--verbose", "--progress", "--batch", "--threads", "--scratch"})
+		for (const char *option : {"--elements", "--frames", "--path", "--seed", "--dump", "--csv", "--profile", "--compare", "--strict", "--verbose", "--progress", "--batch", "--threads", "--scratch", "--isa"})
 			EXPECT_NE(run.m_Out.find(option), std::string::npos) << option;
 	}
 }

@@ -14,10 +14,12 @@
 #include "verification.h"
 
 #if OXVM_HAVE_TBB
+#include "cbvm_kernel_isa.h"
 #include "cbvm_tbb_parallel_for.h"
 #endif
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 
 #include <fmt/format.h>
@@ -125,6 +127,17 @@ namespace OxVm
 			scratchIds.push_back(CVMRegID{s32(program.m_Registers[std::size_t(index)].m_Bits)});
 		const u32 elements = options.m_Elements != 0 ? options.m_Elements : program.m_Stream;
 		const CBVM::EExecPath path = options.m_Path == "low" ? CBVM::ExecPath_Low : CBVM::ExecPath_Standard;
+		// The kernel set: checked before anything is loaded or run.
+		CBVM::EKernelIsa isa = CBVM::ActiveKernelIsa();
+		if (options.m_Isa != "auto")
+		{
+			CBVM::KernelIsaFromName(options.m_Isa.c_str(), isa);
+			if (!CBVM::SetKernelIsa(isa))
+			{
+				fmt::print(stderr, "oxvm: error: --isa {}: this machine does not run it (the widest it runs: {})\n", options.m_Isa, CBVM::KernelIsaName(CBVM::WidestKernelIsa()));
+				return Exit_BadInput;
+			}
+		}
 		const std::vector<u8> bytecode = Assemble(program);
 		// The CSV output is opened before anything runs: a path that cannot be written
 		// stops the command here, not after the run.
@@ -164,6 +177,11 @@ namespace OxVm
 		fmt::print("program    {}{}\n", *program.m_File, options.m_Program.empty() ? " (bundled example; see oxvm example)" : "");
 		fmt::print("run        {} path{}, {} elements, {} frame{}, seed {}\n", options.m_Compare ? "standard and low" : CBVM::ExecPathName(path),
 				   options.m_Compare ? "s compared" : "", elements, options.m_Frames, options.m_Frames == 1 ? "" : "s", options.m_Seed);
+		const char *environment = std::getenv("OX_CBVM_ISA");
+		CBVM::EKernelIsa named = CBVM::KernelIsa_SSE2;
+		const bool fromEnvironment = CBVM::KernelIsaFromName(environment, named) && named == isa;	// (an unknown or unsupported name fell back to auto)
+		fmt::print("kernels    {} ({})\n", CBVM::KernelIsaName(isa),
+				   options.m_Isa != "auto" ? "--isa" : fromEnvironment ? "OX_CBVM_ISA" : "the widest this machine runs");
 		// Batches: planned on the file as it is, on every core the parallel-for has.
 		CBVM::CBatchPlan plan;
 		plan.Build(bytecode.data(), u32(bytecode.size()), file.Storage(), options.m_Batch, scratchIds.data(), u32(scratchIds.size()));

@@ -33,6 +33,7 @@ namespace OxVm
 		Orvex::u32 m_Elements = 0;		// 0: the program's stream size
 		Orvex::u32 m_Frames = 1;
 		std::string m_Path = "standard";
+		std::string m_Isa = "auto";		// the standard path's kernel set: auto (the library's choice), sse2, avx2, avx512
 		Orvex::u32 m_Seed = 1;
 		std::vector<std::string> m_Dump;
 		std::vector<std::string> m_Scratch;	// temporaries a batched run keeps in per-thread buffers (not kept)

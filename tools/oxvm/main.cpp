@@ -74,6 +74,11 @@ namespace
 			->check(WholeNumber(1, 1000000000u))
 			->capture_default_str();
 		runCommand->add_option("--path", run.m_Path, "execution path: standard (SIMD) or low (plain)")->check(CLI::IsMember({"standard", "low"}))->capture_default_str();
+		runCommand->add_option("--isa", run.m_Isa,
+			"the standard path's kernel set: auto (the widest this machine runs, or the OX_CBVM_ISA environment variable's), sse2, avx2 or avx512; "
+			"every set gives the same words, the wider ones faster")
+			->check(CLI::IsMember({"auto", "sse2", "avx2", "avx512"}))
+			->capture_default_str();
 		runCommand->add_option("--seed", run.m_Seed, "seed of random() initialisers")->check(WholeNumber(0, 0xFFFFFFFFu))->capture_default_str();
 		// One value per --dump (repeat it, or give a comma list), so that it never takes the
 		// program's name for a register's.
