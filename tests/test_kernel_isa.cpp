@@ -120,7 +120,7 @@ namespace
 		void TearDown() override { Assert::SetHandler(m_Previous); }
 
 		// Runs 'fn' on fresh copies of the inputs; the destination buffer and what the call counted.
-		static SOutcome Run(MathOp::FnOp2Stream fn, const SLayout &l, u32 n, u32 count, const std::vector<u32> &a, const std::vector<u32> &b)
+		static SOutcome Run(MathOp::FnOp2Stream fn, const SLayout &l, u32 n, u32 count, const std::vector<u32> &a, const std::vector<u32> &b, bool unary = false)
 		{
 			constexpr u32 kGuard = 64;
 			const u32 bytes = 4 * n;
@@ -133,7 +133,8 @@ namespace
 			Profiler::CHazards &hazards = Profiler::CHazards::CurrentThreadHazards();
 			hazards.Reset();
 			g_Reports = 0;
-			fn(d, bytes * l.m_DstStrideFactor, count, p0, l.m_Const0 ? 0 : bytes, p1, l.m_Const1 ? 0 : bytes);
+			// A unary operator (negation) gets no second operand, as from the selector.
+			fn(d, bytes * l.m_DstStrideFactor, count, p0, l.m_Const0 ? 0 : bytes, unary ? nullptr : p1, l.m_Const1 ? 0 : bytes);
 			SOutcome out;
 			out.m_Bytes.assign(d, d + dstBytes);
 			out.m_Reports = g_Reports;
@@ -168,8 +169,9 @@ namespace
 						w = RandomWord(random);
 					for (u32 &w : b)
 						w = random.Uniform(4) == 0 && (&w - b.data()) < std::ptrdiff_t(a.size()) ? a[std::size_t(&w - b.data())] : RandomWord(random);
-					const SOutcome expected = Run(MathOp::g_FloatKernelsSse2[slot], l, n, count, a, b);
-					const SOutcome got = Run(wide[slot], l, n, count, a, b);
+					const bool unary = Compiler::IR::SOp_MathOp::kTraits[slot / 4].m_ParameterCount == 1;
+					const SOutcome expected = Run(MathOp::g_FloatKernelsSse2[slot], l, n, count, a, b, unary);
+					const SOutcome got = Run(wide[slot], l, n, count, a, b, unary);
 					++calls;
 					const std::string where = std::string(CBVM::KernelIsaName(isa)) + " slot " + std::to_string(slot) + " (operator " + std::to_string(slot / 4) + ", N " +
 											  std::to_string(n) + "), " + l.m_Name + ", " + std::to_string(count) + " elements";
@@ -180,7 +182,7 @@ namespace
 						ASSERT_EQ(got.m_Bytes[i], expected.m_Bytes[i]) << where << ", byte " << i << (i >= count * 4 * n * l.m_DstStrideFactor ? " (past the destination)" : "");
 				}
 		}
-		EXPECT_GE(kernels, 40u);	// ten lanewise operators x four dimensions
+		EXPECT_EQ(kernels, 48u);	// ten lanewise operators, modulo and negation, x four dimensions
 		std::printf("%s: %u kernels, %u calls, every byte, report and hazard the SSE2 kernel's\n", CBVM::KernelIsaName(isa), kernels, calls);
 	}
 

@@ -94,28 +94,6 @@ namespace Orvex
 		// with x, y and z respectively).
 		inline Scalar _Lane0(const Float4 &value) { return Scalar(value.m_Value); }
 
-		// Vector form of ScalarOps::TruncFracF32: (q - float(trunc32(q))) where |q| < 2^31,
-		// else +0. The truncation itself tells the two apart: it gives 0x80000000 for every
-		// lane with |q| >= 2^31 or a NaN (-2^31 included, which is out of the range too) and
-		// for no lane inside the range, whose truncations all lie in (-2^31, 2^31).
-		inline Float4 _TruncFrac(const Float4 &q)
-		{
-			const Float4 truncated = q.ConvertToInt32Trunc();
-			const Float4 outOfRange = truncated.CmpEqInt32(Float4::LoadAligned16(SIMD_SSE::Constants::_Constant_Fp32_SignMasks));
-			return (q - truncated.ConvertInt32ToFloat()).AndNot(outOfRange);
-		}
-
-		// _TruncFrac for the body of a loop (the 0x80000000 pattern loaded once, outside).
-		struct STruncFrac
-		{
-			Float4 m_Indefinite = Float4::LoadAligned16(SIMD_SSE::Constants::_Constant_Fp32_SignMasks);
-			Float4 operator()(const Float4 &q) const
-			{
-				const Float4 truncated = q.ConvertToInt32Trunc();
-				return (q - truncated.ConvertInt32ToFloat()).AndNot(truncated.CmpEqInt32(m_Indefinite));
-			}
-		};
-
 		using SIMD_SSE::TAlignedAccess;
 		using SIMD_SSE::_AreAligned;
 
@@ -347,7 +325,7 @@ namespace Orvex
 			template <typename _Access>
 			static void _ModPacked(float *dstStream, const float *dstStop, const float *srcStream0, const float *srcStream1)
 			{
-				const STruncFrac truncFrac;
+				const TTruncFrac<Float4> truncFrac;
 				const std::ptrdiff_t whole = _WholeGroups<4>(dstStream, dstStop);
 				for (std::ptrdiff_t i = 0; i < whole; i += 4)
 				{
@@ -365,7 +343,7 @@ namespace Orvex
 			template <typename _Access>
 			static void _ModV124(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1, Float4 cst)
 			{
-				const STruncFrac truncFrac;
+				const TTruncFrac<Float4> truncFrac;
 				alignas(16) float cstLanes[4];
 				cst.StoreAligned16(cstLanes);
 				if (stride1 == 0)
@@ -404,7 +382,7 @@ namespace Orvex
 			template <typename _Access>
 			static void _ModV3(float *dstStream, const float *dstStop, const float *srcStream0, u32 stride0, const float *srcStream1, u32 stride1)
 			{
-				const STruncFrac truncFrac;
+				const TTruncFrac<Float4> truncFrac;
 				const bool constantDivisor = stride1 == 0;
 				const Float4 cst = Float4::LoadFloat3(constantDivisor ? srcStream1 : srcStream0);
 				const Float4 c[3] = {cst.Swizzle<0, 1, 2, 0>(), cst.Swizzle<1, 2, 0, 1>(), cst.Swizzle<2, 0, 1, 2>()};

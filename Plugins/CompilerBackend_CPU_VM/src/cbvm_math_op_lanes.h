@@ -43,6 +43,23 @@ namespace Orvex
 			}
 		};
 
+		// Vector form of ScalarOps::TruncFracF32 for the float modulo: q - float(trunc32(q))
+		// where |q| < 2^31, else +0. The truncation itself tells the two apart: it gives
+		// 0x80000000 for every lane with |q| >= 2^31 or a NaN (-2^31 included, which is out
+		// of the range too) and for no lane inside the range, whose truncations all lie in
+		// (-2^31, 2^31). The pattern is made once, outside a loop. _Vector: Float4 or a wide
+		// vector.
+		template <typename _Vector>
+		struct TTruncFrac
+		{
+			_Vector m_Indefinite = _Vector::SplatInt(s32(0x80000000u));
+			__attribute__((always_inline)) _Vector operator()(const _Vector &q) const
+			{
+				const _Vector truncated = q.ConvertToInt32Trunc();
+				return (q - truncated.ConvertInt32ToFloat()).AndNot(truncated.CmpEqInt32(m_Indefinite));
+			}
+		};
+
 		// The three integer shifts.
 		enum EShiftKind
 		{

@@ -68,7 +68,7 @@ namespace Orvex
 				{
 					const Float4 a = Access::Load(src0);
 					const Float4 b = Access::Load(src1);
-					Access::Store(dst, STruncFrac()(a / b) * b);
+					Access::Store(dst, TTruncFrac<Float4>()(a / b) * b);
 				}
 				else
 					for (int k = 0; k < _Dimension; ++k)

@@ -17,6 +17,12 @@
 // A period is the smallest run of floats that is both whole vectors and whole elements:
 // lcm(N, lanes) floats (one vector for N = 1, 2, 4; three for N = 3). A constant operand
 // is laid out over one period once, outside the loop.
+//
+// Modulo computes what the SSE2 kernel computes lane for lane: frac(a / b) * b for two
+// streams and for a constant dividend, frac(a * r) * c for a constant divisor c, with r
+// = 1 / c divided once per lane as the SSE2 kernel divides it. Negation flips the sign
+// bit. Their preconditions (packed destination and stream operands) are the SSE2
+// kernel's checks: a call that fails one goes to it, and it reports.
 
 #include "cbvm_math_op_kernel_sets.h"
 #include "cbvm_math_op_lanes.h"
@@ -43,58 +49,127 @@ namespace Orvex
 			template <EOp2Type _Op, u32 _Slot>
 			static void Lanes(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
 			{
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) {
+					if (packed0 && packed1)
+						_StreamLoop(d, a, b, floats, [](const _Vector &x, const _Vector &y) { return TOp2Impl<_Op, false>::Op(x, y); });
+					else if (packed0)
+						_ConstantLoop(d, a, b, floats, [](const _Vector &v, const _Vector &c) { return TOp2Impl<_Op, false>::Op(v, c); });
+					else
+						_ConstantLoop(d, b, a, floats, [](const _Vector &v, const _Vector &c) { return TOp2Impl<_Op, true>::Op(v, c); });	// c op v
+				});
+			}
+
+			template <u32 _Slot>
+			static void Mod(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
+			{
+				// (Two constants are not widened: _Widened needs a stream operand.)
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) {
+					const TTruncFrac<_Vector> truncFrac;
+					if (packed0 && packed1)
+						_StreamLoop(d, a, b, floats, [&](const _Vector &x, const _Vector &y) { return truncFrac(x / y) * y; });
+					else if (packed0)
+					{
+						// A constant divisor: its reciprocal once per lane, as the SSE2 kernel divides it.
+						_Vector c[kVectors], r[kVectors];
+						_Period(b, c);
+						for (int k = 0; k < kVectors; ++k)
+							r[k] = _Vector(1.0f) / c[k];
+						for (std::size_t i = 0; i < floats; i += kPeriod)
+							for (int k = 0; k < kVectors; ++k)
+								(truncFrac(_Vector::Load(a + i + k * kLanes) * r[k]) * c[k]).Store(d + i + k * kLanes);
+					}
+					else
+						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) { return truncFrac(c / y) * y; });	// a constant dividend
+				});
+			}
+
+			template <u32 _Slot>
+			static void Neg(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
+			{
+				// Negation has no second operand (src1 is null): only a packed stream src0 is widened.
+				if (src1 != nullptr || stride0 != kElementBytes)
+				{
+					g_FloatKernelsSse2[_Slot](dst, dstStride, count, src0, stride0, src1, stride1);
+					return;
+				}
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src0, stride0, [](float *d, const float *a, const float *, std::size_t floats, bool, bool) {
+					const _Vector signs = _Vector::SplatInt(s32(0x80000000u));
+					for (std::size_t i = 0; i < floats; i += kLanes)
+						(_Vector::Load(a + i) ^ signs).Store(d + i);
+				}, /*unary*/ true);
+			}
+
+		private:
+			// The frame of every wide kernel: the calls it takes (packed destination, a
+			// packed source, pointers 16-byte aligned and non-null, at least one period),
+			// 'loop' over whole periods, the rest to the SSE2 kernel; any other call to the
+			// SSE2 kernel as it is. 'loop'(d, a, b, floats, packed0, packed1).
+			template <u32 _Slot, typename _FnLoop>
+			static __attribute__((always_inline)) void _Widened(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1,
+																const _FnLoop &loop, bool unary = false)
+			{
 				const FnOp2Stream sse2 = g_FloatKernelsSse2[_Slot];
 				const u32 whole = count / kPeriodElements * kPeriodElements;
 				const bool packed0 = stride0 == kElementBytes, packed1 = stride1 == kElementBytes;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
 				if (whole == 0 || dstStride != kElementBytes || !(packed0 || packed1) || (any & 15) != 0 || src0 == nullptr || src1 == nullptr)
 				{
-					sse2(dst, dstStride, count, src0, stride0, src1, stride1);
+					sse2(dst, dstStride, count, src0, stride0, unary ? nullptr : src1, stride1);
 					return;
 				}
 				float *d = static_cast<float *>(dst);
 				const float *a = static_cast<const float *>(src0);
 				const float *b = static_cast<const float *>(src1);
 				const std::size_t floats = std::size_t(whole) * _Dimension;
-				if (packed0 && packed1)
-				{
-					for (std::size_t i = 0; i < floats; i += kLanes)
-						TOp2Impl<_Op, false>::Op(_Vector::Load(a + i), _Vector::Load(b + i)).Store(d + i);
-				}
-				else if (packed0)
-					_ConstantLoop<TOp2Impl<_Op, false>>(d, a, b, floats);
-				else
-					_ConstantLoop<TOp2Impl<_Op, true>>(d, b, a, floats);	// the constant is src0: c op v
+				loop(d, a, b, floats, packed0, packed1);
 				if (whole != count)
-					sse2(d + floats, dstStride, count - whole, packed0 ? a + floats : a, stride0, packed1 ? b + floats : b, stride1);
+					sse2(d + floats, dstStride, count - whole, packed0 ? a + floats : a, stride0, unary ? nullptr : packed1 ? b + floats : b, stride1);
 			}
 
-		private:
-			// d = s op c (or c op s: _Impl flips) over whole periods, the constant laid out
-			// over one period.
-			template <typename _Impl>
-			static __attribute__((always_inline)) void _ConstantLoop(float *d, const float *s, const float *constant, std::size_t floats)
+			// d = op(a, b) over two streams, one vector at a time.
+			template <typename _FnOp>
+			static __attribute__((always_inline)) void _StreamLoop(float *d, const float *a, const float *b, std::size_t floats, const _FnOp &op)
+			{
+				for (std::size_t i = 0; i < floats; i += kLanes)
+					op(_Vector::Load(a + i), _Vector::Load(b + i)).Store(d + i);
+			}
+
+			// A constant element laid out over one period, as kVectors vectors.
+			static __attribute__((always_inline)) void _Period(const float *constant, _Vector (&c)[kVectors])
 			{
 				alignas(64) float period[kPeriod];
 				for (int j = 0; j < kPeriod; ++j)
 					period[j] = constant[j % _Dimension];
-				_Vector c[kVectors];
 				for (int k = 0; k < kVectors; ++k)
 					c[k] = _Vector::Load(period + k * kLanes);
+			}
+
+			// d = op(s, c) over whole periods: s a stream, c the constant over one period.
+			template <typename _FnOp>
+			static __attribute__((always_inline)) void _ConstantLoop(float *d, const float *s, const float *constant, std::size_t floats, const _FnOp &op)
+			{
+				_Vector c[kVectors];
+				_Period(constant, c);
 				for (std::size_t i = 0; i < floats; i += kPeriod)
 					for (int k = 0; k < kVectors; ++k)
-						_Impl::Op(_Vector::Load(s + i + k * kLanes), c[k]).Store(d + i + k * kLanes);
+						op(_Vector::Load(s + i + k * kLanes), c[k]).Store(d + i + k * kLanes);
 			}
 		};
 
-		// A set's table: the wide kernel of every operator whose float form is lanewise,
-		// null elsewhere (modulo, negation: the SSE2 kernels run).
+		// A set's table: a wide kernel for every operator with a float form (by its kind
+		// in the operator table), null for the others.
 		template <typename _Vector, int _Dimension, u32 _Op>
 		constexpr FnOp2Stream _WideFloatKernelOf()
 		{
+			using Kernels = TWideFloatKernels<_Vector, _Dimension>;
 			constexpr const Compiler::IR::SOp_MathOp::STraits &traits = Compiler::IR::SOp_MathOp::kTraits[_Op];
+			constexpr u32 kSlot = _Op * 4 + (_Dimension - 1);
 			if constexpr (traits.m_FloatKernel == Compiler::IR::SOp_MathOp::FloatKernel_Lanes)
-				return &TWideFloatKernels<_Vector, _Dimension>::template Lanes<traits.m_FloatLane, _Op * 4 + (_Dimension - 1)>;
+				return &Kernels::template Lanes<traits.m_FloatLane, kSlot>;
+			else if constexpr (traits.m_FloatKernel == Compiler::IR::SOp_MathOp::FloatKernel_Mod)
+				return &Kernels::template Mod<kSlot>;
+			else if constexpr (traits.m_FloatKernel == Compiler::IR::SOp_MathOp::FloatKernel_Neg)
+				return &Kernels::template Neg<kSlot>;
 			else
 				return nullptr;
 		}

@@ -78,8 +78,10 @@ namespace Orvex
 
 			OX_SIMD_INLINE Float16 CmpEqInt32(const Float16 &b) const { return _Lanes(_mm512_cmpeq_epi32_mask(AsInt(), b.AsInt())); }
 			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000, as cvttps2dq.
-			OX_SIMD_INLINE Float16 ConvertToInt32Trunc() const { return Float16(_mm512_cvttps_epi32(m_Value)); }
-			OX_SIMD_INLINE Float16 ConvertInt32ToFloat() const { return Float16(_mm512_cvtepi32_ps(AsInt())); }
+			// (The zero-masked forms with every lane selected: the plain ones pass GCC 12 an
+			// undefined vector that -Wmaybe-uninitialized reports.)
+			OX_SIMD_INLINE Float16 ConvertToInt32Trunc() const { return Float16(_mm512_maskz_cvttps_epi32(__mmask16(0xFFFF), m_Value)); }
+			OX_SIMD_INLINE Float16 ConvertInt32ToFloat() const { return Float16(_mm512_maskz_cvtepi32_ps(__mmask16(0xFFFF), AsInt())); }
 
 		private:
 			static OX_SIMD_INLINE Float16 _Lanes(__mmask16 mask) { return Float16(_mm512_movm_epi32(mask)); }
