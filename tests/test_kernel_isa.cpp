@@ -217,6 +217,70 @@ namespace
 						}
 	}
 
+	// The integer block kernel of each wide set against the SSE2 one (_ExecIntOperatorPacked),
+	// as the integer selector calls it: destination and sources 16-byte aligned, a source a
+	// stream (48-byte block stride) or a constant's 12-integer block (stride 0).
+	TEST_P(WideFloatKernels, IntKernelGivesTheSse2KernelsBytesReportsAndHazards)
+	{
+		const EKernelIsa isa = GetParam();
+		if (!CBVM::KernelIsaSupported(isa))
+			GTEST_SKIP() << "this machine does not run " << CBVM::KernelIsaName(isa);
+		const MathOp::FnIntPacked wide = isa == CBVM::KernelIsa_AVX512 ? MathOp::g_IntKernelAvx512 : MathOp::g_IntKernelAvx2;
+		OxTest::CSeededRandom random(20261125);
+		const s32 specials[] = {0, 1, -1, 2, -2, 3, 7, -7, 8, -8, 31, 32, 40, 0x7FFFFFFF, s32(0x80000000u), 12345, -65536, 1 << 20};
+		auto word = [&]() { return random.Uniform(3) == 0 ? specials[random.Uniform(std::size(specials))] : s32(random()) >> random.Uniform(31); };
+		const u32 counts[] = {0, 5, 11, 12, 13, 23, 24, 25, 36, 47, 48, 49, 60, 95, 96, 97, 144, 300, 1001};
+		enum ERight { Right_Stream, Right_Uniform, Right_Mixed, Right_ConstantLeft };
+		u32 calls = 0;
+		for (u32 op = 0; op < Compiler::IR::SOp_MathOp::__MaxOps; ++op)
+		{
+			const bool unary = Compiler::IR::SOp_MathOp::kTraits[op].m_ParameterCount == 1;
+			for (ERight right : {Right_Stream, Right_Uniform, Right_Mixed, Right_ConstantLeft})
+				for (u32 count : counts)
+				{
+					// count integers; a constant block of 12; every buffer 64-byte aligned plus room.
+					std::vector<s32> a(count + 64), b(count + 64), block(12);
+					for (s32 &w : a)
+						w = word();
+					for (s32 &w : b)
+						w = word();
+					const s32 uniform = word();
+					for (u32 i = 0; i < 12; ++i)
+						block[i] = right == Right_Uniform ? uniform : word();
+					SOutcome outcome[2];
+					for (u32 run = 0; run < 2; ++run)
+					{
+						alignas(64) s32 blockCopy[12];
+						std::memcpy(blockCopy, block.data(), sizeof(blockCopy));
+						std::vector<s32> dst(count + 64 + 16, s32(0xA5A5A5A5)), s0(a.size() + 16), s1(b.size() + 16);
+						auto aligned = [](std::vector<s32> &v) { return reinterpret_cast<s32 *>((reinterpret_cast<std::uintptr_t>(v.data()) + 63) & ~std::uintptr_t(63)); };
+						s32 *d = aligned(dst), *p0 = aligned(s0), *p1 = aligned(s1);
+						std::memcpy(p0, a.data(), a.size() * 4);
+						std::memcpy(p1, b.data(), b.size() * 4);
+						const bool leftConstant = right == Right_ConstantLeft, rightConstant = right == Right_Uniform || right == Right_Mixed;
+						Profiler::CHazards &hazards = Profiler::CHazards::CurrentThreadHazards();
+						hazards.Reset();
+						g_Reports = 0;
+						(run == 0 ? MathOp::g_IntKernelSse2 : wide)(Compiler::IR::SOp_MathOp::EOp(op), d, d + count, leftConstant ? blockCopy : p0, leftConstant ? 0 : 48,
+																	unary ? nullptr : rightConstant ? blockCopy : p1, rightConstant ? 0 : 48);
+						outcome[run].m_Bytes.assign(reinterpret_cast<u8 *>(d), reinterpret_cast<u8 *>(d + count + 16));
+						outcome[run].m_Reports = g_Reports;
+						for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+							outcome[run].m_Hazards[h] = hazards.Get(Profiler::CHazards::ECounter(h));
+					}
+					++calls;
+					const std::string where = std::string(CBVM::KernelIsaName(isa)) + " operator " + std::to_string(op) + ", right operand kind " + std::to_string(right) + ", " +
+											  std::to_string(count) + " integers";
+					ASSERT_EQ(outcome[1].m_Reports, outcome[0].m_Reports) << where;
+					for (u32 h = 0; h < Profiler::CHazards::__MaxHazards; ++h)
+						ASSERT_EQ(outcome[1].m_Hazards[h], outcome[0].m_Hazards[h]) << where << ", hazard " << h;
+					for (std::size_t i = 0; i < outcome[0].m_Bytes.size(); ++i)
+						ASSERT_EQ(outcome[1].m_Bytes[i], outcome[0].m_Bytes[i]) << where << ", byte " << i << (i >= count * 4 ? " (past the destination)" : "");
+				}
+		}
+		std::printf("%s: integer kernel, %u calls, every byte, report and hazard the SSE2 kernel's\n", CBVM::KernelIsaName(isa), calls);
+	}
+
 	INSTANTIATE_TEST_SUITE_P(EverySet, WideFloatKernels, ::testing::Values(CBVM::KernelIsa_AVX2, CBVM::KernelIsa_AVX512),
 							 [](const ::testing::TestParamInfo<EKernelIsa> &info) { return std::string(CBVM::KernelIsaName(info.param)); });
 }

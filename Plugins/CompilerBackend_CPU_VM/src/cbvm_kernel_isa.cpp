@@ -1,6 +1,7 @@
 #include "cbvm_kernel_isa.h"
 
 #include "cbvm_math_op_float_kernels.h"
+#include "cbvm_math_op_int_selector.h"
 #include "cbvm_math_op_kernel_sets.h"
 
 #include <atomic>
@@ -15,6 +16,8 @@ namespace Orvex
 	{
 		const FloatKernelTable g_FloatKernelsSse2 = _FnMathOpLookup;
 		std::atomic<const FloatKernelTable *> g_ActiveFloatKernels{&g_FloatKernelsSse2};
+		const FnIntPacked g_IntKernelSse2 = &_ExecIntOperatorPacked;
+		std::atomic<FnIntPacked> g_ActiveIntKernel{&_ExecIntOperatorPacked};
 	}
 
 	namespace CBVM
@@ -132,6 +135,8 @@ namespace Orvex
 			if (!KernelIsaSupported(isa))
 				return false;
 			MathOp::g_ActiveFloatKernels.store(FloatTableOf(isa), std::memory_order_relaxed);
+			MathOp::g_ActiveIntKernel.store(isa == KernelIsa_AVX512 ? MathOp::g_IntKernelAvx512 : isa == KernelIsa_AVX2 ? MathOp::g_IntKernelAvx2 : MathOp::g_IntKernelSse2,
+											std::memory_order_relaxed);
 			s_Active.store(isa, std::memory_order_relaxed);
 			return true;
 		}

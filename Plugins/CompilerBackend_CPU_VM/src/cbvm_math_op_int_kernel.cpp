@@ -26,6 +26,7 @@
 // passed down to the loops, so that no assertion site is duplicated.
 
 #include "cbvm_math_op_int_selector.h"
+#include "cbvm_math_op_int_uniform.h"
 #include "cbvm_math_op_lanes.h"
 
 #include "kr_profiler.h"
@@ -184,19 +185,6 @@ namespace Orvex
 					_UnaryBlocksWith<TAlignedAccess<false>>(c, [&fn](const Float4 &a) { return fn(a, std::false_type()); });
 			}
 
-			// Shifts by one count for every lane: the checked forms of Float4, or the
-			// *_Prechecked ones once the count is known to be at most 31.
-			template <EShiftKind _Kind, bool _Prechecked>
-			inline Float4 _Shift(const Float4 &a, u32 bits)
-			{
-				if constexpr (_Kind == Shift_Left)
-					return _Prechecked ? a.ShiftLeftInt32_Prechecked(bits) : a.ShiftLeftInt32(bits);
-				else if constexpr (_Kind == Shift_RightArith)
-					return _Prechecked ? a.ShiftRightArithInt32_Prechecked(bits) : a.ShiftRightArithInt32(bits);
-				else
-					return _Prechecked ? a.ShiftRightLogicalInt32_Prechecked(bits) : a.ShiftRightLogicalInt32(bits);
-			}
-
 			// Fewer than 12 integers left, indexed within the current block.
 			template <s32 (*_Fn)(s32, s32)>
 			void _Tail(const SPackedCursor &c)
@@ -250,88 +238,12 @@ namespace Orvex
 			}
 
 			//------------------------------------------------------------------------------
-			// Division by one divisor for all lanes, without a hardware divide.
-
-			// A single set bit. The test is on the unsigned bits on purpose: INT_MIN
-			// (0x80000000) passes, as the one negative "power of two".
-			inline bool _IsPowerOfTwo(s32 divisor)
-			{
-				const u32 bits = u32(divisor);
-				return bits != 0 && (bits & (bits - 1)) == 0;
-			}
-
-			// k with |d| = 2^k: right shifts of |d| (unsigned, so INT_MIN gives 2^31 and
-			// k = 31) until it is zero, minus one.
-			inline u32 _Log2OfPowerOfTwo(s32 divisor)
-			{
-				u32 magnitude = divisor < 0 ? 0u - u32(divisor) : u32(divisor);
-				u32 shifts = 0;
-				while (magnitude != 0)
-				{
-					magnitude >>= 1;
-					++shifts;
-				}
-				return shifts - 1;
-			}
-
-			// Signed magic-number division (see mt_integer_tools.h for how M and s are
-			// chosen; DivideByMul32 there is the same sequence on one scalar):
-			//   t = mulhi(a, M) + (a & addMask) - (a & subMask);  t >>= s;  q = t + (t >>> 31)
-			// The masks undo the 2^32 lost when the 33-bit multiplier was stored in 32 bits;
-			// the final logical shift adds 1 to negative t, turning floor into truncation.
-			// A divisor of 0 gets M = 0, s = 0: both masks are off and q is 0 for every a,
-			// which is also what the per-lane rule gives for x / 0 (and a - 0 * 0 = a for x % 0).
-			//
-			// The vector form computes the same t with fewer operations. The signed high half
-			// is the unsigned one minus two corrections, mulhi(a, M) = mulhu(a, M) - (a < 0 ? M : 0)
-			// - (M < 0 ? a : 0), and every term in a then adds up to either 0 or -a (all of
-			// it modulo 2^32, so the result is bit for bit the same):
-			//   d > 0, M >= 0:  0               d < 0, M > 0:  -(a & subMask) = -a
-			//   d > 0, M < 0:   -a + a = 0      d < 0, M < 0:  -a
-			//   d = 0 (M = 0):  0
-			// so t = mulhu(a, M) - (a < 0 ? M : 0), minus a once more for a negative divisor.
-			class CMagicDivisor
-			{
-			public:
-				explicit CMagicDivisor(s32 divisor)
-				{
-					// +-1 have no multiplier; the sign trick handles them before we get here.
-					OX_ASSERT(divisor != 1 && divisor != -1);
-					const IntegerTools::SMulDivisor md = IntegerTools::ComputeMul32Divisor(divisor);
-					const bool addDividend = divisor > 0 && md.m_Multiplier < 0;	// the addMask of the formula
-					const bool subDividend = divisor < 0 && md.m_Multiplier > 0;	// the subMask
-					const bool negativeMultiplier = md.m_Multiplier < 0;		// the signed high half's correction
-					m_Multiplier = Float4::SplatInt(md.m_Multiplier);
-					m_SubtractDividend = int(addDividend) - int(subDividend) - int(negativeMultiplier) != 0;
-					m_Shift = md.m_Shifter;
-				}
-
-				// At most 31 by construction; a loop checks it once with this.
-				bool ShiftInRange() const { return Float4::ShiftCountInRange(m_Shift); }
-				bool SubtractsDividend() const { return m_SubtractDividend; }
-
-				// _Prechecked: the shift count is known to be in range (ShiftInRange).
-				// _SubtractDividend: SubtractsDividend(), as a constant of the loop.
-				template <bool _Prechecked, bool _SubtractDividend>
-				Float4 Quotient(const Float4 &a) const
-				{
-					const Float4 aNegative = a.ShiftRightArithInt32_Prechecked(31);	// all ones where a < 0
-					Float4 t = a.MulHiUInt32(m_Multiplier).SubInt32(aNegative & m_Multiplier);
-					if constexpr (_SubtractDividend)
-						t = t.SubInt32(a);
-					t = _Shift<Shift_RightArith, _Prechecked>(t, m_Shift);
-					return t.AddInt32(_Shift<Shift_RightLogical, _Prechecked>(t, 31));
-				}
-
-			private:
-				Float4 m_Multiplier;
-				bool m_SubtractDividend;
-				u32 m_Shift;
-			};
+			// Division by one divisor for all lanes, without a hardware divide (the vector
+			// forms: cbvm_math_op_int_uniform.h).
 
 			// _UnaryBlocks with fn(a, quotient of a by 'magic') on every vector.
 			template <typename _Fn>
-			void _MagicBlocks(SPackedCursor &c, bool aligned, const CMagicDivisor &magic, const _Fn &fn)
+			void _MagicBlocks(SPackedCursor &c, bool aligned, const TMagicDivisor<Float4> &magic, const _Fn &fn)
 			{
 				const bool prechecked = aligned && magic.ShiftInRange();
 				if (magic.SubtractsDividend())
@@ -348,29 +260,19 @@ namespace Orvex
 			{
 				if (divisor == 1 || divisor == -1)
 				{
-					// s = 0 or -1: (a ^ s) - s is a for 1 and the wrapping negation for -1, so
-					// INT_MIN / -1 gives INT_MIN here as it does per lane.
 					const Float4 sign = Float4::SplatInt(divisor >> 31);
-					_UnaryBlocks(c, aligned, [&sign](const Float4 &a, auto) { return (a ^ sign).SubInt32(sign); });
+					_UnaryBlocks(c, aligned, [&sign](const Float4 &a, auto) { return _SignQuotient(a, sign); });
 					return;
 				}
 				if (_IsPowerOfTwo(divisor))
 				{
-					// An arithmetic shift floors; adding d - 1 to negative dividends first makes
-					// it truncate. For d = INT_MIN (k = 31, bias 0x7FFFFFFF) every dividend gives
-					// 0 except INT_MIN itself, which gives -1 instead of 1: INT_MIN + bias is -1
-					// and -1 >> 31 stays -1. The power-of-two test deliberately admits INT_MIN and
-					// that one quotient is kept as it is.
 					const u32 k = _Log2OfPowerOfTwo(divisor);
 					const Float4 biasMask = Float4::SplatInt(s32(u32(divisor) - 1u));
-					_UnaryBlocks(c, aligned && Float4::ShiftCountInRange(k), [&biasMask, k](const Float4 &a, auto prechecked)
-					{
-						constexpr bool kPrechecked = decltype(prechecked)::value;
-						return _Shift<Shift_RightArith, kPrechecked>(a.AddInt32(_Shift<Shift_RightArith, kPrechecked>(a, 31) & biasMask), k);
-					});
+					_UnaryBlocks(c, aligned && Float4::ShiftCountInRange(k),
+								 [&biasMask, k](const Float4 &a, auto prechecked) { return _PowerOfTwoQuotient<decltype(prechecked)::value>(a, biasMask, k); });
 					return;
 				}
-				const CMagicDivisor magic(divisor);
+				const TMagicDivisor<Float4> magic(divisor);
 				_MagicBlocks(c, aligned, magic, [](const Float4 &, const Float4 &quotient) { return quotient; });
 			}
 
@@ -389,20 +291,12 @@ namespace Orvex
 			{
 				if (_IsPowerOfTwo(divisor))
 				{
-					// r = a - ((a + bias) & ~(d - 1)): the truncated multiple of d below a. For
-					// d = INT_MIN the mask keeps only the sign bit; this gives a for every a but
-					// INT_MIN, and 0 for INT_MIN (INT_MIN + 0x7FFFFFFF = -1, masked to INT_MIN).
-					// All three are the exact remainders: the division quirk does not show here.
 					const Float4 lowBits = Float4::SplatInt(s32(u32(divisor) - 1u));
-					_UnaryBlocks(c, aligned, [&lowBits](const Float4 &a, auto prechecked)
-					{
-						const Float4 biased = a.AddInt32(_Shift<Shift_RightArith, decltype(prechecked)::value>(a, 31) & lowBits);
-						return a.SubInt32(biased.AndNot(lowBits));
-					});
+					_UnaryBlocks(c, aligned, [&lowBits](const Float4 &a, auto prechecked) { return _PowerOfTwoRemainder<decltype(prechecked)::value>(a, lowBits); });
 					return;
 				}
 				// r = a - q * d, wrapping. Covers d = 0 too: q = 0, so r = a.
-				const CMagicDivisor magic(divisor);
+				const TMagicDivisor<Float4> magic(divisor);
 				const Float4 d = Float4::SplatInt(divisor);
 				_MagicBlocks(c, aligned, magic, [&d](const Float4 &a, const Float4 &quotient) { return a.SubInt32(quotient.MulLoInt32(d)); });
 			}

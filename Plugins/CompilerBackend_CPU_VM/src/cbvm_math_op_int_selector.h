@@ -23,6 +23,7 @@
 // the constant INT_MIN gives -1 instead of 1.
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_kernel_sets.h"
 #include "cbvm_stream_copier.h"
 #include "cp_ir_details.h"
 #include "kr_assert.h"
@@ -81,9 +82,9 @@ namespace Orvex
 
 			s32 *dst = static_cast<s32 *>(evalInto);
 			const s32 *dstStop = dst + std::size_t(count) * _Dimension;
-			_ExecIntOperatorPacked(op, dst, dstStop,
-								   static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u,
-								   static_cast<const s32 *>(src1), stride1 != 0 ? 48u : 0u);
+			// The active kernel set's block kernel (cbvm_kernel_isa.h).
+			g_ActiveIntKernel.load(std::memory_order_relaxed)(op, dst, dstStop, static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1),
+															  stride1 != 0 ? 48u : 0u);
 		}
 	}
 }

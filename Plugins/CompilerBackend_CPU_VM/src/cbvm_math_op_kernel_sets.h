@@ -27,5 +27,13 @@ namespace Orvex
 		// The table the standard path's float selector looks kernels up in: the active
 		// set's kernels, SSE2's where it has none.
 		extern std::atomic<const FloatKernelTable *> g_ActiveFloatKernels;
+
+		// The integer block kernel of each set (cbvm_math_op_int_selector.h describes its
+		// arguments) and the one the integer selector calls.
+		using FnIntPacked = void (*)(Compiler::IR::SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
+		extern const FnIntPacked g_IntKernelSse2;
+		extern const FnIntPacked g_IntKernelAvx2;
+		extern const FnIntPacked g_IntKernelAvx512;
+		extern std::atomic<FnIntPacked> g_ActiveIntKernel;
 	}
 }

@@ -70,34 +70,34 @@ namespace Orvex
 
 		//--------------------------------------------------------------------------------
 		// Integer lanes: the vector form of each operator, for the kernel kinds of the operator table
-		// (cp_ir_details.h) that have one: a lanewise or unary operation on four lanes,
-		// or the kind of a shift.
+		// (cp_ir_details.h) that have one: a lanewise or unary operation on every lane of
+		// a vector (Float4 or a wide one), or the kind of a shift.
 
 		template <u32 _Op>
 		struct TIntLanes;
 
 		// ---- Add, Sub, Mul (wrapping; SSE2 has no 32-bit multiply, MulLoInt32 builds it)
-		template <> struct TIntLanes<SOp_MathOp::Op_Add> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a.AddInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Sub> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a.SubInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Mul> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a.MulLoInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Add> { template <typename V> static V Vector(const V &a, const V &b) { return a.AddInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Sub> { template <typename V> static V Vector(const V &a, const V &b) { return a.SubInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Mul> { template <typename V> static V Vector(const V &a, const V &b) { return a.MulLoInt32(b); } };
 		// ---- Neg (0 - a: INT_MIN stays INT_MIN), Not
-		template <> struct TIntLanes<SOp_MathOp::Op_Neg> { static Float4 Vector(const Float4 &a) { return Float4::Zero().SubInt32(a); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_Not> { static Float4 Vector(const Float4 &a) { return ~a; } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Neg> { template <typename V> static V Vector(const V &a) { return V::Zero().SubInt32(a); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_Not> { template <typename V> static V Vector(const V &a) { return ~a; } };
 		// ---- Shifts
 		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_ShiftLeft> { static constexpr EShiftKind kShift = Shift_Left; };
 		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_ShiftRight> { static constexpr EShiftKind kShift = Shift_RightArith; };
 		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_ShiftRightLogical> { static constexpr EShiftKind kShift = Shift_RightLogical; };
 		// ---- And, Or, Xor
-		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_And> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a & b; } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_Or> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a | b; } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_Xor> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a ^ b; } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_And> { template <typename V> static V Vector(const V &a, const V &b) { return a & b; } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_Or> { template <typename V> static V Vector(const V &a, const V &b) { return a | b; } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Bitwise_Xor> { template <typename V> static V Vector(const V &a, const V &b) { return a ^ b; } };
 		// ---- Comparisons (signed). SSE2 only compares for <, > and ==: the other three
 		// are their complements.
-		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_Lower> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a.CmpLtInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_LowerOrEqual> { static Float4 Vector(const Float4 &a, const Float4 &b) { return ~a.CmpGtInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_Greater> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a.CmpGtInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_GreaterOrEqual> { static Float4 Vector(const Float4 &a, const Float4 &b) { return ~a.CmpLtInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_Equal> { static Float4 Vector(const Float4 &a, const Float4 &b) { return a.CmpEqInt32(b); } };
-		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_NotEqual> { static Float4 Vector(const Float4 &a, const Float4 &b) { return ~a.CmpEqInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_Lower> { template <typename V> static V Vector(const V &a, const V &b) { return a.CmpLtInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_LowerOrEqual> { template <typename V> static V Vector(const V &a, const V &b) { return ~a.CmpGtInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_Greater> { template <typename V> static V Vector(const V &a, const V &b) { return a.CmpGtInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_GreaterOrEqual> { template <typename V> static V Vector(const V &a, const V &b) { return ~a.CmpLtInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_Equal> { template <typename V> static V Vector(const V &a, const V &b) { return a.CmpEqInt32(b); } };
+		template <> struct TIntLanes<SOp_MathOp::Op_Cmp_NotEqual> { template <typename V> static V Vector(const V &a, const V &b) { return ~a.CmpEqInt32(b); } };
 	}
 }

@@ -79,7 +79,27 @@ namespace Orvex
 			// this & ~mask
 			OX_SIMD_INLINE Float8 AndNot(const Float8 &mask) const { return Float8(_mm256_andnot_ps(mask.m_Value, m_Value)); }
 
+			OX_SIMD_INLINE Float8 operator~() const { return Float8(_mm256_xor_si256(AsInt(), _mm256_set1_epi32(-1))); }
+			static OX_SIMD_INLINE Float8 Zero() { return Float8(_mm256_setzero_ps()); }
+
+			// ---- Integer lanes (signed 32-bit, wrapping), as Float4's
+			OX_SIMD_INLINE Float8 AddInt32(const Float8 &b) const { return Float8(_mm256_add_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float8 SubInt32(const Float8 &b) const { return Float8(_mm256_sub_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float8 MulLoInt32(const Float8 &b) const { return Float8(_mm256_mullo_epi32(AsInt(), b.AsInt())); }
+			// High halves of the unsigned 64-bit products: even lanes, then odd lanes shifted down.
+			OX_SIMD_INLINE Float8 MulHiUInt32(const Float8 &b) const
+			{
+				const __m256i even = _mm256_srli_epi64(_mm256_mul_epu32(AsInt(), b.AsInt()), 32);
+				const __m256i odd = _mm256_mul_epu32(_mm256_srli_epi64(AsInt(), 32), _mm256_srli_epi64(b.AsInt(), 32));
+				return Float8(_mm256_blend_epi32(even, odd, 0xAA));
+			}
 			OX_SIMD_INLINE Float8 CmpEqInt32(const Float8 &b) const { return Float8(_mm256_cmpeq_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float8 CmpLtInt32(const Float8 &b) const { return Float8(_mm256_cmpgt_epi32(b.AsInt(), AsInt())); }
+			OX_SIMD_INLINE Float8 CmpGtInt32(const Float8 &b) const { return Float8(_mm256_cmpgt_epi32(AsInt(), b.AsInt())); }
+			// One count for every lane, at most 31 (the callers check it, as Float4's *_Prechecked).
+			OX_SIMD_INLINE Float8 ShiftLeftInt32_Prechecked(u32 bits) const { return Float8(_mm256_sll_epi32(AsInt(), _mm_cvtsi32_si128(int(bits)))); }
+			OX_SIMD_INLINE Float8 ShiftRightArithInt32_Prechecked(u32 bits) const { return Float8(_mm256_sra_epi32(AsInt(), _mm_cvtsi32_si128(int(bits)))); }
+			OX_SIMD_INLINE Float8 ShiftRightLogicalInt32_Prechecked(u32 bits) const { return Float8(_mm256_srl_epi32(AsInt(), _mm_cvtsi32_si128(int(bits)))); }
 			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000, as cvttps2dq.
 			OX_SIMD_INLINE Float8 ConvertToInt32Trunc() const { return Float8(_mm256_cvttps_epi32(m_Value)); }
 			OX_SIMD_INLINE Float8 ConvertInt32ToFloat() const { return Float8(_mm256_cvtepi32_ps(AsInt())); }

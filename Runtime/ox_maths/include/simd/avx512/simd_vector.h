@@ -76,12 +76,30 @@ namespace Orvex
 			// this & ~mask
 			OX_SIMD_INLINE Float16 AndNot(const Float16 &mask) const { return Float16(_mm512_andnot_ps(mask.m_Value, m_Value)); }
 
+			OX_SIMD_INLINE Float16 operator~() const { return Float16(_mm512_xor_si512(AsInt(), _mm512_set1_epi32(-1))); }
+			static OX_SIMD_INLINE Float16 Zero() { return Float16(_mm512_setzero_ps()); }
+
+			// ---- Integer lanes (signed 32-bit, wrapping), as Float4's
+			OX_SIMD_INLINE Float16 AddInt32(const Float16 &b) const { return Float16(_mm512_add_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float16 SubInt32(const Float16 &b) const { return Float16(_mm512_sub_epi32(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float16 MulLoInt32(const Float16 &b) const { return Float16(_mm512_mullo_epi32(AsInt(), b.AsInt())); }
+			// High halves of the unsigned 64-bit products: even lanes, then odd lanes shifted down.
+			OX_SIMD_INLINE Float16 MulHiUInt32(const Float16 &b) const
+			{
+				const __m512i even = _mm512_srli_epi64(_mm512_mul_epu32(AsInt(), b.AsInt()), 32);
+				const __m512i odd = _mm512_mul_epu32(_mm512_srli_epi64(AsInt(), 32), _mm512_srli_epi64(b.AsInt(), 32));
+				return Float16(_mm512_mask_blend_epi32(__mmask16(0xAAAA), even, odd));
+			}
 			OX_SIMD_INLINE Float16 CmpEqInt32(const Float16 &b) const { return _Lanes(_mm512_cmpeq_epi32_mask(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float16 CmpLtInt32(const Float16 &b) const { return _Lanes(_mm512_cmplt_epi32_mask(AsInt(), b.AsInt())); }
+			OX_SIMD_INLINE Float16 CmpGtInt32(const Float16 &b) const { return _Lanes(_mm512_cmpgt_epi32_mask(AsInt(), b.AsInt())); }
+			// One count for every lane, at most 31 (the callers check it, as Float4's *_Prechecked).
+			OX_SIMD_INLINE Float16 ShiftLeftInt32_Prechecked(u32 bits) const { return Float16(_mm512_sll_epi32(AsInt(), _mm_cvtsi32_si128(int(bits)))); }
+			OX_SIMD_INLINE Float16 ShiftRightArithInt32_Prechecked(u32 bits) const { return Float16(_mm512_sra_epi32(AsInt(), _mm_cvtsi32_si128(int(bits)))); }
+			OX_SIMD_INLINE Float16 ShiftRightLogicalInt32_Prechecked(u32 bits) const { return Float16(_mm512_srl_epi32(AsInt(), _mm_cvtsi32_si128(int(bits)))); }
 			// Truncates toward zero; NaN and out-of-range lanes give 0x80000000, as cvttps2dq.
-			// (The zero-masked forms with every lane selected: the plain ones pass GCC 12 an
-			// undefined vector that -Wmaybe-uninitialized reports.)
-			OX_SIMD_INLINE Float16 ConvertToInt32Trunc() const { return Float16(_mm512_maskz_cvttps_epi32(__mmask16(0xFFFF), m_Value)); }
-			OX_SIMD_INLINE Float16 ConvertInt32ToFloat() const { return Float16(_mm512_maskz_cvtepi32_ps(__mmask16(0xFFFF), AsInt())); }
+			OX_SIMD_INLINE Float16 ConvertToInt32Trunc() const { return Float16(_mm512_cvttps_epi32(m_Value)); }
+			OX_SIMD_INLINE Float16 ConvertInt32ToFloat() const { return Float16(_mm512_cvtepi32_ps(AsInt())); }
 
 		private:
 			static OX_SIMD_INLINE Float16 _Lanes(__mmask16 mask) { return Float16(_mm512_movm_epi32(mask)); }

@@ -1,0 +1,157 @@
+#pragma once
+// The wide integer kernel: the SSE2 block kernel (_ExecIntOperatorPacked,
+// cbvm_math_op_int_kernel.cpp) with blocks of three wide vectors instead of three SSE
+// vectors, templated over the vector type of a kernel set. Included only by the unit of
+// each set, compiled for its target.
+//
+// A block is 3 x lanes integers (24 or 48): a multiple of 12, so a constant operand's
+// 12-integer block (Broadcast12) repeats in it, laid out once per call. The wide kernel
+// takes what the SSE2 kernel computes in vector blocks without a report or a hazard:
+// aligned pointers, and the lanewise and unary operators, or division, modulo and shifts
+// by a uniform constant (a shift count at most 31; not a modulo by +-1, which the SSE2
+// kernel clears in one go). It runs whole wide blocks and hands what is left (fewer
+// integers than one wide block, from a whole 12-integer block on) to the SSE2 kernel,
+// which ends it as it ends any call; every other call goes to the SSE2 kernel whole, so
+// per-lane paths, hazards and reports are its own. The vector forms are the SSE2
+// kernel's (TIntLanes, cbvm_math_op_int_uniform.h), on every lane alike.
+
+#include "cbvm_math_op_int_uniform.h"
+#include "cbvm_math_op_kernel_sets.h"
+#include "cbvm_math_op_lanes.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		template <typename _Vector>
+		struct TWideIntKernel
+		{
+			using SOp_MathOp = Compiler::IR::SOp_MathOp;
+			static constexpr int kLanes = _Vector::kLanes;
+			static constexpr std::ptrdiff_t kBlockInts = 3 * kLanes;
+			static_assert(kBlockInts % 12 == 0, "a wide block is whole 12-integer blocks");
+
+			static void Run(SOp_MathOp::EOp op, s32 *dst, const s32 *dstStop, const s32 *src0, u32 stride0, const s32 *src1, u32 stride1)
+			{
+				const std::ptrdiff_t ints = dstStop - dst;
+				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
+				std::ptrdiff_t done = 0;
+				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr)
+				{
+					const SSources s(src0, stride0, src1, stride1);
+					done = _RunOperatorOf(u32(op), dst, ints / kBlockInts * kBlockInts, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
+				}
+				if (done != ints)
+					g_IntKernelSse2(op, dst + done, dstStop, stride0 != 0 ? src0 + done : src0, stride0, stride1 != 0 && src1 != nullptr ? src1 + done : src1, stride1);
+			}
+
+		private:
+			// A source: a stream, or a constant's 12-integer block laid out over one wide block.
+			struct SSource
+			{
+				const s32 *m_Stream = nullptr;	// null: the constant
+				_Vector m_Constant[3];
+
+				SSource(const s32 *src, u32 stride)
+				{
+					if (src == nullptr)
+						return;
+					if (stride != 0)
+					{
+						m_Stream = src;
+						return;
+					}
+					alignas(64) s32 period[kBlockInts];
+					for (std::ptrdiff_t j = 0; j < kBlockInts; ++j)
+						period[j] = src[j % 12];
+					for (int v = 0; v < 3; ++v)
+						m_Constant[v] = _Vector::Load(period + v * kLanes);
+				}
+				__attribute__((always_inline)) _Vector Load(std::ptrdiff_t i, int v) const { return m_Stream != nullptr ? _Vector::Load(m_Stream + i + v * kLanes) : m_Constant[v]; }
+			};
+
+			struct SSources
+			{
+				SSource m_A, m_B;
+				const s32 *m_Constant1;	// source 1's 12-integer block, or null
+				SSources(const s32 *src0, u32 stride0, const s32 *src1, u32 stride1) : m_A(src0, stride0), m_B(src1, stride1), m_Constant1(stride1 == 0 ? src1 : nullptr) {}
+				// A uniform constant right operand: the four integers of its first vector equal
+				// (the test of the SSE2 kernel's block paths).
+				bool UniformRight() const { return m_Constant1 != nullptr && m_Constant1[0] == m_Constant1[1] && m_Constant1[0] == m_Constant1[2] && m_Constant1[0] == m_Constant1[3]; }
+			};
+
+			// dst[i] = fn(a[i], b[i]) over 'ints' integers (whole wide blocks).
+			template <typename _Fn>
+			static __attribute__((always_inline)) std::ptrdiff_t _Blocks(s32 *dst, std::ptrdiff_t ints, const SSources &s, const _Fn &fn)
+			{
+				for (std::ptrdiff_t i = 0; i < ints; i += kBlockInts)
+					for (int v = 0; v < 3; ++v)
+						fn(s.m_A.Load(i, v), s.m_B.Load(i, v)).Store(dst + i + v * kLanes);
+				return ints;
+			}
+
+			// Division by a uniform constant: the SSE2 kernel's block forms, divisor by divisor.
+			template <typename _FnOfQuotient>
+			static __attribute__((always_inline)) std::ptrdiff_t _ByUniform(s32 *dst, std::ptrdiff_t ints, const SSources &s, s32 divisor, bool remainder, const _FnOfQuotient &fn)
+			{
+				if (divisor == 1 || divisor == -1)
+				{
+					const _Vector sign = _Vector::SplatInt(divisor >> 31);
+					return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) { return _SignQuotient(a, sign); });
+				}
+				if (_IsPowerOfTwo(divisor))
+				{
+					const _Vector lowBits = _Vector::SplatInt(s32(u32(divisor) - 1u));
+					if (remainder)
+						return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) { return _PowerOfTwoRemainder<true>(a, lowBits); });
+					const u32 k = _Log2OfPowerOfTwo(divisor);
+					return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) { return _PowerOfTwoQuotient<true>(a, lowBits, k); });
+				}
+				const TMagicDivisor<_Vector> magic(divisor);
+				if (magic.SubtractsDividend())
+					return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) { return fn(a, magic.template Quotient<true, true>(a)); });
+				return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) { return fn(a, magic.template Quotient<true, false>(a)); });
+			}
+
+			// The integers of [dst, dst + ints) the operator's wide form computed: all of
+			// them, or none (the SSE2 kernel takes the call).
+			template <u32 _Op>
+			static __attribute__((always_inline)) std::ptrdiff_t _RunOperator(s32 *dst, std::ptrdiff_t ints, const SSources &s)
+			{
+				constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
+				if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Lanes)
+					return s.m_B.m_Stream == nullptr && s.m_Constant1 == nullptr ? 0 : _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) { return TIntLanes<_Op>::Vector(a, b); });
+				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Unary)
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &) { return TIntLanes<_Op>::Vector(a); });
+				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Div)
+					return s.UniformRight() ? _ByUniform(dst, ints, s, s.m_Constant1[0], false, [](const _Vector &, const _Vector &q) { return q; }) : 0;
+				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Mod)
+				{
+					if (!s.UniformRight() || s.m_Constant1[0] == 1 || s.m_Constant1[0] == -1)
+						return 0;
+					const _Vector d = _Vector::SplatInt(s.m_Constant1[0]);
+					return _ByUniform(dst, ints, s, s.m_Constant1[0], true, [&d](const _Vector &a, const _Vector &q) { return a.SubInt32(q.MulLoInt32(d)); });
+				}
+				else
+				{
+					const u32 bits = s.m_Constant1 != nullptr ? u32(s.m_Constant1[0]) : 32u;
+					if (!s.UniformRight() || bits > 31)
+						return 0;	// the SSE2 kernel: per lane, or a count it reports
+					return _Blocks(dst, ints, s, [bits](const _Vector &a, const _Vector &) { return _Shift<TIntLanes<_Op>::kShift, true>(a, bits); });
+				}
+			}
+
+			template <std::size_t... _Ops>
+			static __attribute__((always_inline)) std::ptrdiff_t _RunOperatorOf(u32 op, s32 *dst, std::ptrdiff_t ints, const SSources &s, std::index_sequence<_Ops...>)
+			{
+				std::ptrdiff_t done = 0;
+				(void)((op == _Ops ? (done = _RunOperator<_Ops>(dst, ints, s), true) : false) || ...);
+				return done;	// 0 past the operator set: the SSE2 kernel reports it
+			}
+		};
+	}
+}
