@@ -223,18 +223,63 @@ namespace Orvex
 
 			// Per-lane path of division, modulo and shifts (stream or non-uniform right
 			// operand, or what a uniform block loop left over): scalar blocks, then the tail.
-			template <s32 (*_Scalar)(s32, s32)>
-			void _PerLane(SPackedCursor &c, std::ptrdiff_t hazardFrom)
+			// 'block'(c) may compute a whole block at once, as the scalar rule would.
+			template <s32 (*_Scalar)(s32, s32), typename _FnBlock>
+			void _PerLaneWith(SPackedCursor &c, std::ptrdiff_t hazardFrom, const _FnBlock &block)
 			{
 				if (c.Remaining() >= hazardFrom)
 					CHazards::CurrentThreadHazards().Increment(CHazards::Hazard_ScalarFallback);
 				while (c.HasBlock())
 				{
-					for (std::ptrdiff_t i = 0; i < kBlockInts; ++i)
-						c.m_Dst[i] = _Scalar(c.m_Src0[i], c.m_Src1[i]);
+					block(c);
 					c.NextBlock();
 				}
 				_Tail<_Scalar>(c);
+			}
+
+			template <s32 (*_Scalar)(s32, s32)>
+			void _PerLane(SPackedCursor &c, std::ptrdiff_t hazardFrom)
+			{
+				_PerLaneWith<_Scalar>(c, hazardFrom, [](const SPackedCursor &k) {
+					for (std::ptrdiff_t i = 0; i < kBlockInts; ++i)
+						k.m_Dst[i] = _Scalar(k.m_Src0[i], k.m_Src1[i]);
+				});
+			}
+
+			// Per-lane division and modulo four lanes at a time, through double precision:
+			// a double holds every 32-bit integer exactly, and for b != 0 the rounding error of
+			// a / b (at most |a / b| x 2^-53 <= 2^-22 / |b|) is below the distance from a
+			// non-integer quotient to the next integer (at least 1 / |b|), so truncating the
+			// double quotient gives the exact truncated quotient. The per-lane rules of
+			// ScalarOps come out exactly: b = 0 gives 0 (and x % 0 = x), b = -1 the wrapping
+			// negation (INT_MIN / -1 = INT_MIN, x % -1 = 0); both divide by 1 instead, so that
+			// no lane raises a divide-by-zero or an invalid conversion.
+			inline Float4 _QuotientsThroughDouble(const Float4 &a, const Float4 &b)
+			{
+				const __m128i zero = _mm_cmpeq_epi32(b.AsInt(), _mm_setzero_si128());
+				const __m128i minusOne = _mm_cmpeq_epi32(b.AsInt(), _mm_set1_epi32(-1));
+				const __m128i special = _mm_or_si128(zero, minusOne);
+				const __m128i divisor = _mm_or_si128(_mm_andnot_si128(special, b.AsInt()), _mm_and_si128(special, _mm_set1_epi32(1)));
+				const __m128i dividend = a.AsInt();
+				const __m128d low = _mm_div_pd(_mm_cvtepi32_pd(dividend), _mm_cvtepi32_pd(divisor));
+				const __m128d high = _mm_div_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(dividend, _MM_SHUFFLE(1, 0, 3, 2))), _mm_cvtepi32_pd(_mm_shuffle_epi32(divisor, _MM_SHUFFLE(1, 0, 3, 2))));
+				const __m128i q = _mm_unpacklo_epi64(_mm_cvttpd_epi32(low), _mm_cvttpd_epi32(high));	// a / 1 for the special lanes
+				const __m128i negated = _mm_sub_epi32(_mm_setzero_si128(), q);
+				return Float4(_mm_andnot_si128(zero, _mm_or_si128(_mm_andnot_si128(minusOne, q), _mm_and_si128(minusOne, negated))));
+			}
+
+			template <bool _Remainder>
+			void _PerLaneDivMod(SPackedCursor &c)
+			{
+				constexpr s32 (*kScalar)(s32, s32) = _Remainder ? &ScalarOps::ModS32 : &ScalarOps::DivS32;
+				_PerLaneWith<kScalar>(c, kDivModHazardFrom, [](const SPackedCursor &k) {
+					for (int v = 0; v < 12; v += 4)
+					{
+						const Float4 a = Float4::LoadUnaligned(k.m_Src0 + v), b = Float4::LoadUnaligned(k.m_Src1 + v);
+						const Float4 q = _QuotientsThroughDouble(a, b);
+						(_Remainder ? a.SubInt32(q.MulLoInt32(b)) : q).StoreUnaligned(k.m_Dst + v);	// a - q b wraps as a % b
+					}
+				});
 			}
 
 			//------------------------------------------------------------------------------
@@ -281,7 +326,7 @@ namespace Orvex
 				// The uniform test reads the constant block only once a whole block remains.
 				if (_UniformBlocks(c))
 					_DivideBlocksByUniform(c, aligned, c.m_Src1[0]);
-				_PerLane<&ScalarOps::DivS32>(c, kDivModHazardFrom);
+				_PerLaneDivMod<false>(c);
 			}
 
 			// ---- Mod
@@ -317,7 +362,7 @@ namespace Orvex
 					if (c.HasBlock())
 						_ModBlocksByUniform(c, aligned, divisor);
 				}
-				_PerLane<&ScalarOps::ModS32>(c, kDivModHazardFrom);
+				_PerLaneDivMod<true>(c);
 			}
 
 			// ---- Shifts
