@@ -8,7 +8,9 @@
 // give them too, except for its documented shortcuts (cbvm_math_op_paths.h), where it
 // must give the documented result and only the documented reports. The library's
 // classification (StandardPathDifference) and the verifier must agree with this reading:
-// the verifier refuses exactly the three forms that report.
+// the verifier refuses exactly the three forms that report. The standard path runs with
+// the SSE2 kernels and then with every wider kernel set the machine runs
+// (cbvm_kernel_isa.h), each checked the same way and word for word against SSE2.
 
 #include "cbvm_verifier.h"
 #include "differential_core.h"
@@ -37,21 +39,24 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, std::size_t size)
 	const u32 dims = dimsByte < 224 ? dimsByte % 80 : 80 + (dimsByte - 224) * 37;
 	const OxDiff::SCase c = OxDiff::MakeCase(op, type, dstBank, src0Bank, src1Bank, dims, inPlace);
 
-	// Contents: the rest of the input, repeated, four bytes a word; both files identical.
+	// Contents: the rest of the input, repeated, four bytes a word; every file identical.
 	const u8 *rest = input.Rest();
 	const std::size_t restSize = input.RestSize();
-	std::size_t at = 0;
+	auto fill = [&](OxDiff::SFiles &files) {
+		std::size_t at = 0;
+		OxDiff::BuildFiles(
+			c,
+			[&]() {
+				u32 word = 0;
+				for (u32 b = 0; b < 4 && restSize != 0; ++b)
+					word |= u32(rest[(at + b) % restSize]) << (8 * b);
+				at += 4;
+				return word;
+			},
+			files);
+	};
 	OxDiff::SFiles files;
-	OxDiff::BuildFiles(
-		c,
-		[&]() {
-			u32 word = 0;
-			for (u32 b = 0; b < 4 && restSize != 0; ++b)
-				word |= u32(rest[(at + b) % restSize]) << (8 * b);
-			at += 4;
-			return word;
-		},
-		files);
+	fill(files);
 	const std::vector<u8> bytecode = OxDiff::Encode(files.m_Standard, op);
 
 	CBVM::SVerifyProblem problems[4];
@@ -64,7 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, std::size_t size)
 		return 0;
 	}
 
-	const OxDiff::SOutcome outcome = OxDiff::Check(c, files, bytecode);
+	static const std::vector<CBVM::EKernelIsa> s_Sets = OxDiff::WideKernelSets();
+	const OxDiff::SOutcome outcome = OxDiff::CheckEveryKernelSet(c, fill, s_Sets);
 	const CBVM::EVerifyError refusal = outcome.m_Expected.m_Refusal;
 	if (refusal == CBVM::VerifyError_None ? verified.Problems() != 0 : (verified.m_Errors != 1 || problems[0].m_Code != refusal))
 		Fail("the verifier's verdict is not the documented one:", verified.Problems() != 0 ? problems[0].m_Message : "accepted");

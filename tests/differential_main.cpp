@@ -96,35 +96,14 @@ namespace
 		std::mt19937 rng(seed ^ u32(index * 0x9E3779B9u) ^ u32(index >> 32));
 		const OxDiff::SCase c = RandomCase(rng);
 		const std::mt19937 filled = rng;	// the draws of the file: again for every kernel set
-		OxDiff::SFiles files;
-		OxDiff::BuildFiles(c, [&]() { return RandomWord(rng, c.m_Kind); }, files);
-		CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
-		OxDiff::SOutcome outcome = OxDiff::Check(c, files, OxDiff::Encode(files.m_Standard, c.m_Op));
-		const std::vector<u32> reference = files.m_Standard.Words(files.m_Standard.m_Dst);
-		for (CBVM::EKernelIsa set : sets)
-		{
-			std::mt19937 again = filled;
-			OxDiff::SFiles wide;
-			OxDiff::BuildFiles(c, [&]() { return RandomWord(again, c.m_Kind); }, wide);
-			CBVM::SetKernelIsa(set);
-			OxDiff::SOutcome withSet = OxDiff::Check(c, wide, OxDiff::Encode(wide.m_Standard, c.m_Op));
-			CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
-			const std::string name = CBVM::KernelIsaName(set);
-			for (OxDiff::SMismatch &m : withSet.m_Mismatches)
-			{
-				m.m_What = name + ": " + m.m_What;
-				outcome.m_Mismatches.push_back(m);
-			}
-			const std::vector<u32> words = wide.m_Standard.Words(wide.m_Standard.m_Dst);
-			for (std::size_t w = 0; w < words.size(); ++w)
-				if (words[w] != reference[w])
-				{
-					char detail[96];
-					std::snprintf(detail, sizeof(detail), "word %zu of the destination block: sse2 0x%08x, %s 0x%08x", w, reference[w], name.c_str(), words[w]);
-					outcome.m_Mismatches.push_back({name + " differs from sse2", detail});
-				}
-			++stats.m_SetRuns;
-		}
+		const OxDiff::SOutcome outcome = OxDiff::CheckEveryKernelSet(
+			c,
+			[&](OxDiff::SFiles &files) {
+				std::mt19937 draws = filled;
+				OxDiff::BuildFiles(c, [&]() { return RandomWord(draws, c.m_Kind); }, files);
+			},
+			sets);
+		stats.m_SetRuns += sets.size();
 
 		const u64 mismatches = outcome.m_Mismatches.size();
 		for (u64 m = 0; m < mismatches && (m < 4 || verbose); ++m)

@@ -405,7 +405,7 @@ TEST(DivModThroughDouble, EveryPairGivesTheScalarRule)
 		a[i] = pick == 0 ? edges[random.Uniform(edges.size())] : s32(random());
 		b[i] = pick == 1 ? edges[random.Uniform(edges.size())] : pick == 2 ? s32(random()) >> random.Uniform(31) : s32(random());
 		if (random.Uniform(16) == 0)
-			b[i] = random.Uniform(2) ? a[i] : -a[i];
+			b[i] = random.Uniform(2) ? a[i] : s32(0u - u32(a[i]));	// (wrapping: INT_MIN stays INT_MIN)
 	}
 	for (SOp_MathOp::EOp op : {SOp_MathOp::Op_Div, SOp_MathOp::Op_Mod})
 	{

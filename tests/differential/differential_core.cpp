@@ -255,4 +255,44 @@ namespace OxDiff
 		outcome.m_WordsCompared = words * 2;
 		return outcome;
 	}
+
+	std::vector<CBVM::EKernelIsa> WideKernelSets()
+	{
+		std::vector<CBVM::EKernelIsa> sets;
+		for (u32 s = CBVM::KernelIsa_SSE2 + 1; s < CBVM::__MaxKernelIsas; ++s)
+			if (CBVM::KernelIsaSupported(CBVM::EKernelIsa(s)))
+				sets.push_back(CBVM::EKernelIsa(s));
+		return sets;
+	}
+
+	SOutcome CheckEveryKernelSet(const SCase &c, const std::function<void(SFiles &)> &fill, const std::vector<CBVM::EKernelIsa> &sets)
+	{
+		const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
+		SFiles files;
+		fill(files);
+		CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
+		SOutcome outcome = Check(c, files, Encode(files.m_Standard, c.m_Op));
+		const std::vector<u32> reference = files.m_Standard.Words(files.m_Standard.m_Dst);
+		for (CBVM::EKernelIsa set : sets)
+		{
+			SFiles wide;
+			fill(wide);
+			CBVM::SetKernelIsa(set);
+			SOutcome withSet = Check(c, wide, Encode(wide.m_Standard, c.m_Op));
+			CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
+			const std::string name = CBVM::KernelIsaName(set);
+			for (SMismatch &m : withSet.m_Mismatches)
+				outcome.m_Mismatches.push_back({name + ": " + m.m_What, m.m_Detail});
+			const std::vector<u32> words = wide.m_Standard.Words(wide.m_Standard.m_Dst);
+			for (std::size_t w = 0; w < words.size() && w < reference.size(); ++w)
+				if (words[w] != reference[w])
+				{
+					char detail[96];
+					std::snprintf(detail, sizeof(detail), "word %zu of the destination block: sse2 0x%08x, %s 0x%08x", w, reference[w], name.c_str(), words[w]);
+					outcome.m_Mismatches.push_back({name + " differs from sse2", detail});
+				}
+		}
+		CBVM::SetKernelIsa(active);
+		return outcome;
+	}
 }

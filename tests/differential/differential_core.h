@@ -21,6 +21,7 @@
 // A word may also be the model's alternative (two-NaN add or mul, ModelAlternative).
 
 #include "cbvm_interpreter.h"
+#include "cbvm_kernel_isa.h"
 #include "cbvm_math_op_paths.h"
 #include "cbvm_register_storage.h"
 #include "cbvm_verifier.h"
@@ -133,4 +134,14 @@ namespace OxDiff
 	// expectation: classification, run status, reports, then every destination word
 	// (the words past the evaluated ones must be left as they were).
 	SOutcome Check(const SCase &c, SFiles &files, const std::vector<u8> &bytecode);
+
+	// The wide kernel sets this machine runs (cbvm_kernel_isa.h).
+	std::vector<Orvex::CBVM::EKernelIsa> WideKernelSets();
+
+	// Check with the SSE2 kernels, then again with each kernel set of 'sets' from an
+	// identical file ('fill' builds one: BuildFiles with the same words): each checked
+	// as Check does, and its destination block compared word for word with the SSE2
+	// run's. Every mismatch goes into the one outcome, a set's named after it. The
+	// active kernel set is left as it was.
+	SOutcome CheckEveryKernelSet(const SCase &c, const std::function<void(SFiles &)> &fill, const std::vector<Orvex::CBVM::EKernelIsa> &sets);
 }
