@@ -18,6 +18,7 @@ namespace Orvex
 		std::atomic<const FloatKernelTable *> g_ActiveFloatKernels{&g_FloatKernelsSse2};
 		const FnIntPacked g_IntKernelSse2 = &_ExecIntOperatorPacked;
 		std::atomic<FnIntPacked> g_ActiveIntKernel{&_ExecIntOperatorPacked};
+		std::atomic<u32> g_ActiveIntMinInts{0};
 	}
 
 	namespace CBVM
@@ -137,6 +138,8 @@ namespace Orvex
 			MathOp::g_ActiveFloatKernels.store(FloatTableOf(isa), std::memory_order_relaxed);
 			MathOp::g_ActiveIntKernel.store(isa == KernelIsa_AVX512 ? MathOp::g_IntKernelAvx512 : isa == KernelIsa_AVX2 ? MathOp::g_IntKernelAvx2 : MathOp::g_IntKernelSse2,
 											std::memory_order_relaxed);
+			// Three vectors of 16, 8 or 4 integers: the wide kernels' block.
+			MathOp::g_ActiveIntMinInts.store(isa == KernelIsa_AVX512 ? 48u : isa == KernelIsa_AVX2 ? 24u : 0u, std::memory_order_relaxed);
 			s_Active.store(isa, std::memory_order_relaxed);
 			return true;
 		}

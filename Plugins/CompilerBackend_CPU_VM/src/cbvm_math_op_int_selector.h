@@ -82,9 +82,11 @@ namespace Orvex
 
 			s32 *dst = static_cast<s32 *>(evalInto);
 			const s32 *dstStop = dst + std::size_t(count) * _Dimension;
-			// The active kernel set's block kernel (cbvm_kernel_isa.h).
-			g_ActiveIntKernel.load(std::memory_order_relaxed)(op, dst, dstStop, static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1),
-															  stride1 != 0 ? 48u : 0u);
+			// The active kernel set's block kernel (cbvm_kernel_isa.h), or SSE2's for fewer
+			// integers than the set's block.
+			const FnIntPacked kernel = std::size_t(count) * _Dimension >= g_ActiveIntMinInts.load(std::memory_order_relaxed) ? g_ActiveIntKernel.load(std::memory_order_relaxed)
+																															   : &_ExecIntOperatorPacked;
+			kernel(op, dst, dstStop, static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1), stride1 != 0 ? 48u : 0u);
 		}
 	}
 }

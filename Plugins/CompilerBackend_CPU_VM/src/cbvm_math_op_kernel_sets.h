@@ -35,5 +35,8 @@ namespace Orvex
 		extern const FnIntPacked g_IntKernelAvx2;
 		extern const FnIntPacked g_IntKernelAvx512;
 		extern std::atomic<FnIntPacked> g_ActiveIntKernel;
+		// Below this many integers the active set has no whole block: the selector calls
+		// the SSE2 kernel directly, which spares small calls a hop (0 for SSE2).
+		extern std::atomic<u32> g_ActiveIntMinInts;
 	}
 }

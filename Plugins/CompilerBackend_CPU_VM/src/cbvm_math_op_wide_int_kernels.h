@@ -19,6 +19,7 @@
 #include "cbvm_math_op_kernel_sets.h"
 #include "cbvm_math_op_lanes.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -39,8 +40,10 @@ namespace Orvex
 			{
 				const std::ptrdiff_t ints = dstStop - dst;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
+				// Division, modulo and shifts by a stream go per lane: straight to SSE2.
+				const bool perLane = stride1 != 0 && u32(op) < SOp_MathOp::__MaxOps && kPerLaneByStream[op];
 				std::ptrdiff_t done = 0;
-				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr)
+				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !perLane)
 				{
 					const SSources s(src0, stride0, src1, stride1);
 					done = _RunOperatorOf(u32(op), dst, ints / kBlockInts * kBlockInts, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
@@ -50,6 +53,17 @@ namespace Orvex
 			}
 
 		private:
+			// The operators that go per lane when their right operand is a stream, from the
+			// operator table at compile time (the table itself holds pointers to scalar
+			// functions: read here at run time, it would make this unit emit its own copies).
+			template <std::size_t... _Ops>
+			static constexpr std::array<bool, SOp_MathOp::__MaxOps> _PerLaneKinds(std::index_sequence<_Ops...>)
+			{
+				return {{(SOp_MathOp::kTraits[_Ops].m_IntKernel == SOp_MathOp::IntKernel_Div || SOp_MathOp::kTraits[_Ops].m_IntKernel == SOp_MathOp::IntKernel_Mod ||
+						  SOp_MathOp::kTraits[_Ops].m_IntKernel == SOp_MathOp::IntKernel_Shift)...}};
+			}
+			static constexpr std::array<bool, SOp_MathOp::__MaxOps> kPerLaneByStream = _PerLaneKinds(std::make_index_sequence<SOp_MathOp::__MaxOps>());
+
 			// A source: a stream, or a constant's 12-integer block laid out over one wide block.
 			struct SSource
 			{
