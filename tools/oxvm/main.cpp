@@ -1,6 +1,7 @@
 // oxvm: assembler, disassembler and runner of math-op bytecode. The command line
 // (CLI11) lives here; the commands are in command_codec.cpp and command_run.cpp.
 
+#include "cbvm_kernel_isa.h"
 #include "commands.h"
 #include "program.h"
 
@@ -11,9 +12,20 @@
 #include <exception>
 #include <map>
 #include <new>
+#include <string>
+#include <vector>
 
 namespace
 {
+	// --isa's values: auto, then the library's kernel set names.
+	std::vector<std::string> IsaChoices()
+	{
+		std::vector<std::string> choices = {"auto"};
+		for (Orvex::u32 isa = 0; isa < Orvex::CBVM::__MaxKernelIsas; ++isa)
+			choices.push_back(Orvex::CBVM::KernelIsaName(Orvex::CBVM::EKernelIsa(isa)));
+		return choices;
+	}
+
 	const char kFormatHelp[] =
 		"\nProgram format (one statement per line, '#' or ';' starts a comment):\n"
 		"  stream 4096                                  elements per stream\n"
@@ -77,7 +89,7 @@ namespace
 		runCommand->add_option("--isa", run.m_Isa,
 			"the standard path's kernel set: auto (the widest this machine runs, or the OX_CBVM_ISA environment variable's), sse2, avx2 or avx512; "
 			"every set gives the same words, the wider ones faster")
-			->check(CLI::IsMember({"auto", "sse2", "avx2", "avx512"}))
+			->check(CLI::IsMember(IsaChoices()))
 			->capture_default_str();
 		runCommand->add_option("--seed", run.m_Seed, "seed of random() initialisers")->check(WholeNumber(0, 0xFFFFFFFFu))->capture_default_str();
 		// One value per --dump (repeat it, or give a comma list), so that it never takes the
