@@ -1,6 +1,7 @@
-// Hand-written SSE2 loops (emmintrin.h only, default x86-64 target): one 16-byte vector
-// per iteration with aligned loads and stores, three rotations of a float3 constant
-// over 12 floats, scalar code for the elements left after the last whole vector.
+// Hand-written SSE2 loops (emmintrin.h only, default x86-64 target), written as the SSE2
+// limit: four 16-byte vectors per iteration with aligned loads and stores (two periods,
+// six vectors, for a float3 constant in its three rotations), then one vector at a time,
+// then scalar code for the elements left after the last whole vector.
 
 #include "bench_baselines.h"
 
@@ -30,13 +31,33 @@ namespace OxBench
 			return _mm_sub_epi32(hi, fix);
 		}
 
-		void W1(float *o, const float *a, const float *b, std::size_t n)
+		// The loop of every stream workload: vector(i) handles lanes i..i+3, four of them
+		// per iteration, then one at a time; scalar(i) handles one lane after the last
+		// whole vector.
+		template <typename _FnVector, typename _FnScalar>
+		inline void Unrolled(std::size_t n, const _FnVector &vector, const _FnScalar &scalar)
 		{
 			std::size_t i = 0;
+			for (; i + 16 <= n; i += 16)
+			{
+				vector(i);
+				vector(i + 4);
+				vector(i + 8);
+				vector(i + 12);
+			}
 			for (; i + 4 <= n; i += 4)
-				_mm_store_ps(o + i, _mm_add_ps(_mm_load_ps(a + i), _mm_load_ps(b + i)));
+				vector(i);
 			for (; i < n; ++i)
-				o[i] = a[i] + b[i];
+				scalar(i);
+		}
+
+		inline __m128i LoadI(const std::int32_t *p) { return _mm_load_si128(reinterpret_cast<const __m128i *>(p)); }
+		inline void StoreI(std::int32_t *p, __m128i v) { _mm_store_si128(reinterpret_cast<__m128i *>(p), v); }
+
+		void W1(float *o, const float *a, const float *b, std::size_t n)
+		{
+			Unrolled(n, [&](std::size_t i) { _mm_store_ps(o + i, _mm_add_ps(_mm_load_ps(a + i), _mm_load_ps(b + i))); },
+					 [&](std::size_t i) { o[i] = a[i] + b[i]; });
 		}
 
 		void W2(float *o, const float *a, const float *c, std::size_t n)
@@ -46,29 +67,32 @@ namespace OxBench
 			const __m128 c2 = _mm_setr_ps(c[2], c[0], c[1], c[2]);
 			const std::size_t floats = 3 * n;
 			std::size_t i = 0;
-			for (; i + 12 <= floats; i += 12)
+			auto period = [&](std::size_t j) {
+				_mm_store_ps(o + j + 0, _mm_mul_ps(_mm_load_ps(a + j + 0), c0));
+				_mm_store_ps(o + j + 4, _mm_mul_ps(_mm_load_ps(a + j + 4), c1));
+				_mm_store_ps(o + j + 8, _mm_mul_ps(_mm_load_ps(a + j + 8), c2));
+			};
+			for (; i + 24 <= floats; i += 24)
 			{
-				_mm_store_ps(o + i + 0, _mm_mul_ps(_mm_load_ps(a + i + 0), c0));
-				_mm_store_ps(o + i + 4, _mm_mul_ps(_mm_load_ps(a + i + 4), c1));
-				_mm_store_ps(o + i + 8, _mm_mul_ps(_mm_load_ps(a + i + 8), c2));
+				period(i);
+				period(i + 12);
 			}
+			for (; i + 12 <= floats; i += 12)
+				period(i);
 			for (; i < floats; ++i)
 				o[i] = a[i] * c[i % 3];
 		}
 
 		void W3(float *o, const float *a, const float *b, std::size_t n)
 		{
-			for (std::size_t i = 0; i < 4 * n; i += 4)
-				_mm_store_ps(o + i, _mm_div_ps(_mm_load_ps(a + i), _mm_load_ps(b + i)));
+			Unrolled(4 * n, [&](std::size_t i) { _mm_store_ps(o + i, _mm_div_ps(_mm_load_ps(a + i), _mm_load_ps(b + i))); },
+					 [&](std::size_t i) { o[i] = a[i] / b[i]; });
 		}
 
 		void W4(std::uint32_t *o, const float *a, const float *b, std::size_t n)
 		{
-			std::size_t i = 0;
-			for (; i + 4 <= n; i += 4)
-				_mm_store_ps(reinterpret_cast<float *>(o + i), _mm_cmplt_ps(_mm_load_ps(a + i), _mm_load_ps(b + i)));
-			for (; i < n; ++i)
-				o[i] = a[i] < b[i] ? 0xFFFFFFFFu : 0u;
+			Unrolled(n, [&](std::size_t i) { _mm_store_ps(reinterpret_cast<float *>(o + i), _mm_cmplt_ps(_mm_load_ps(a + i), _mm_load_ps(b + i))); },
+					 [&](std::size_t i) { o[i] = a[i] < b[i] ? 0xFFFFFFFFu : 0u; });
 		}
 
 		// q = a / c by one reciprocal; the result is (q - trunc(q)) * c, for |q| < 2^31.
@@ -76,43 +100,36 @@ namespace OxBench
 		{
 			const float r = 1.0f / c;
 			const __m128 vr = _mm_set1_ps(r), vc = _mm_set1_ps(c);
-			std::size_t i = 0;
-			for (; i + 4 <= n; i += 4)
-			{
-				const __m128 q = _mm_mul_ps(_mm_load_ps(a + i), vr);
-				const __m128 t = _mm_cvtepi32_ps(_mm_cvttps_epi32(q));
-				_mm_store_ps(o + i, _mm_mul_ps(_mm_sub_ps(q, t), vc));
-			}
-			for (; i < n; ++i)
-			{
-				const float q = a[i] * r;
-				o[i] = (q - float(std::int32_t(q))) * c;
-			}
+			Unrolled(
+				n,
+				[&](std::size_t i) {
+					const __m128 q = _mm_mul_ps(_mm_load_ps(a + i), vr);
+					const __m128 t = _mm_cvtepi32_ps(_mm_cvttps_epi32(q));
+					_mm_store_ps(o + i, _mm_mul_ps(_mm_sub_ps(q, t), vc));
+				},
+				[&](std::size_t i) {
+					const float q = a[i] * r;
+					o[i] = (q - float(std::int32_t(q))) * c;
+				});
 		}
 
 		void W6(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n)
 		{
-			std::size_t i = 0;
-			for (; i + 4 <= n; i += 4)
-				_mm_store_si128(reinterpret_cast<__m128i *>(o + i), _mm_add_epi32(_mm_load_si128(reinterpret_cast<const __m128i *>(a + i)), _mm_load_si128(reinterpret_cast<const __m128i *>(b + i))));
-			for (; i < n; ++i)
-				o[i] = std::int32_t(std::uint32_t(a[i]) + std::uint32_t(b[i]));
+			Unrolled(n, [&](std::size_t i) { StoreI(o + i, _mm_add_epi32(LoadI(a + i), LoadI(b + i))); },
+					 [&](std::size_t i) { o[i] = std::int32_t(std::uint32_t(a[i]) + std::uint32_t(b[i])); });
 		}
 
 		void W7(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n)
 		{
-			std::size_t i = 0;
-			for (; i + 4 <= n; i += 4)
-				_mm_store_si128(reinterpret_cast<__m128i *>(o + i), MulLo32(_mm_load_si128(reinterpret_cast<const __m128i *>(a + i)), _mm_load_si128(reinterpret_cast<const __m128i *>(b + i))));
-			for (; i < n; ++i)
-				o[i] = std::int32_t(std::uint32_t(a[i]) * std::uint32_t(b[i]));
+			Unrolled(n, [&](std::size_t i) { StoreI(o + i, MulLo32(LoadI(a + i), LoadI(b + i))); },
+					 [&](std::size_t i) { o[i] = std::int32_t(std::uint32_t(a[i]) * std::uint32_t(b[i])); });
 		}
 
 		// Signed division by a run-time divisor: an arithmetic shift for a positive power
 		// of two, otherwise the magic multiplier and shift of Hacker's Delight (10-1).
 		void W8(std::int32_t *o, const std::int32_t *a, std::int32_t d, std::size_t n)
 		{
-			std::size_t i = 0;
+			const auto scalar = [&](std::size_t i) { o[i] = a[i] / d; };
 			const std::uint32_t ud = std::uint32_t(d);
 			if (d > 1 && (ud & (ud - 1)) == 0)
 			{
@@ -121,12 +138,13 @@ namespace OxBench
 					++k;
 				const __m128i bias = _mm_set1_epi32(d - 1);
 				const __m128i shift = _mm_cvtsi32_si128(k);
-				for (; i + 4 <= n; i += 4)
-				{
-					const __m128i x = _mm_load_si128(reinterpret_cast<const __m128i *>(a + i));
-					const __m128i biased = _mm_add_epi32(x, _mm_and_si128(_mm_srai_epi32(x, 31), bias));
-					_mm_store_si128(reinterpret_cast<__m128i *>(o + i), _mm_sra_epi32(biased, shift));
-				}
+				Unrolled(
+					n,
+					[&](std::size_t i) {
+						const __m128i x = LoadI(a + i);
+						StoreI(o + i, _mm_sra_epi32(_mm_add_epi32(x, _mm_and_si128(_mm_srai_epi32(x, 31), bias)), shift));
+					},
+					scalar);
 			}
 			else if (d >= 2 || d <= -2)
 			{
@@ -154,35 +172,35 @@ namespace OxBench
 				const __m128i addMask = _mm_set1_epi32(d > 0 && magic < 0 ? -1 : 0);
 				const __m128i subMask = _mm_set1_epi32(d < 0 && magic > 0 ? -1 : 0);
 				const __m128i shift = _mm_cvtsi32_si128(s);
-				for (; i + 4 <= n; i += 4)
-				{
-					const __m128i x = _mm_load_si128(reinterpret_cast<const __m128i *>(a + i));
-					__m128i q = MulHiS32(x, vm);
-					q = _mm_sub_epi32(_mm_add_epi32(q, _mm_and_si128(x, addMask)), _mm_and_si128(x, subMask));
-					q = _mm_sra_epi32(q, shift);
-					q = _mm_add_epi32(q, _mm_srli_epi32(q, 31));
-					_mm_store_si128(reinterpret_cast<__m128i *>(o + i), q);
-				}
+				Unrolled(
+					n,
+					[&](std::size_t i) {
+						const __m128i x = LoadI(a + i);
+						__m128i q = MulHiS32(x, vm);
+						q = _mm_sub_epi32(_mm_add_epi32(q, _mm_and_si128(x, addMask)), _mm_and_si128(x, subMask));
+						q = _mm_sra_epi32(q, shift);
+						StoreI(o + i, _mm_add_epi32(q, _mm_srli_epi32(q, 31)));
+					},
+					scalar);
 			}
-			for (; i < n; ++i)
-				o[i] = a[i] / d;
+			else
+				for (std::size_t i = 0; i < n; ++i)
+					scalar(i);
 		}
 
 		// Per-lane divisors: SSE2 has no integer division, but every int32 is exact in a
 		// double and the truncated double quotient is the integer quotient.
 		void W9(std::int32_t *o, const std::int32_t *a, const std::int32_t *b, std::size_t n)
 		{
-			std::size_t i = 0;
-			for (; i + 4 <= n; i += 4)
-			{
-				const __m128i x = _mm_load_si128(reinterpret_cast<const __m128i *>(a + i));
-				const __m128i y = _mm_load_si128(reinterpret_cast<const __m128i *>(b + i));
-				const __m128d lo = _mm_div_pd(_mm_cvtepi32_pd(x), _mm_cvtepi32_pd(y));
-				const __m128d hi = _mm_div_pd(_mm_cvtepi32_pd(_mm_unpackhi_epi64(x, x)), _mm_cvtepi32_pd(_mm_unpackhi_epi64(y, y)));
-				_mm_store_si128(reinterpret_cast<__m128i *>(o + i), _mm_unpacklo_epi64(_mm_cvttpd_epi32(lo), _mm_cvttpd_epi32(hi)));
-			}
-			for (; i < n; ++i)
-				o[i] = a[i] / b[i];
+			Unrolled(
+				n,
+				[&](std::size_t i) {
+					const __m128i x = LoadI(a + i), y = LoadI(b + i);
+					const __m128d lo = _mm_div_pd(_mm_cvtepi32_pd(x), _mm_cvtepi32_pd(y));
+					const __m128d hi = _mm_div_pd(_mm_cvtepi32_pd(_mm_unpackhi_epi64(x, x)), _mm_cvtepi32_pd(_mm_unpackhi_epi64(y, y)));
+					StoreI(o + i, _mm_unpacklo_epi64(_mm_cvttpd_epi32(lo), _mm_cvttpd_epi32(hi)));
+				},
+				[&](std::size_t i) { o[i] = a[i] / b[i]; });
 		}
 
 		// One pass over both streams: v += g * dt, then p += v * dt, 4 particles (12 floats)

@@ -78,6 +78,16 @@ namespace OxBench
 	// The C library's fmodf (W5 only).
 	extern const SBaselineSet kBaselineFmodf;
 
+	// The plain loops at -O3 and Eigen, built for this machine's own instruction set
+	// (-march=native): the best a compiler makes of them here, against the wide kernel
+	// sets. They live in their own shared library (ox_bench_native), whose template and
+	// inline code is bound inside it, so that no default-target copy of Eigen's or the
+	// standard library's code is replaced by a native one at link time (or the reverse).
+	// Functions, not variables: an executable's copy of a shared library's variable
+	// would not be the one the library initialises once its references are bound inside.
+	__attribute__((visibility("default"))) const SBaselineSet &BaselineAutoVecNative();
+	__attribute__((visibility("default"))) const SBaselineSet &BaselineEigenNative();
+
 	// Versions of the libraries as built in ("3.4.0", "3.0").
 	const char *EigenVersion();
 	const char *LibdivideVersion();

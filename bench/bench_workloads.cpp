@@ -19,6 +19,7 @@ namespace OxBench
 			"standard", "low", "standard_profiler", "standard_interpreter",
 			"scalar", "autovec", "sse2", "eigen", "libdivide", "libdivide_bf", "fmodf",
 			"batched", "batched_all_threads", "standard_avx2", "standard_avx512",
+			"autovec_native", "eigen_native",
 		};
 
 		constexpr SWorkloadInfo kWorkloads[__MaxWorkloads] = {
@@ -94,6 +95,8 @@ namespace OxBench
 		case Impl_AutoVec: return &kBaselineAutoVec;
 		case Impl_SSE2: return &kBaselineSSE2;
 		case Impl_Eigen: return &kBaselineEigen;
+		case Impl_AutoVecNative: return &BaselineAutoVecNative();
+		case Impl_EigenNative: return &BaselineEigenNative();
 		case Impl_Libdivide: return &kBaselineLibdivide;
 		case Impl_LibdivideBranchfree: return &kBaselineLibdivideBranchfree;
 		case Impl_Fmodf: return &kBaselineFmodf;

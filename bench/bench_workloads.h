@@ -44,6 +44,10 @@ namespace OxBench
 		// run it; every other VM row runs the SSE2 kernels.
 		Impl_StandardAvx2,
 		Impl_StandardAvx512,
+		// The plain loops and Eigen built for this machine's own instruction set
+		// (-march=native, bench_baselines.h): the wide kernel sets' baselines.
+		Impl_AutoVecNative,
+		Impl_EigenNative,
 		__MaxImpls
 	};
 
