@@ -10,6 +10,11 @@
 #include <array>
 #include <atomic>
 
+// The lambdas of the wide kernels' loops (per vector, per block): always inlined. A wide
+// kernel holds every operator's loops in one function, past GCC's inlining budget, and
+// a lambda left as a call inside a loop costs more than the wider vector gains.
+#define OX_KERNEL_LAMBDA __attribute__((always_inline))
+
 namespace Orvex
 {
 	namespace MathOp

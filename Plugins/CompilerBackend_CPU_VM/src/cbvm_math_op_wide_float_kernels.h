@@ -27,6 +27,8 @@
 #include "cbvm_math_op_kernel_sets.h"
 #include "cbvm_math_op_lanes.h"
 
+#include <immintrin.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -49,13 +51,13 @@ namespace Orvex
 			template <EOp2Type _Op, u32 _Slot>
 			static void Lanes(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
 			{
-				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) {
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) OX_KERNEL_LAMBDA {
 					if (packed0 && packed1)
-						_StreamLoop(d, a, b, floats, [](const _Vector &x, const _Vector &y) { return TOp2Impl<_Op, false>::Op(x, y); });
+						_StreamLoop(d, a, b, floats, [](const _Vector &x, const _Vector &y) OX_KERNEL_LAMBDA { return TOp2Impl<_Op, false>::Op(x, y); });
 					else if (packed0)
-						_ConstantLoop(d, a, b, floats, [](const _Vector &v, const _Vector &c) { return TOp2Impl<_Op, false>::Op(v, c); });
+						_ConstantLoop(d, a, b, floats, [](const _Vector &v, const _Vector &c) OX_KERNEL_LAMBDA { return TOp2Impl<_Op, false>::Op(v, c); });
 					else
-						_ConstantLoop(d, b, a, floats, [](const _Vector &v, const _Vector &c) { return TOp2Impl<_Op, true>::Op(v, c); });	// c op v
+						_ConstantLoop(d, b, a, floats, [](const _Vector &v, const _Vector &c) OX_KERNEL_LAMBDA { return TOp2Impl<_Op, true>::Op(v, c); });	// c op v
 				});
 			}
 
@@ -63,10 +65,10 @@ namespace Orvex
 			static void Mod(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
 			{
 				// (Two constants are not widened: _Widened needs a stream operand.)
-				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) {
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) OX_KERNEL_LAMBDA {
 					const TTruncFrac<_Vector> truncFrac;
 					if (packed0 && packed1)
-						_StreamLoop(d, a, b, floats, [&](const _Vector &x, const _Vector &y) { return truncFrac(x / y) * y; });
+						_StreamLoop(d, a, b, floats, [&](const _Vector &x, const _Vector &y) OX_KERNEL_LAMBDA { return truncFrac(x / y) * y; });
 					else if (packed0)
 					{
 						// A constant divisor: its reciprocal once per lane, as the SSE2 kernel divides it.
@@ -79,7 +81,7 @@ namespace Orvex
 								(truncFrac(_Vector::Load(a + i + k * kLanes) * r[k]) * c[k]).Store(d + i + k * kLanes);
 					}
 					else
-						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) { return truncFrac(c / y) * y; });	// a constant dividend
+						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) OX_KERNEL_LAMBDA { return truncFrac(c / y) * y; });	// a constant dividend
 				});
 			}
 
@@ -92,7 +94,7 @@ namespace Orvex
 					g_FloatKernelsSse2[_Slot](dst, dstStride, count, src0, stride0, src1, stride1);
 					return;
 				}
-				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src0, stride0, [](float *d, const float *a, const float *, std::size_t floats, bool, bool) {
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src0, stride0, [](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_KERNEL_LAMBDA {
 					const _Vector signs = _Vector::SplatInt(s32(0x80000000u));
 					for (std::size_t i = 0; i < floats; i += kLanes)
 						(_Vector::Load(a + i) ^ signs).Store(d + i);
@@ -134,14 +136,24 @@ namespace Orvex
 					op(_Vector::Load(a + i), _Vector::Load(b + i)).Store(d + i);
 			}
 
-			// A constant element laid out over one period, as kVectors vectors.
+			// A constant element laid out over one period, as kVectors vectors: the element
+			// over 12 floats (three SSE vectors, in registers), then that block repeated. A
+			// three-component element reads 16 bytes: the register file pads every element.
 			static __attribute__((always_inline)) void _Period(const float *constant, _Vector (&c)[kVectors])
 			{
-				alignas(64) float period[kPeriod];
-				for (int j = 0; j < kPeriod; ++j)
-					period[j] = constant[j % _Dimension];
+				__m128 q[3];
+				if (_Dimension == 1)
+					q[0] = _mm_set1_ps(constant[0]);
+				else if (_Dimension == 2)
+					q[0] = _mm_castpd_ps(_mm_load1_pd(reinterpret_cast<const double *>(constant)));
+				else
+					q[0] = _mm_loadu_ps(constant);
+				q[1] = _Dimension == 3 ? _mm_shuffle_ps(q[0], q[0], _MM_SHUFFLE(1, 0, 2, 1)) : q[0];	// c1 c2 c0 c1
+				q[2] = _Dimension == 3 ? _mm_shuffle_ps(q[0], q[0], _MM_SHUFFLE(2, 1, 0, 2)) : q[0];	// c2 c0 c1 c2
+				if (_Dimension == 3)
+					q[0] = _mm_shuffle_ps(q[0], q[0], _MM_SHUFFLE(0, 2, 1, 0));	// c0 c1 c2 c0
 				for (int k = 0; k < kVectors; ++k)
-					c[k] = _Vector::Load(period + k * kLanes);
+					c[k] = _Vector::Repeat12(q, k * kLanes / 4);
 			}
 
 			// d = op(s, c) over whole periods: s a stream, c the constant over one period.

@@ -50,6 +50,11 @@ namespace Orvex
 			static OX_SIMD_INLINE Float8 Load(const void *p) { return Float8(_mm256_loadu_si256(static_cast<const __m256i *>(p))); }
 			OX_SIMD_INLINE void Store(void *p) const { _mm256_storeu_si256(static_cast<__m256i *>(p), AsInt()); }
 
+			// Vector 'first' / 2 of a 12-float block repeated: quarter p is q[(first + p) % 3].
+			// Built in registers: a block stored float by float and loaded back as a wide
+			// vector would stall on store forwarding, on every call that lays out a constant.
+			static OX_SIMD_INLINE Float8 Repeat12(const __m128 (&q)[3], int first) { return Float8(_mm256_set_m128(q[(first + 1) % 3], q[first % 3])); }
+
 			// + and *: a's NaN when both lanes are NaN, as Float4's (the first source, pinned).
 			friend OX_SIMD_INLINE Float8 operator+(const Float8 &a, const Float8 &b)
 			{

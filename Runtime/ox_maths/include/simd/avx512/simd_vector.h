@@ -48,6 +48,16 @@ namespace Orvex
 			static OX_SIMD_INLINE Float16 Load(const void *p) { return Float16(_mm512_loadu_si512(p)); }
 			OX_SIMD_INLINE void Store(void *p) const { _mm512_storeu_si512(p, AsInt()); }
 
+			// Vector 'first' / 4 of a 12-float block repeated: quarter p is q[(first + p) % 3]
+			// (built in registers, see Float8).
+			static OX_SIMD_INLINE Float16 Repeat12(const __m128 (&q)[3], int first)
+			{
+				__m512 v = _mm512_castps128_ps512(q[first % 3]);
+				v = _mm512_insertf32x4(v, q[(first + 1) % 3], 1);
+				v = _mm512_insertf32x4(v, q[(first + 2) % 3], 2);
+				return Float16(_mm512_insertf32x4(v, q[first % 3], 3));
+			}
+
 			// + and *: a's NaN when both lanes are NaN, as Float4's (the first source, pinned).
 			friend OX_SIMD_INLINE Float16 operator+(const Float16 &a, const Float16 &b)
 			{
