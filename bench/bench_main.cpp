@@ -40,10 +40,11 @@ namespace OxBench
 		// the copy of the inputs that every check restores).
 		constexpr std::uint32_t kW12Sizes[] = {4096, 65536, 1048576, 16777216};
 		// W1, W4 and W6 also at the sizes either side of 4,096, where three streams of 16 KiB
-		// fill a 48 KiB level-1 data cache, against the SSE2 baselines.
+		// fill a 48 KiB level-1 data cache (and overflow a 32 KiB one), against the SSE2 and
+		// the native baselines.
 		constexpr std::uint32_t kNeighbourSizes[] = {2048, 8192};
 		constexpr EWorkload kNeighbourWorkloads[] = {Workload_W1, Workload_W4, Workload_W6};
-		constexpr EImpl kNeighbourImpls[] = {Impl_Standard, Impl_AutoVec, Impl_SSE2, Impl_Eigen};
+		constexpr EImpl kNeighbourImpls[] = {Impl_Standard, Impl_AutoVec, Impl_SSE2, Impl_Eigen, Impl_StandardAvx2, Impl_StandardAvx512, Impl_AutoVecNative, Impl_EigenNative};
 
 		// Every workload is built once, on first use, and kept: benchmarks of the same
 		// workload and size share it, in whatever order they run (the report interleaves
@@ -120,7 +121,8 @@ namespace OxBench
 			for (const EWorkload workload : kNeighbourWorkloads)
 				for (const std::uint32_t count : kNeighbourSizes)
 					for (const EImpl impl : kNeighbourImpls)
-						Register(workload, impl, count);
+						if (CWorkload::Supports(workload, impl))	// a kernel set the machine has
+							Register(workload, impl, count);
 		}
 
 		// Data cache sizes from CPUID, for the report when the system does not list them:
