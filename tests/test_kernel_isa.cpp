@@ -281,6 +281,68 @@ namespace
 		std::printf("%s: integer kernel, %u calls, every byte, report and hazard the SSE2 kernel's\n", CBVM::KernelIsaName(isa), calls);
 	}
 
+	// A destination sharing storage with a source stream, ahead of it, behind it or on it:
+	// the SSE2 loop, one vector at a time, reads words it wrote a few vectors before when
+	// the destination runs ahead of a source, and the wide kernels must give the words it
+	// gives. One buffer holds the source streams and the destination; the whole buffer is
+	// compared after the call.
+	TEST_P(WideFloatKernels, OverlappingStreamsGiveTheSse2KernelsBytes)
+	{
+		const EKernelIsa isa = GetParam();
+		if (!CBVM::KernelIsaSupported(isa))
+			GTEST_SKIP() << "this machine does not run " << CBVM::KernelIsaName(isa);
+		const MathOp::FloatKernelTable &wide = isa == CBVM::KernelIsa_AVX512 ? MathOp::g_FloatKernelsAvx512 : MathOp::g_FloatKernelsAvx2;
+		const MathOp::FnIntPacked wideInt = isa == CBVM::KernelIsa_AVX512 ? MathOp::g_IntKernelAvx512 : MathOp::g_IntKernelAvx2;
+		OxTest::CSeededRandom random(20261126);
+		constexpr u32 kCount = 301, kBase = 1024;	// bytes before the first source, room for a destination behind it
+		const int shifts[] = {-64, -5, -1, 0, 1, 2, 3, 4, 5, 8, 12, 16, 17, 64};	// destination - source 0, in 16-byte vectors
+		std::vector<u32> words((kBase + 4 * 4 * kCount) / 4 + 2048);
+		u32 calls = 0;
+		// Runs one call on a fresh copy of 'words' at a 64-byte aligned address; the buffer after it.
+		auto run = [&](auto &&call) {
+			std::vector<u32> buffer(words.size() + 16);
+			u8 *base = reinterpret_cast<u8 *>((reinterpret_cast<std::uintptr_t>(buffer.data()) + 63) & ~std::uintptr_t(63));
+			std::memcpy(base, words.data(), words.size() * 4);
+			call(base);
+			return std::vector<u8>(base, base + words.size() * 4);
+		};
+		for (int shift : shifts)
+			for (bool src1Inside : {false, true})
+			{
+				for (u32 &w : words)
+					w = RandomWord(random);
+				const std::ptrdiff_t dstAt = std::ptrdiff_t(kBase) + 16 * shift, src1At = src1Inside ? kBase + 32 : kBase + 4 * 4 * kCount + 1024;
+				for (u32 slot = 0; slot < wide.size(); ++slot)
+				{
+					if (wide[slot] == nullptr)
+						continue;
+					const u32 bytes = 4 * (slot % 4 + 1);
+					const bool unary = Compiler::IR::SOp_MathOp::kTraits[slot / 4].m_ParameterCount == 1;
+					std::vector<u8> out[2];
+					for (int r = 0; r < 2; ++r)
+						out[r] = run([&](u8 *base) { (r == 0 ? MathOp::g_FloatKernelsSse2[slot] : wide[slot])(base + dstAt, bytes, kCount, base + kBase, bytes, unary ? nullptr : base + src1At, bytes); });
+					++calls;
+					ASSERT_EQ(out[1], out[0]) << CBVM::KernelIsaName(isa) << " slot " << slot << ", destination " << shift << " vectors from source 0"
+											  << (src1Inside ? ", source 1 in the same storage" : "");
+				}
+				for (u32 op = 0; op < Compiler::IR::SOp_MathOp::__MaxOps; ++op)
+				{
+					const bool unary = Compiler::IR::SOp_MathOp::kTraits[op].m_ParameterCount == 1;
+					std::vector<u8> out[2];
+					for (int r = 0; r < 2; ++r)
+						out[r] = run([&](u8 *base) {
+							s32 *d = reinterpret_cast<s32 *>(base + dstAt);
+							(r == 0 ? MathOp::g_IntKernelSse2 : wideInt)(Compiler::IR::SOp_MathOp::EOp(op), d, d + 4 * kCount, reinterpret_cast<const s32 *>(base + kBase), 48,
+																		 unary ? nullptr : reinterpret_cast<const s32 *>(base + src1At), 48);
+						});
+					++calls;
+					ASSERT_EQ(out[1], out[0]) << CBVM::KernelIsaName(isa) << " integer operator " << op << ", destination " << shift << " vectors from source 0"
+											  << (src1Inside ? ", source 1 in the same storage" : "");
+				}
+			}
+		std::printf("%s: %u calls with overlapping storage, every byte the SSE2 kernel's\n", CBVM::KernelIsaName(isa), calls);
+	}
+
 	INSTANTIATE_TEST_SUITE_P(EverySet, WideFloatKernels, ::testing::Values(CBVM::KernelIsa_AVX2, CBVM::KernelIsa_AVX512),
 							 [](const ::testing::TestParamInfo<EKernelIsa> &info) { return std::string(CBVM::KernelIsaName(info.param)); });
 }

@@ -9,11 +9,31 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 // The lambdas of the wide kernels' loops (per vector, per block): always inlined. A wide
 // kernel holds every operator's loops in one function, past GCC's inlining budget, and
 // a lambda left as a call inside a loop costs more than the wider vector gains.
 #define OX_KERNEL_LAMBDA __attribute__((always_inline))
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		// Whether a destination starts inside a source stream, past its start ('bytes': the
+		// call's span of the stream). The SSE2 loops then read words they wrote a few
+		// vectors before, which a wide loop would read before writing them, so the wide
+		// kernels hand such calls to the SSE2 kernel. (A destination on the source or
+		// behind it reads nothing it wrote: those stay wide.) Internal linkage: each
+		// unit keeps its own copy, compiled for its own target.
+		static inline bool DestinationAheadInSource(const void *dst, const void *src, std::size_t bytes)
+		{
+			const std::uintptr_t d = reinterpret_cast<std::uintptr_t>(dst), s = reinterpret_cast<std::uintptr_t>(src);
+			return d > s && d - s < bytes;
+		}
+	}
+}
 
 namespace Orvex
 {

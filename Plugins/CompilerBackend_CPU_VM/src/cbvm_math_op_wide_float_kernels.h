@@ -103,7 +103,8 @@ namespace Orvex
 
 		private:
 			// The frame of every wide kernel: the calls it takes (packed destination, a
-			// packed source, pointers 16-byte aligned and non-null, at least one period),
+			// packed source, pointers 16-byte aligned and non-null, at least one period, no
+			// destination ahead inside a source stream),
 			// 'loop' over whole periods, the rest to the SSE2 kernel; any other call to the
 			// SSE2 kernel as it is. 'loop'(d, a, b, floats, packed0, packed1).
 			template <u32 _Slot, typename _FnLoop>
@@ -114,7 +115,9 @@ namespace Orvex
 				const u32 whole = count / kPeriodElements * kPeriodElements;
 				const bool packed0 = stride0 == kElementBytes, packed1 = stride1 == kElementBytes;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
-				if (whole == 0 || dstStride != kElementBytes || !(packed0 || packed1) || (any & 15) != 0 || src0 == nullptr || src1 == nullptr)
+				const std::size_t span = std::size_t(count) * kElementBytes;
+				if (whole == 0 || dstStride != kElementBytes || !(packed0 || packed1) || (any & 15) != 0 || src0 == nullptr || src1 == nullptr ||
+					(packed0 && DestinationAheadInSource(dst, src0, span)) || (packed1 && DestinationAheadInSource(dst, src1, span)))
 				{
 					sse2(dst, dstStride, count, src0, stride0, unary ? nullptr : src1, stride1);
 					return;

@@ -7,7 +7,8 @@
 // A block is 3 x lanes integers (24 or 48): a multiple of 12, so a constant operand's
 // 12-integer block (Broadcast12) repeats in it, laid out once per call. The wide kernel
 // takes what the SSE2 kernel computes in vector blocks without a report or a hazard:
-// aligned pointers, and the lanewise and unary operators, or division, modulo and shifts
+// aligned pointers, no destination ahead inside a source stream (DestinationAheadInSource),
+// and the lanewise and unary operators, or division, modulo and shifts
 // by a uniform constant (a shift count at most 31; not a modulo by +-1, which the SSE2
 // kernel clears in one go). It runs whole wide blocks and hands what is left (fewer
 // integers than one wide block, from a whole 12-integer block on) to the SSE2 kernel,
@@ -45,7 +46,9 @@ namespace Orvex
 				// Division, modulo and shifts by a stream go per lane: straight to SSE2.
 				const bool perLane = stride1 != 0 && u32(op) < SOp_MathOp::__MaxOps && kPerLaneByStream[op];
 				std::ptrdiff_t done = 0;
-				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !perLane)
+				const std::size_t span = std::size_t(ints) * 4;
+				const bool ahead = (stride0 != 0 && DestinationAheadInSource(dst, src0, span)) || (stride1 != 0 && src1 != nullptr && DestinationAheadInSource(dst, src1, span));
+				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !perLane && !ahead)
 				{
 					const SSources s(src0, stride0, src1, stride1);
 					done = _RunOperatorOf(u32(op), dst, ints / kBlockInts * kBlockInts, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
