@@ -1,8 +1,9 @@
 // Eigen at the default x86-64 target: it vectorises with SSE2 where it can.
 #define OX_BENCH_EIGEN_NAMESPACE EigenSse2
-#define OX_BENCH_EIGEN_SET kBaselineEigen
 #define OX_BENCH_EIGEN_NAME "eigen"
 #include "baseline_eigen_kernels.h"
+
+const OxBench::SBaselineSet OxBench::kBaselineEigen = OxBench::EigenSse2::Set();
 
 const char *OxBench::EigenVersion()
 {

@@ -2,8 +2,7 @@
 // Float3 streams are 3 x n arrays (one column per element). This file has no include
 // guard on purpose: baseline_eigen.cpp (default x86-64 target: Eigen vectorises with
 // SSE2) and baseline_eigen_native.cpp (this machine's own instruction set) each include
-// it once, with OX_BENCH_EIGEN_NAMESPACE, OX_BENCH_EIGEN_SET and OX_BENCH_EIGEN_NAME
-// naming their copy.
+// it once, with OX_BENCH_EIGEN_NAMESPACE and OX_BENCH_EIGEN_NAME naming their copy.
 
 #include "bench_baselines.h"
 
@@ -81,21 +80,24 @@ namespace OxBench
 			vel.colwise() += gdt;
 			pos += vel.colwise() * d;
 		}
-	}
 
-	const SBaselineSet OX_BENCH_EIGEN_SET = [] {
-		SBaselineSet set;
-		set.m_Name = OX_BENCH_EIGEN_NAME;
-		set.m_W1 = &OX_BENCH_EIGEN_NAMESPACE::W1;
-		set.m_W2 = &OX_BENCH_EIGEN_NAMESPACE::W2;
-		set.m_W3 = &OX_BENCH_EIGEN_NAMESPACE::W3;
-		set.m_W4 = &OX_BENCH_EIGEN_NAMESPACE::W4;
-		set.m_W5 = &OX_BENCH_EIGEN_NAMESPACE::W5;
-		set.m_W6 = &OX_BENCH_EIGEN_NAMESPACE::W6;
-		set.m_W7 = &OX_BENCH_EIGEN_NAMESPACE::W7;
-		set.m_W8 = &OX_BENCH_EIGEN_NAMESPACE::W8;
-		set.m_W9 = &OX_BENCH_EIGEN_NAMESPACE::W9;
-		set.m_W10 = &OX_BENCH_EIGEN_NAMESPACE::W10;
-		return set;
-	}();
+		// This copy's set (the including file keeps it: a global for the default target,
+		// made on first use for the native build).
+		SBaselineSet Set()
+		{
+			SBaselineSet set;
+			set.m_Name = OX_BENCH_EIGEN_NAME;
+			set.m_W1 = &W1;
+			set.m_W2 = &W2;
+			set.m_W3 = &W3;
+			set.m_W4 = &W4;
+			set.m_W5 = &W5;
+			set.m_W6 = &W6;
+			set.m_W7 = &W7;
+			set.m_W8 = &W8;
+			set.m_W9 = &W9;
+			set.m_W10 = &W10;
+			return set;
+		}
+	}
 }
