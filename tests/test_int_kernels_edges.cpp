@@ -379,16 +379,22 @@ TEST(IntKernels, PerLaneIntMinDividedByMinusOneWrapsWithoutTrapping)
 // precision: every quotient and remainder must be the scalar rule's, for pairs drawn
 // from the whole 32-bit range, near the edges (INT_MIN, INT_MAX, +-1, 0, powers of two
 // and their neighbours) and with equal magnitudes.
+#include "cbvm_kernel_isa.h"
 #include "cbvm_math_op_int_selector.h"
+#include "cbvm_math_op_kernel_sets.h"
 #include "mt_scalar_ops.h"
 #include "seeded_random.h"
 
+#include <xmmintrin.h>
+
 #include <cstring>
+#include <utility>
 
 TEST(DivModThroughDouble, EveryPairGivesTheScalarRule)
 {
 	using Orvex::s32;
 	using Orvex::Compiler::IR::SOp_MathOp;
+	namespace CBVM = Orvex::CBVM;
 	OxTest::CSeededRandom random(20261126);
 	std::vector<s32> edges = {0, 1, -1, 2, -2, 3, -3, INT_MAX, INT_MIN, INT_MAX - 1, INT_MIN + 1, 46341, -46341, 65536, -65536};
 	for (int k = 2; k < 31; ++k)
@@ -397,27 +403,48 @@ TEST(DivModThroughDouble, EveryPairGivesTheScalarRule)
 			edges.push_back(s32((1u << k) + u32(d)));
 			edges.push_back(-s32((1u << k) + u32(d)));
 		}
+	// Every pair of edges (INT_MIN / -1, x / 0 among them), then random pairs.
+	std::vector<s32> a, b;
+	for (s32 x : edges)
+		for (s32 y : edges)
+		{
+			a.push_back(x);
+			b.push_back(y);
+		}
 	constexpr std::size_t kPairs = 1 << 18;
-	std::vector<s32> a(kPairs + 16), b(kPairs + 16);
-	for (std::size_t i = 0; i < kPairs; ++i)
+	while (a.size() < kPairs)
 	{
 		const u32 pick = random.Uniform(4);
-		a[i] = pick == 0 ? edges[random.Uniform(edges.size())] : s32(random());
-		b[i] = pick == 1 ? edges[random.Uniform(edges.size())] : pick == 2 ? s32(random()) >> random.Uniform(31) : s32(random());
+		a.push_back(pick == 0 ? edges[random.Uniform(edges.size())] : s32(random()));
+		b.push_back(pick == 1 ? edges[random.Uniform(edges.size())] : pick == 2 ? s32(random()) >> random.Uniform(31) : s32(random()));
 		if (random.Uniform(16) == 0)
-			b[i] = random.Uniform(2) ? a[i] : s32(0u - u32(a[i]));	// (wrapping: INT_MIN stays INT_MIN)
+			b.back() = random.Uniform(2) ? a.back() : s32(0u - u32(a.back()));	// (wrapping: INT_MIN stays INT_MIN)
 	}
-	for (SOp_MathOp::EOp op : {SOp_MathOp::Op_Div, SOp_MathOp::Op_Mod})
-	{
-		std::vector<s32> dst(kPairs + 16, 0x5A5A5A5A);
-		// 16-byte aligned vectors of s32: the block kernel as the selector calls it.
-		ASSERT_EQ(reinterpret_cast<std::uintptr_t>(a.data()) % 16, 0u);
-		Orvex::MathOp::g_IntKernelSse2(op, dst.data(), dst.data() + kPairs, a.data(), 48, b.data(), 48);
-		for (std::size_t i = 0; i < kPairs; ++i)
+	const std::size_t pairs = a.size() / 48 * 48;	// whole blocks of every kernel set
+	a.resize(pairs + 16);
+	b.resize(pairs + 16);
+	// The SSE2 block kernel as the selector calls it, and each wide set's on this machine.
+	std::vector<std::pair<const char *, Orvex::MathOp::FnIntPacked>> kernels = {{"sse2", Orvex::MathOp::g_IntKernelSse2}};
+	if (CBVM::KernelIsaSupported(CBVM::KernelIsa_AVX2))
+		kernels.push_back({"avx2", Orvex::MathOp::g_IntKernelAvx2});
+	if (CBVM::KernelIsaSupported(CBVM::KernelIsa_AVX512))
+		kernels.push_back({"avx512", Orvex::MathOp::g_IntKernelAvx512});
+	for (const auto &kernel : kernels)
+		for (SOp_MathOp::EOp op : {SOp_MathOp::Op_Div, SOp_MathOp::Op_Mod})
 		{
-			const s32 expected = op == SOp_MathOp::Op_Div ? Orvex::ScalarOps::DivS32(a[i], b[i]) : Orvex::ScalarOps::ModS32(a[i], b[i]);
-			ASSERT_EQ(dst[i], expected) << (op == SOp_MathOp::Op_Div ? "div " : "mod ") << a[i] << ", " << b[i] << " (pair " << i << ")";
+			std::vector<s32> dst(pairs + 16, 0x5A5A5A5A);
+			ASSERT_EQ(reinterpret_cast<std::uintptr_t>(a.data()) % 16, 0u);
+			// No lane may raise a floating-point exception flag but inexact: a host that
+			// unmasks them would trap.
+			constexpr unsigned kFlags = 0x3F, kInexact = 0x20;
+			_mm_setcsr(_mm_getcsr() & ~kFlags);
+			kernel.second(op, dst.data(), dst.data() + pairs, a.data(), 48, b.data(), 48);
+			EXPECT_EQ(_mm_getcsr() & kFlags & ~kInexact, 0u) << kernel.first << (op == SOp_MathOp::Op_Div ? " div" : " mod") << ": MXCSR flags raised";
+			for (std::size_t i = 0; i < pairs; ++i)
+			{
+				const s32 expected = op == SOp_MathOp::Op_Div ? Orvex::ScalarOps::DivS32(a[i], b[i]) : Orvex::ScalarOps::ModS32(a[i], b[i]);
+				ASSERT_EQ(dst[i], expected) << kernel.first << (op == SOp_MathOp::Op_Div ? " div " : " mod ") << a[i] << ", " << b[i] << " (pair " << i << ")";
+			}
+			EXPECT_EQ(dst[pairs], 0x5A5A5A5A);
 		}
-		EXPECT_EQ(dst[kPairs], 0x5A5A5A5A);
-	}
 }

@@ -224,16 +224,20 @@ namespace Orvex
 			// Per-lane path of division, modulo and shifts (stream or non-uniform right
 			// operand, or what a uniform block loop left over): scalar blocks, then the tail.
 			// 'block'(c) may compute a whole block at once, as the scalar rule would.
+			// (A copy of the cursor walks the blocks, as in _BinaryBlocksWith: it stays in
+			// registers, where the caller's would be reloaded after every store.)
 			template <s32 (*_Scalar)(s32, s32), typename _FnBlock>
-			void _PerLaneWith(SPackedCursor &c, std::ptrdiff_t hazardFrom, const _FnBlock &block)
+			void _PerLaneWith(SPackedCursor &cursor, std::ptrdiff_t hazardFrom, const _FnBlock &block)
 			{
-				if (c.Remaining() >= hazardFrom)
+				if (cursor.Remaining() >= hazardFrom)
 					CHazards::CurrentThreadHazards().Increment(CHazards::Hazard_ScalarFallback);
+				SPackedCursor c = cursor;
 				while (c.HasBlock())
 				{
 					block(c);
 					c.NextBlock();
 				}
+				cursor = c;
 				_Tail<_Scalar>(c);
 			}
 
@@ -246,38 +250,21 @@ namespace Orvex
 				});
 			}
 
-			// Per-lane division and modulo four lanes at a time, through double precision:
-			// a double holds every 32-bit integer exactly, and for b != 0 the rounding error of
-			// a / b (at most |a / b| x 2^-53 <= 2^-22 / |b|) is below the distance from a
-			// non-integer quotient to the next integer (at least 1 / |b|), so truncating the
-			// double quotient gives the exact truncated quotient. The per-lane rules of
-			// ScalarOps come out exactly: b = 0 gives 0 (and x % 0 = x), b = -1 the wrapping
-			// negation (INT_MIN / -1 = INT_MIN, x % -1 = 0); both divide by 1 instead, so that
-			// no lane raises a divide-by-zero or an invalid conversion.
-			inline Float4 _QuotientsThroughDouble(const Float4 &a, const Float4 &b)
-			{
-				const __m128i zero = _mm_cmpeq_epi32(b.AsInt(), _mm_setzero_si128());
-				const __m128i minusOne = _mm_cmpeq_epi32(b.AsInt(), _mm_set1_epi32(-1));
-				const __m128i special = _mm_or_si128(zero, minusOne);
-				const __m128i divisor = _mm_or_si128(_mm_andnot_si128(special, b.AsInt()), _mm_and_si128(special, _mm_set1_epi32(1)));
-				const __m128i dividend = a.AsInt();
-				const __m128d low = _mm_div_pd(_mm_cvtepi32_pd(dividend), _mm_cvtepi32_pd(divisor));
-				const __m128d high = _mm_div_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(dividend, _MM_SHUFFLE(1, 0, 3, 2))), _mm_cvtepi32_pd(_mm_shuffle_epi32(divisor, _MM_SHUFFLE(1, 0, 3, 2))));
-				const __m128i q = _mm_unpacklo_epi64(_mm_cvttpd_epi32(low), _mm_cvttpd_epi32(high));	// a / 1 for the special lanes
-				const __m128i negated = _mm_sub_epi32(_mm_setzero_si128(), q);
-				return Float4(_mm_andnot_si128(zero, _mm_or_si128(_mm_andnot_si128(minusOne, q), _mm_and_si128(minusOne, negated))));
-			}
-
+			// Per-lane division and modulo, four lanes at a time through double precision
+			// (_QuotientsThroughDouble). 'hazardFrom': the call counts its hazard from that
+			// many integers (a wide kernel's rest counts none: the wide kernel counted it).
 			template <bool _Remainder>
-			void _PerLaneDivMod(SPackedCursor &c)
+			void _PerLaneDivMod(SPackedCursor &c, std::ptrdiff_t hazardFrom = kDivModHazardFrom)
 			{
 				constexpr s32 (*kScalar)(s32, s32) = _Remainder ? &ScalarOps::ModS32 : &ScalarOps::DivS32;
-				_PerLaneWith<kScalar>(c, kDivModHazardFrom, [](const SPackedCursor &k) {
+				_PerLaneWith<kScalar>(c, hazardFrom, [](const SPackedCursor &k) {
+					s32 *dst = k.m_Dst;
+					const s32 *src0 = k.m_Src0, *src1 = k.m_Src1;
 					for (int v = 0; v < 12; v += 4)
 					{
-						const Float4 a = Float4::LoadUnaligned(k.m_Src0 + v), b = Float4::LoadUnaligned(k.m_Src1 + v);
+						const Float4 a = Float4::LoadUnaligned(src0 + v), b = Float4::LoadUnaligned(src1 + v);
 						const Float4 q = _QuotientsThroughDouble(a, b);
-						(_Remainder ? a.SubInt32(q.MulLoInt32(b)) : q).StoreUnaligned(k.m_Dst + v);	// a - q b wraps as a % b
+						(_Remainder ? a.SubInt32(q.MulLoInt32(b)) : q).StoreUnaligned(dst + v);	// a - q b wraps as a % b
 					}
 				});
 			}
@@ -427,6 +414,18 @@ namespace Orvex
 			{
 				return ((op == _Ops ? (_ExecOperator<_Ops>(c, aligned), true) : false) || ...);
 			}
+		}
+
+		void FinishPerLaneDivMod(bool remainder, std::ptrdiff_t callInts, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)
+		{
+			if (callInts >= kDivModHazardFrom)
+				CHazards::CurrentThreadHazards().Increment(CHazards::Hazard_ScalarFallback);
+			SPackedCursor c = {dstPtr, dstStop, srcPtr0, stride0, srcPtr1, stride1};
+			constexpr std::ptrdiff_t kCounted = PTRDIFF_MAX;
+			if (remainder)
+				_PerLaneDivMod<true>(c, kCounted);
+			else
+				_PerLaneDivMod<false>(c, kCounted);
 		}
 
 		void _ExecIntOperatorPacked(SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)

@@ -1,7 +1,8 @@
 #pragma once
 // Every lane of a vector divided by one divisor (a uniform constant right operand), or
-// shifted by one count, without a hardware divide: the vector forms of the integer
-// kernels' block paths, written once for every vector width (Float4 in the SSE2 kernel,
+// shifted by one count, without a hardware divide, and every lane divided by its own
+// divisor through double precision: the vector forms of the integer kernels' division
+// and shift paths, written once for every vector width (Float4 in the SSE2 kernel,
 // the wide vectors in the wide kernels, cbvm_math_op_wide_int_kernels.h). Helpers that
 // are not templates have internal linkage: a unit compiled for a wide target must not
 // share its copy with the others.
@@ -16,6 +17,22 @@ namespace Orvex
 {
 	namespace MathOp
 	{
+		// Per-lane division through double precision (QuotientInt32ThroughDouble of the
+		// vector classes: exact for every pair with b != 0 that fits), with the per-lane
+		// rules of ScalarOps: b = 0 gives 0, and INT_MIN / -1 the wrapping INT_MIN, which is
+		// INT_MIN / 1. Those lanes divide by 1 (a zero divisor's result is then cleared),
+		// so that no lane raises a divide-by-zero or an invalid conversion; every other
+		// b = -1 lane divides as it is. The remainder is a - q b with the lane's own b,
+		// wrapping (x % 0 = x, x % -1 = 0).
+		template <typename _Vector>
+		static inline __attribute__((always_inline)) _Vector _QuotientsThroughDouble(const _Vector &a, const _Vector &b)
+		{
+			const _Vector zero = b.CmpEqInt32(_Vector::Zero());
+			const _Vector overflow = b.CmpEqInt32(_Vector::SplatInt(-1)) & a.CmpEqInt32(_Vector::SplatInt(s32(0x80000000u)));
+			const _Vector byOne = zero | overflow;
+			return a.QuotientInt32ThroughDouble(b.AndNot(byOne) | (byOne & _Vector::SplatInt(1))).AndNot(zero);
+		}
+
 		template <EShiftKind _Kind, bool _Prechecked, typename _Vector>
 		static inline __attribute__((always_inline)) _Vector _Shift(const _Vector &a, u32 bits)
 		{

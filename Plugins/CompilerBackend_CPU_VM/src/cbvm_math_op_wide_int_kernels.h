@@ -6,15 +6,17 @@
 //
 // A block is 3 x lanes integers (24 or 48): a multiple of 12, so a constant operand's
 // 12-integer block (Broadcast12) repeats in it, laid out once per call. The wide kernel
-// takes what the SSE2 kernel computes in vector blocks without a report or a hazard:
-// aligned pointers, no destination ahead inside a source stream (DestinationAheadInSource),
-// and the lanewise and unary operators, or division, modulo and shifts
-// by a uniform constant (a shift count at most 31; not a modulo by +-1, which the SSE2
-// kernel clears in one go). It runs whole wide blocks and hands what is left (fewer
-// integers than one wide block, from a whole 12-integer block on) to the SSE2 kernel,
-// which ends it as it ends any call; every other call goes to the SSE2 kernel whole, so
-// per-lane paths, hazards and reports are its own. The vector forms are the SSE2
-// kernel's (TIntLanes, cbvm_math_op_int_uniform.h), on every lane alike.
+// takes what the SSE2 kernel computes in vector blocks without a report: aligned
+// pointers, no destination ahead inside a source stream (DestinationAheadInSource), and
+// the lanewise and unary operators, division, modulo and shifts by a uniform constant (a
+// shift count at most 31; not a modulo by +-1, which the SSE2 kernel clears in one go),
+// and division and modulo by several divisors, per lane through double precision as the
+// SSE2 kernel divides them (its hazard counted once, by FinishPerLaneDivMod). It runs
+// whole wide blocks and hands what is left (fewer integers than one wide block, from a
+// whole 12-integer block on) to the SSE2 kernel, which ends it as it ends any call;
+// every other call (shifts by a stream among them) goes to the SSE2 kernel whole, so
+// those paths, hazards and reports are its own. The vector forms are the SSE2 kernel's
+// (TIntLanes, cbvm_math_op_int_uniform.h), on every lane alike.
 
 #include "cbvm_math_op_int_uniform.h"
 #include "cbvm_math_op_kernel_sets.h"
@@ -43,31 +45,43 @@ namespace Orvex
 			{
 				const std::ptrdiff_t ints = dstStop - dst;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
-				// Division, modulo and shifts by a stream go per lane: straight to SSE2.
-				const bool perLane = stride1 != 0 && u32(op) < SOp_MathOp::__MaxOps && kPerLaneByStream[op];
+				// Shifts by a stream go per lane: straight to SSE2.
+				const SOp_MathOp::EIntKernel kind = u32(op) < SOp_MathOp::__MaxOps ? kIntKernels[op] : SOp_MathOp::IntKernel_Lanes;
+				const bool perLaneShift = stride1 != 0 && kind == SOp_MathOp::IntKernel_Shift;
 				std::ptrdiff_t done = 0;
 				const std::size_t span = std::size_t(ints) * 4;
 				const bool ahead = (stride0 != 0 && DestinationAheadInSource(dst, src0, span)) || (stride1 != 0 && src1 != nullptr && DestinationAheadInSource(dst, src1, span));
-				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !perLane && !ahead)
+				const std::ptrdiff_t whole = ints / kBlockInts * kBlockInts;
+				auto rest = [&](std::ptrdiff_t from) { return std::make_pair(stride0 != 0 ? src0 + from : src0, stride1 != 0 && src1 != nullptr ? src1 + from : src1); };
+				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !perLaneShift && !ahead)
 				{
 					const SSources s(src0, stride0, src1, stride1);
-					done = _RunOperatorOf(u32(op), dst, ints / kBlockInts * kBlockInts, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
+					if ((kind == SOp_MathOp::IntKernel_Div || kind == SOp_MathOp::IntKernel_Mod) && src1 != nullptr && !s.UniformRight())
+					{
+						// Division and modulo by a stream or a constant of several divisors:
+						// per lane through double precision, the rest and the hazard SSE2's.
+						const bool remainder = kind == SOp_MathOp::IntKernel_Mod;
+						done = remainder ? _Blocks(dst, whole, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return a.SubInt32(_QuotientsThroughDouble(a, b).MulLoInt32(b)); })
+										 : _Blocks(dst, whole, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return _QuotientsThroughDouble(a, b); });
+						FinishPerLaneDivMod(remainder, ints, dst + done, dstStop, rest(done).first, stride0, rest(done).second, stride1);
+						return;
+					}
+					done = _RunOperatorOf(u32(op), dst, whole, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
 				}
 				if (done != ints)
-					g_IntKernelSse2(op, dst + done, dstStop, stride0 != 0 ? src0 + done : src0, stride0, stride1 != 0 && src1 != nullptr ? src1 + done : src1, stride1);
+					g_IntKernelSse2(op, dst + done, dstStop, rest(done).first, stride0, rest(done).second, stride1);
 			}
 
 		private:
-			// The operators that go per lane when their right operand is a stream, from the
-			// operator table at compile time (the table itself holds pointers to scalar
-			// functions: read here at run time, it would make this unit emit its own copies).
+			// Each operator's integer kernel kind, from the operator table at compile time (the
+			// table itself holds pointers to scalar functions: read here at run time, it
+			// would make this unit emit its own copies of them).
 			template <std::size_t... _Ops>
-			static constexpr std::array<bool, SOp_MathOp::__MaxOps> _PerLaneKinds(std::index_sequence<_Ops...>)
+			static constexpr std::array<SOp_MathOp::EIntKernel, SOp_MathOp::__MaxOps> _IntKernels(std::index_sequence<_Ops...>)
 			{
-				return {{(SOp_MathOp::kTraits[_Ops].m_IntKernel == SOp_MathOp::IntKernel_Div || SOp_MathOp::kTraits[_Ops].m_IntKernel == SOp_MathOp::IntKernel_Mod ||
-						  SOp_MathOp::kTraits[_Ops].m_IntKernel == SOp_MathOp::IntKernel_Shift)...}};
+				return {{SOp_MathOp::kTraits[_Ops].m_IntKernel...}};
 			}
-			static constexpr std::array<bool, SOp_MathOp::__MaxOps> kPerLaneByStream = _PerLaneKinds(std::make_index_sequence<SOp_MathOp::__MaxOps>());
+			static constexpr std::array<SOp_MathOp::EIntKernel, SOp_MathOp::__MaxOps> kIntKernels = _IntKernels(std::make_index_sequence<SOp_MathOp::__MaxOps>());
 
 			// A source: a stream, or a constant's 12-integer block laid out over one wide block.
 			struct SSource

@@ -98,6 +98,17 @@ namespace Orvex
 				const __m256i odd = _mm256_mul_epu32(_mm256_srli_epi64(AsInt(), 32), _mm256_srli_epi64(b.AsInt(), 32));
 				return Float8(_mm256_blend_epi32(even, odd, 0xAA));
 			}
+			// a / b per lane through double precision, truncated toward zero: every 32-bit
+			// integer is exact in a double, and the truncated double quotient is the integer
+			// quotient for every pair with b != 0 (not INT_MIN / -1, which does not fit).
+			OX_SIMD_INLINE Float8 QuotientInt32ThroughDouble(const Float8 &b) const
+			{
+				const __m256i x = AsInt(), y = b.AsInt();
+				const __m256d low = _mm256_div_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(x)), _mm256_cvtepi32_pd(_mm256_castsi256_si128(y)));
+				const __m256d high = _mm256_div_pd(_mm256_cvtepi32_pd(_mm256_extracti128_si256(x, 1)), _mm256_cvtepi32_pd(_mm256_extracti128_si256(y, 1)));
+				return Float8(_mm256_set_m128i(_mm256_cvttpd_epi32(high), _mm256_cvttpd_epi32(low)));
+			}
+
 			OX_SIMD_INLINE Float8 CmpEqInt32(const Float8 &b) const { return Float8(_mm256_cmpeq_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float8 CmpLtInt32(const Float8 &b) const { return Float8(_mm256_cmpgt_epi32(b.AsInt(), AsInt())); }
 			OX_SIMD_INLINE Float8 CmpGtInt32(const Float8 &b) const { return Float8(_mm256_cmpgt_epi32(AsInt(), b.AsInt())); }

@@ -100,6 +100,17 @@ namespace Orvex
 				const __m512i odd = _mm512_mul_epu32(_mm512_srli_epi64(AsInt(), 32), _mm512_srli_epi64(b.AsInt(), 32));
 				return Float16(_mm512_mask_blend_epi32(__mmask16(0xAAAA), even, odd));
 			}
+			// a / b per lane through double precision, truncated toward zero: every 32-bit
+			// integer is exact in a double, and the truncated double quotient is the integer
+			// quotient for every pair with b != 0 (not INT_MIN / -1, which does not fit).
+			OX_SIMD_INLINE Float16 QuotientInt32ThroughDouble(const Float16 &b) const
+			{
+				const __m512i x = AsInt(), y = b.AsInt();
+				const __m512d low = _mm512_div_pd(_mm512_cvtepi32_pd(_mm512_castsi512_si256(x)), _mm512_cvtepi32_pd(_mm512_castsi512_si256(y)));
+				const __m512d high = _mm512_div_pd(_mm512_cvtepi32_pd(_mm512_extracti64x4_epi64(x, 1)), _mm512_cvtepi32_pd(_mm512_extracti64x4_epi64(y, 1)));
+				return Float16(_mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvttpd_epi32(low)), _mm512_cvttpd_epi32(high), 1));
+			}
+
 			OX_SIMD_INLINE Float16 CmpEqInt32(const Float16 &b) const { return _Lanes(_mm512_cmpeq_epi32_mask(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float16 CmpLtInt32(const Float16 &b) const { return _Lanes(_mm512_cmplt_epi32_mask(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float16 CmpGtInt32(const Float16 &b) const { return _Lanes(_mm512_cmpgt_epi32_mask(AsInt(), b.AsInt())); }

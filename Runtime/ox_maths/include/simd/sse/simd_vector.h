@@ -312,6 +312,17 @@ namespace Orvex
 				return Float4(_mm_unpacklo_epi32(evenHi, oddHi));	// h0 h1 h2 h3
 			}
 
+			// a / b per lane through double precision, truncated toward zero: every 32-bit
+			// integer is exact in a double, and the truncated double quotient is the integer
+			// quotient for every pair with b != 0 (not INT_MIN / -1, which does not fit).
+			OX_SIMD_INLINE Float4 QuotientInt32ThroughDouble(const Float4 &b) const
+			{
+				const __m128i x = AsInt(), y = b.AsInt();
+				const __m128d low = _mm_div_pd(_mm_cvtepi32_pd(x), _mm_cvtepi32_pd(y));
+				const __m128d high = _mm_div_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(x, _MM_SHUFFLE(1, 0, 3, 2))), _mm_cvtepi32_pd(_mm_shuffle_epi32(y, _MM_SHUFFLE(1, 0, 3, 2))));
+				return Float4(_mm_unpacklo_epi64(_mm_cvttpd_epi32(low), _mm_cvttpd_epi32(high)));
+			}
+
 			OX_SIMD_INLINE Float4 CmpEqInt32(const Float4 &b) const { return Float4(_mm_cmpeq_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float4 CmpLtInt32(const Float4 &b) const { return Float4(_mm_cmplt_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float4 CmpGtInt32(const Float4 &b) const { return Float4(_mm_cmpgt_epi32(AsInt(), b.AsInt())); }
