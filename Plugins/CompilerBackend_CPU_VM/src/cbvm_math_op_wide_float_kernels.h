@@ -76,9 +76,7 @@ namespace Orvex
 						_Period(b, c);
 						for (int k = 0; k < kVectors; ++k)
 							r[k] = _Vector(1.0f) / c[k];
-						for (std::size_t i = 0; i < floats; i += kPeriod)
-							for (int k = 0; k < kVectors; ++k)
-								(truncFrac(_Vector::Load(a + i + k * kLanes) * r[k]) * c[k]).Store(d + i + k * kLanes);
+						_Periods(d, floats, [&](std::size_t i, int k) OX_KERNEL_LAMBDA { return truncFrac(_Vector::Load(a + i) * r[k]) * c[k]; });
 					}
 					else
 						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) OX_KERNEL_LAMBDA { return truncFrac(c / y) * y; });	// a constant dividend
@@ -96,8 +94,7 @@ namespace Orvex
 				}
 				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src0, stride0, [](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_KERNEL_LAMBDA {
 					const _Vector signs = _Vector::SplatInt(s32(0x80000000u));
-					for (std::size_t i = 0; i < floats; i += kLanes)
-						(_Vector::Load(a + i) ^ signs).Store(d + i);
+					_Periods(d, floats, [&](std::size_t i, int) OX_KERNEL_LAMBDA { return _Vector::Load(a + i) ^ signs; });
 				}, /*unary*/ true);
 			}
 
@@ -131,12 +128,37 @@ namespace Orvex
 					sse2(d + floats, dstStride, count - whole, packed0 ? a + floats : a, stride0, unary ? nullptr : packed1 ? b + floats : b, stride1);
 			}
 
-			// d = op(a, b) over two streams, one vector at a time.
+			// The loop of every wide kernel: vector k of the period at float i is at(i + k *
+			// lanes, k), stored to d there, over whole periods. Four vectors per iteration when
+			// a period is one vector (a three-vector period as it is), all computed before the
+			// first store; then one period at a time. (Reading ahead is safe: no destination
+			// here lies ahead inside a source, see _Widened.)
+			template <typename _FnAt>
+			static __attribute__((always_inline)) void _Periods(float *d, std::size_t floats, const _FnAt &at)
+			{
+				constexpr int kUnroll = kVectors == 1 ? 4 : 1;
+				std::size_t i = 0;
+				for (; i + kUnroll * kPeriod <= floats; i += kUnroll * kPeriod)
+				{
+					_Vector v[kUnroll * kVectors];
+#pragma GCC unroll 4
+					for (int j = 0; j < kUnroll * kVectors; ++j)
+						v[j] = at(i + std::size_t(j) * kLanes, j % kVectors);
+#pragma GCC unroll 4
+					for (int j = 0; j < kUnroll * kVectors; ++j)
+						v[j].Store(d + i + std::size_t(j) * kLanes);
+				}
+				for (; i < floats; i += kPeriod)
+#pragma GCC unroll 3
+					for (int k = 0; k < kVectors; ++k)
+						at(i + std::size_t(k) * kLanes, k).Store(d + i + std::size_t(k) * kLanes);
+			}
+
+			// d = op(a, b) over two streams.
 			template <typename _FnOp>
 			static __attribute__((always_inline)) void _StreamLoop(float *d, const float *a, const float *b, std::size_t floats, const _FnOp &op)
 			{
-				for (std::size_t i = 0; i < floats; i += kLanes)
-					op(_Vector::Load(a + i), _Vector::Load(b + i)).Store(d + i);
+				_Periods(d, floats, [&](std::size_t i, int) OX_KERNEL_LAMBDA { return op(_Vector::Load(a + i), _Vector::Load(b + i)); });
 			}
 
 			// A constant element laid out over one period, as kVectors vectors: the element
@@ -165,9 +187,7 @@ namespace Orvex
 			{
 				_Vector c[kVectors];
 				_Period(constant, c);
-				for (std::size_t i = 0; i < floats; i += kPeriod)
-					for (int k = 0; k < kVectors; ++k)
-						op(_Vector::Load(s + i + k * kLanes), c[k]).Store(d + i + k * kLanes);
+				_Periods(d, floats, [&](std::size_t i, int k) OX_KERNEL_LAMBDA { return op(_Vector::Load(s + i), c[k]); });
 			}
 		};
 
