@@ -416,16 +416,39 @@ namespace Orvex
 			}
 		}
 
-		void FinishPerLaneDivMod(bool remainder, std::ptrdiff_t callInts, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)
+		namespace
 		{
-			if (callInts >= kDivModHazardFrom)
-				CHazards::CurrentThreadHazards().Increment(CHazards::Hazard_ScalarFallback);
+			// The per-lane end of one operator after a wide kernel's blocks: its hazard as its
+			// kernel counts it for the whole call, then its per-lane path, uncounted.
+			template <u32 _Op>
+			void _FinishPerLane(std::ptrdiff_t callInts, SPackedCursor &c)
+			{
+				constexpr std::ptrdiff_t kCounted = PTRDIFF_MAX;
+				constexpr SOp_MathOp::EIntKernel kKind = SOp_MathOp::kTraits[_Op].m_IntKernel;
+				if constexpr (kKind == SOp_MathOp::IntKernel_Div || kKind == SOp_MathOp::IntKernel_Mod || kKind == SOp_MathOp::IntKernel_Shift)
+				{
+					if (callInts >= (kKind == SOp_MathOp::IntKernel_Shift ? kShiftHazardFrom : kDivModHazardFrom))
+						CHazards::CurrentThreadHazards().Increment(CHazards::Hazard_ScalarFallback);
+					if constexpr (kKind == SOp_MathOp::IntKernel_Shift)
+						_PerLane<SOp_MathOp::kTraits[_Op].m_IntRule>(c, kCounted);
+					else
+						_PerLaneDivMod<kKind == SOp_MathOp::IntKernel_Mod>(c, kCounted);
+				}
+				else
+					OX_ASSERT_NOT_REACHED();	// no per-lane path: no wide kernel finishes one
+			}
+
+			template <std::size_t... _Ops>
+			void _FinishPerLaneOf(u32 op, std::ptrdiff_t callInts, SPackedCursor &c, std::index_sequence<_Ops...>)
+			{
+				(void)((op == _Ops ? (_FinishPerLane<_Ops>(callInts, c), true) : false) || ...);
+			}
+		}
+
+		void FinishPerLane(SOp_MathOp::EOp op, std::ptrdiff_t callInts, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)
+		{
 			SPackedCursor c = {dstPtr, dstStop, srcPtr0, stride0, srcPtr1, stride1};
-			constexpr std::ptrdiff_t kCounted = PTRDIFF_MAX;
-			if (remainder)
-				_PerLaneDivMod<true>(c, kCounted);
-			else
-				_PerLaneDivMod<false>(c, kCounted);
+			_FinishPerLaneOf(u32(op), callInts, c, std::make_index_sequence<SOp_MathOp::__MaxOps>());
 		}
 
 		void _ExecIntOperatorPacked(SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1)

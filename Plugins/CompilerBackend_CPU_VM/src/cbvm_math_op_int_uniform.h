@@ -33,6 +33,20 @@ namespace Orvex
 			return a.QuotientInt32ThroughDouble(b.AndNot(byOne) | (byOne & _Vector::SplatInt(1))).AndNot(zero);
 		}
 
+		// Each lane shifted by its own count's low five bits (ScalarOps' per-lane shifts).
+		// Wide vectors only: SSE2 has no per-lane shift.
+		template <EShiftKind _Kind, typename _Vector>
+		static inline __attribute__((always_inline)) _Vector _ShiftByLanes(const _Vector &a, const _Vector &counts)
+		{
+			const _Vector bits = counts & _Vector::SplatInt(31);
+			if constexpr (_Kind == Shift_Left)
+				return a.ShiftLeftInt32ByLanes(bits);
+			else if constexpr (_Kind == Shift_RightArith)
+				return a.ShiftRightArithInt32ByLanes(bits);
+			else
+				return a.ShiftRightLogicalInt32ByLanes(bits);
+		}
+
 		template <EShiftKind _Kind, bool _Prechecked, typename _Vector>
 		static inline __attribute__((always_inline)) _Vector _Shift(const _Vector &a, u32 bits)
 		{

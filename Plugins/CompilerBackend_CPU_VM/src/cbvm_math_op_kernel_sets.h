@@ -60,12 +60,12 @@ namespace Orvex
 		extern const FnIntPacked g_IntKernelAvx2;
 		extern const FnIntPacked g_IntKernelAvx512;
 		extern std::atomic<FnIntPacked> g_ActiveIntKernel;
-		// The end of a per-lane division or modulo whose whole blocks a wide kernel
+		// The end of a per-lane division, modulo or shift whose whole blocks a wide kernel
 		// computed: counts the call's hazard as the SSE2 kernel counts it for 'callInts'
 		// integers, then runs the SSE2 kernel's per-lane path over [dstPtr, dstStop)
 		// without counting again. (Defined with the SSE2 kernel, so the hazard counter's
 		// code is never compiled for a wide target.)
-		void FinishPerLaneDivMod(bool remainder, std::ptrdiff_t callInts, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
+		void FinishPerLane(Compiler::IR::SOp_MathOp::EOp op, std::ptrdiff_t callInts, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
 		// Below this many integers the active set has no whole block: the selector calls
 		// the SSE2 kernel directly, which spares small calls a hop (0 for SSE2).
 		extern std::atomic<u32> g_ActiveIntMinInts;

@@ -6,17 +6,18 @@
 //
 // A block is 3 x lanes integers (24 or 48): a multiple of 12, so a constant operand's
 // 12-integer block (Broadcast12) repeats in it, laid out once per call. The wide kernel
-// takes what the SSE2 kernel computes in vector blocks without a report: aligned
-// pointers, no destination ahead inside a source stream (DestinationAheadInSource), and
-// the lanewise and unary operators, division, modulo and shifts by a uniform constant (a
-// shift count at most 31; not a modulo by +-1, which the SSE2 kernel clears in one go),
-// and division and modulo by several divisors, per lane through double precision as the
-// SSE2 kernel divides them (its hazard counted once, by FinishPerLaneDivMod). It runs
-// whole wide blocks and hands what is left (fewer integers than one wide block, from a
-// whole 12-integer block on) to the SSE2 kernel, which ends it as it ends any call;
-// every other call (shifts by a stream among them) goes to the SSE2 kernel whole, so
-// those paths, hazards and reports are its own. The vector forms are the SSE2 kernel's
-// (TIntLanes, cbvm_math_op_int_uniform.h), on every lane alike.
+// takes what the SSE2 kernel computes without a report: aligned pointers, no destination
+// ahead inside a source stream (DestinationAheadInSource), and the lanewise and unary
+// operators, division, modulo and shifts by a uniform constant (a shift count at most
+// 31; not a modulo by +-1, which the SSE2 kernel clears in one go), and division,
+// modulo and shifts by a stream or a constant of unequal lanes, per lane (division
+// through double precision as the SSE2 kernel divides, shifts by each lane's count as
+// the scalar rules shift; the hazard counted once, by FinishPerLane). It runs whole
+// wide blocks and hands what is left (fewer integers than one wide block, from a whole
+// 12-integer block on) to the SSE2 kernel, which ends it as it ends any call; every
+// other call goes to the SSE2 kernel whole, so those paths, hazards and reports are its
+// own. The vector forms are the SSE2 kernel's where it has them (TIntLanes,
+// cbvm_math_op_int_uniform.h), on every lane alike.
 
 #include "cbvm_math_op_int_uniform.h"
 #include "cbvm_math_op_kernel_sets.h"
@@ -45,25 +46,22 @@ namespace Orvex
 			{
 				const std::ptrdiff_t ints = dstStop - dst;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
-				// Shifts by a stream go per lane: straight to SSE2.
 				const SOp_MathOp::EIntKernel kind = u32(op) < SOp_MathOp::__MaxOps ? kIntKernels[op] : SOp_MathOp::IntKernel_Lanes;
-				const bool perLaneShift = stride1 != 0 && kind == SOp_MathOp::IntKernel_Shift;
 				std::ptrdiff_t done = 0;
 				const std::size_t span = std::size_t(ints) * 4;
 				const bool ahead = (stride0 != 0 && DestinationAheadInSource(dst, src0, span)) || (stride1 != 0 && src1 != nullptr && DestinationAheadInSource(dst, src1, span));
 				const std::ptrdiff_t whole = ints / kBlockInts * kBlockInts;
 				auto rest = [&](std::ptrdiff_t from) { return std::make_pair(stride0 != 0 ? src0 + from : src0, stride1 != 0 && src1 != nullptr ? src1 + from : src1); };
-				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !perLaneShift && !ahead)
+				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !ahead)
 				{
 					const SSources s(src0, stride0, src1, stride1);
-					if ((kind == SOp_MathOp::IntKernel_Div || kind == SOp_MathOp::IntKernel_Mod) && src1 != nullptr && !s.UniformRight())
+					const bool perLaneKind = kind == SOp_MathOp::IntKernel_Div || kind == SOp_MathOp::IntKernel_Mod || kind == SOp_MathOp::IntKernel_Shift;
+					if (perLaneKind && src1 != nullptr && !s.UniformRight())
 					{
-						// Division and modulo by a stream or a constant of several divisors:
-						// per lane through double precision, the rest and the hazard SSE2's.
-						const bool remainder = kind == SOp_MathOp::IntKernel_Mod;
-						done = remainder ? _Blocks(dst, whole, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return a.SubInt32(_QuotientsThroughDouble(a, b).MulLoInt32(b)); })
-										 : _Blocks(dst, whole, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return _QuotientsThroughDouble(a, b); });
-						FinishPerLaneDivMod(remainder, ints, dst + done, dstStop, rest(done).first, stride0, rest(done).second, stride1);
+						// A stream or a constant of several divisors or counts: per lane, the rest
+						// and the hazard the SSE2 kernel's (FinishPerLane).
+						done = _PerLaneOf(u32(op), dst, whole, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
+						FinishPerLane(op, ints, dst + done, dstStop, rest(done).first, stride0, rest(done).second, stride1);
 						return;
 					}
 					done = _RunOperatorOf(u32(op), dst, whole, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
@@ -196,6 +194,31 @@ namespace Orvex
 						return 0;	// the SSE2 kernel: per lane, or a count it reports
 					return _Blocks(dst, ints, s, [bits](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _Shift<TIntLanes<_Op>::kShift, true>(a, bits); });
 				}
+			}
+
+			// The per-lane forms: division and modulo through double precision (as the SSE2
+			// kernel divides), shifts by each lane's own count (its low five bits, as the
+			// scalar rules shift; SSE2 has no such shift and goes lane by lane).
+			template <u32 _Op>
+			static __attribute__((always_inline)) std::ptrdiff_t _PerLane(s32 *dst, std::ptrdiff_t ints, const SSources &s)
+			{
+				constexpr SOp_MathOp::EIntKernel kKind = SOp_MathOp::kTraits[_Op].m_IntKernel;
+				if constexpr (kKind == SOp_MathOp::IntKernel_Div)
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return _QuotientsThroughDouble(a, b); });
+				else if constexpr (kKind == SOp_MathOp::IntKernel_Mod)
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return a.SubInt32(_QuotientsThroughDouble(a, b).MulLoInt32(b)); });
+				else if constexpr (kKind == SOp_MathOp::IntKernel_Shift)
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return _ShiftByLanes<TIntLanes<_Op>::kShift>(a, b); });
+				else
+					return 0;
+			}
+
+			template <std::size_t... _Ops>
+			static __attribute__((always_inline)) std::ptrdiff_t _PerLaneOf(u32 op, s32 *dst, std::ptrdiff_t ints, const SSources &s, std::index_sequence<_Ops...>)
+			{
+				std::ptrdiff_t done = 0;
+				(void)((op == _Ops ? (done = _PerLane<_Ops>(dst, ints, s), true) : false) || ...);
+				return done;
 			}
 
 			template <std::size_t... _Ops>

@@ -109,6 +109,11 @@ namespace Orvex
 				return Float8(_mm256_set_m128i(_mm256_cvttpd_epi32(high), _mm256_cvttpd_epi32(low)));
 			}
 
+			// Each lane shifted by its own count, 0 to 31 (the caller masks the counts).
+			OX_SIMD_INLINE Float8 ShiftLeftInt32ByLanes(const Float8 &counts) const { return Float8(_mm256_sllv_epi32(AsInt(), counts.AsInt())); }
+			OX_SIMD_INLINE Float8 ShiftRightArithInt32ByLanes(const Float8 &counts) const { return Float8(_mm256_srav_epi32(AsInt(), counts.AsInt())); }
+			OX_SIMD_INLINE Float8 ShiftRightLogicalInt32ByLanes(const Float8 &counts) const { return Float8(_mm256_srlv_epi32(AsInt(), counts.AsInt())); }
+
 			OX_SIMD_INLINE Float8 CmpEqInt32(const Float8 &b) const { return Float8(_mm256_cmpeq_epi32(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float8 CmpLtInt32(const Float8 &b) const { return Float8(_mm256_cmpgt_epi32(b.AsInt(), AsInt())); }
 			OX_SIMD_INLINE Float8 CmpGtInt32(const Float8 &b) const { return Float8(_mm256_cmpgt_epi32(AsInt(), b.AsInt())); }

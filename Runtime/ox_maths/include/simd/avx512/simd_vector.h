@@ -111,6 +111,11 @@ namespace Orvex
 				return Float16(_mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvttpd_epi32(low)), _mm512_cvttpd_epi32(high), 1));
 			}
 
+			// Each lane shifted by its own count, 0 to 31 (the caller masks the counts).
+			OX_SIMD_INLINE Float16 ShiftLeftInt32ByLanes(const Float16 &counts) const { return Float16(_mm512_sllv_epi32(AsInt(), counts.AsInt())); }
+			OX_SIMD_INLINE Float16 ShiftRightArithInt32ByLanes(const Float16 &counts) const { return Float16(_mm512_srav_epi32(AsInt(), counts.AsInt())); }
+			OX_SIMD_INLINE Float16 ShiftRightLogicalInt32ByLanes(const Float16 &counts) const { return Float16(_mm512_srlv_epi32(AsInt(), counts.AsInt())); }
+
 			OX_SIMD_INLINE Float16 CmpEqInt32(const Float16 &b) const { return _Lanes(_mm512_cmpeq_epi32_mask(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float16 CmpLtInt32(const Float16 &b) const { return _Lanes(_mm512_cmplt_epi32_mask(AsInt(), b.AsInt())); }
 			OX_SIMD_INLINE Float16 CmpGtInt32(const Float16 &b) const { return _Lanes(_mm512_cmpgt_epi32_mask(AsInt(), b.AsInt())); }
