@@ -26,7 +26,9 @@ namespace Orvex
 	class CRegisterStorage : public CNonCopyable
 	{
 	public:
-		static constexpr u32 kAlignment = 32;
+		// A cache line: a 64-byte vector of the AVX-512 kernels never straddles two lines
+		// (the instruction checks ask for 32).
+		static constexpr u32 kAlignment = 64;
 		static constexpr u32 kPadding = 32;
 
 		CRegisterStorage() = default;
