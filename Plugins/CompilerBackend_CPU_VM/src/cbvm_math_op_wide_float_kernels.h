@@ -126,35 +126,45 @@ namespace Orvex
 				const bool packed0 = stride0 == kElementBytes, packed1 = stride1 == kElementBytes;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
 				const std::size_t span = std::size_t(count) * kElementBytes;
-				// The destination 16-byte aligned, as the register file promises: from 64 wide
-				// vectors on, the SSE2 kernel takes the first elements up to the wide vector's
-				// width (a wide access across it splits cache lines: 1.3-1.5x slower inside
-				// the level-1 cache), a whole number of its own vectors, so its loop ends them as
-				// it ends any call. Below that, its extra call costs more than the splits
-				// (measured with AVX2: 19 against 25 ns at 256 floats, even at 512).
-				const u32 peel = std::size_t(count) * _Dimension < 64 * kLanes ? 0 : kPeelBy16[(reinterpret_cast<std::uintptr_t>(dst) & (kVectorBytes - 1)) / 16];
-				if (count < peel + kPeriodElements || dstStride != kElementBytes || !(packed0 || packed1) || (any & 15) != 0 || src0 == nullptr || src1 == nullptr ||
+				if (count < kPeriodElements || dstStride != kElementBytes || !(packed0 || packed1) || (any & 15) != 0 || src0 == nullptr || src1 == nullptr ||
 					(packed0 && DestinationAheadInSource(dst, src0, span)) || (packed1 && DestinationAheadInSource(dst, src1, span)))
 				{
 					sse2(dst, dstStride, count, src0, stride0, unary ? nullptr : src1, stride1);
 					return;
 				}
-				float *d = static_cast<float *>(dst);
-				const float *a = static_cast<const float *>(src0);
-				const float *b = static_cast<const float *>(src1);
-				if (peel != 0)
-				{
-					const std::size_t peeled = std::size_t(peel) * _Dimension;
-					sse2(d, dstStride, peel, a, stride0, unary ? nullptr : b, stride1);
-					d += peeled;
-					a += packed0 ? peeled : 0;
-					b += packed1 ? peeled : 0;
-				}
-				const u32 left = count - peel, whole = left / kPeriodElements * kPeriodElements;
+				if (std::size_t(count) * _Dimension >= 64 * kLanes && (reinterpret_cast<std::uintptr_t>(dst) & (kVectorBytes - 1)) != 0)
+					_Peeled<_Slot>(static_cast<float *>(dst), count, static_cast<const float *>(src0), stride0, static_cast<const float *>(src1), stride1, loop, unary);
+				else
+					_Run<_Slot>(static_cast<float *>(dst), count, static_cast<const float *>(src0), stride0, static_cast<const float *>(src1), stride1, loop, unary);
+			}
+
+			// Whole periods of 'count' elements with 'loop', the rest to the SSE2 kernel (with
+			// the call's own strides: a source that is not packed is the constant).
+			template <u32 _Slot, typename _FnLoop>
+			static __attribute__((always_inline)) void _Run(float *d, u32 count, const float *a, u32 stride0, const float *b, u32 stride1, const _FnLoop &loop, bool unary)
+			{
+				const bool packed0 = stride0 == kElementBytes, packed1 = stride1 == kElementBytes;
+				const u32 whole = count / kPeriodElements * kPeriodElements;
 				const std::size_t floats = std::size_t(whole) * _Dimension;
 				loop(d, a, b, floats, packed0, packed1);
-				if (whole != left)
-					sse2(d + floats, dstStride, left - whole, packed0 ? a + floats : a, stride0, unary ? nullptr : packed1 ? b + floats : b, stride1);
+				if (whole != count)
+					g_FloatKernelsSse2[_Slot](d + floats, kElementBytes, count - whole, packed0 ? a + floats : a, stride0, unary ? nullptr : packed1 ? b + floats : b, stride1);
+			}
+
+			// A long call whose destination is off the vector width (16-byte aligned, as the
+			// register file promises): the SSE2 kernel takes the first elements, a whole
+			// number of its own vectors up to the width, so that no wide access splits a
+			// cache line (1.3-1.5x slower inside the level-1 cache). Out of line, and only
+			// from 64 wide vectors on: shorter calls lose more to the extra call than to the
+			// splits (AVX2, 256 floats: 19 against 25 ns).
+			template <u32 _Slot, typename _FnLoop>
+			static __attribute__((noinline)) void _Peeled(float *d, u32 count, const float *a, u32 stride0, const float *b, u32 stride1, const _FnLoop &loop, bool unary)
+			{
+				const bool packed0 = stride0 == kElementBytes, packed1 = stride1 == kElementBytes;
+				const u32 peel = kPeelBy16[(reinterpret_cast<std::uintptr_t>(d) & (kVectorBytes - 1)) / 16];
+				const std::size_t peeled = std::size_t(peel) * _Dimension;
+				g_FloatKernelsSse2[_Slot](d, kElementBytes, peel, a, stride0, unary ? nullptr : b, stride1);
+				_Run<_Slot>(d + peeled, count - peel, packed0 ? a + peeled : a, stride0, packed1 ? b + peeled : b, stride1, loop, unary);
 			}
 
 			// The loop of every wide kernel: vector k of the period at float i is at(i + k *
