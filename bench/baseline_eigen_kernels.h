@@ -87,16 +87,7 @@ namespace OxBench
 		{
 			SBaselineSet set;
 			set.m_Name = OX_BENCH_EIGEN_NAME;
-			set.m_W1 = &W1;
-			set.m_W2 = &W2;
-			set.m_W3 = &W3;
-			set.m_W4 = &W4;
-			set.m_W5 = &W5;
-			set.m_W6 = &W6;
-			set.m_W7 = &W7;
-			set.m_W8 = &W8;
-			set.m_W9 = &W9;
-			set.m_W10 = &W10;
+			OX_BENCH_FILL_W1_TO_W10(set);
 			return set;
 		}
 	}

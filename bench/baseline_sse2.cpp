@@ -317,16 +317,7 @@ namespace OxBench
 	const SBaselineSet kBaselineSSE2 = [] {
 		SBaselineSet set;
 		set.m_Name = "sse2";
-		set.m_W1 = &W1;
-		set.m_W2 = &W2;
-		set.m_W3 = &W3;
-		set.m_W4 = &W4;
-		set.m_W5 = &W5;
-		set.m_W6 = &W6;
-		set.m_W7 = &W7;
-		set.m_W8 = &W8;
-		set.m_W9 = &W9;
-		set.m_W10 = &W10;
+		OX_BENCH_FILL_W1_TO_W10(set);
 		set.m_W12 = &W12;
 		return set;
 	}();

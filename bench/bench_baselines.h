@@ -64,6 +64,12 @@ namespace OxBench
 		void (*m_W12)(const SParticleStreams &s, const SParticleConstants &c, std::size_t n) = nullptr;
 	};
 
+	// Fills W1 to W10 of 'set' with the functions of those names in the current scope: each
+	// baseline file defines them in its own namespace.
+#define OX_BENCH_FILL_W1_TO_W10(set)                                                                  \
+	((set).m_W1 = &W1, (set).m_W2 = &W2, (set).m_W3 = &W3, (set).m_W4 = &W4, (set).m_W5 = &W5,     \
+	 (set).m_W6 = &W6, (set).m_W7 = &W7, (set).m_W8 = &W8, (set).m_W9 = &W9, (set).m_W10 = &W10)
+
 	// The plain loops of baseline_loops.h, built twice: without the vectoriser and at -O3.
 	extern const SBaselineSet kBaselineScalar;
 	extern const SBaselineSet kBaselineAutoVec;
