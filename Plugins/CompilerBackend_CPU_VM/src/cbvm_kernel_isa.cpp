@@ -15,10 +15,8 @@ namespace Orvex
 	namespace MathOp
 	{
 		const FloatKernelTable g_FloatKernelsSse2 = _FnMathOpLookup;
-		std::atomic<const FloatKernelTable *> g_ActiveFloatKernels{&g_FloatKernelsSse2};
 		const FnIntPacked g_IntKernelSse2 = &_ExecIntOperatorPacked;
-		std::atomic<FnIntPacked> g_ActiveIntKernel{&_ExecIntOperatorPacked};
-		std::atomic<u32> g_ActiveIntMinInts{0};
+		std::atomic<const SKernelSet *> g_ActiveKernelSet{nullptr};
 	}
 
 	namespace CBVM
@@ -68,36 +66,38 @@ namespace Orvex
 				return table;
 			}
 
-			const MathOp::FloatKernelTable *FloatTableOf(EKernelIsa isa)
+			// The rows, made on first use (a wide set's table merges in SSE2's kernels).
+			const MathOp::SKernelSet &RowOf(EKernelIsa isa)
 			{
 				static const MathOp::FloatKernelTable s_Avx2 = Merged(MathOp::g_FloatKernelsAvx2);
 				static const MathOp::FloatKernelTable s_Avx512 = Merged(MathOp::g_FloatKernelsAvx512);
-				return isa == KernelIsa_AVX512 ? &s_Avx512 : isa == KernelIsa_AVX2 ? &s_Avx2 : &MathOp::g_FloatKernelsSse2;
+				// The wide integer kernels' block: three vectors of 8 or 16 integers.
+				static const MathOp::SKernelSet s_Rows[] = {
+					{KernelIsa_SSE2, kIsaNames[KernelIsa_SSE2], &MathOp::g_FloatKernelsSse2, MathOp::g_IntKernelSse2, 0},
+					{KernelIsa_AVX2, kIsaNames[KernelIsa_AVX2], &s_Avx2, MathOp::g_IntKernelAvx2, 24},
+					{KernelIsa_AVX512, kIsaNames[KernelIsa_AVX512], &s_Avx512, MathOp::g_IntKernelAvx512, 48},
+				};
+				static_assert(sizeof(s_Rows) / sizeof(s_Rows[0]) == __MaxKernelIsas, "a row for every kernel set");
+				return s_Rows[isa];
 			}
 
-			std::atomic<u8> s_Active{KernelIsa_SSE2};
-
-			// The choice at start-up: the widest set, or OX_CBVM_ISA's.
-			struct SChooseAtStart
+			// The first choice: the widest set, or OX_CBVM_ISA's.
+			EKernelIsa FirstChoice()
 			{
-				SChooseAtStart()
+				EKernelIsa isa = Widest();
+				const char *asked = std::getenv("OX_CBVM_ISA");
+				if (asked != nullptr && asked[0] != '\0' && std::strcmp(asked, "auto") != 0)
 				{
-					EKernelIsa isa = Widest();
-					const char *asked = std::getenv("OX_CBVM_ISA");
-					if (asked != nullptr && asked[0] != '\0' && std::strcmp(asked, "auto") != 0)
-					{
-						EKernelIsa named = KernelIsa_SSE2;
-						if (!KernelIsaFromName(asked, named))
-							std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%.40s is not auto, sse2, avx2 or avx512: using %s\n", asked, KernelIsaName(isa));
-						else if (!KernelIsaSupported(named))
-							std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%s: this machine does not run it: using %s\n", asked, KernelIsaName(isa));
-						else
-							isa = named;
-					}
-					SetKernelIsa(isa);
+					EKernelIsa named = KernelIsa_SSE2;
+					if (!KernelIsaFromName(asked, named))
+						std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%.40s is not auto, sse2, avx2 or avx512: using %s\n", asked, KernelIsaName(isa));
+					else if (!KernelIsaSupported(named))
+						std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%s: this machine does not run it: using %s\n", asked, KernelIsaName(isa));
+					else
+						isa = named;
 				}
-			};
-			const SChooseAtStart s_ChooseAtStart;
+				return isa;
+			}
 		}
 
 		const char *KernelIsaName(EKernelIsa isa)
@@ -128,20 +128,32 @@ namespace Orvex
 
 		EKernelIsa ActiveKernelIsa()
 		{
-			return EKernelIsa(s_Active.load(std::memory_order_relaxed));
+			return MathOp::ActiveKernelSet().m_Isa;
 		}
 
 		bool SetKernelIsa(EKernelIsa isa)
 		{
 			if (!KernelIsaSupported(isa))
 				return false;
-			MathOp::g_ActiveFloatKernels.store(FloatTableOf(isa), std::memory_order_relaxed);
-			MathOp::g_ActiveIntKernel.store(isa == KernelIsa_AVX512 ? MathOp::g_IntKernelAvx512 : isa == KernelIsa_AVX2 ? MathOp::g_IntKernelAvx2 : MathOp::g_IntKernelSse2,
-											std::memory_order_relaxed);
-			// Three vectors of 16, 8 or 4 integers: the wide kernels' block.
-			MathOp::g_ActiveIntMinInts.store(isa == KernelIsa_AVX512 ? 48u : isa == KernelIsa_AVX2 ? 24u : 0u, std::memory_order_relaxed);
-			s_Active.store(isa, std::memory_order_relaxed);
+			MathOp::g_ActiveKernelSet.store(&RowOf(isa), std::memory_order_relaxed);
 			return true;
+		}
+	}
+}
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		// Two threads may both get here first: each stores the same row (or a set that
+		// SetKernelIsa stored meanwhile wins, as a later SetKernelIsa would).
+		const SKernelSet &_ChooseKernelSetAtFirstUse()
+		{
+			const SKernelSet *expected = nullptr;
+			const SKernelSet *chosen = &CBVM::RowOf(CBVM::FirstChoice());
+			if (!g_ActiveKernelSet.compare_exchange_strong(expected, chosen, std::memory_order_relaxed))
+				return *expected;
+			return *chosen;
 		}
 	}
 }

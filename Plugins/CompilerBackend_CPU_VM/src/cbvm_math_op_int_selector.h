@@ -84,8 +84,8 @@ namespace Orvex
 			const s32 *dstStop = dst + std::size_t(count) * _Dimension;
 			// The active kernel set's block kernel (cbvm_kernel_isa.h), or SSE2's for fewer
 			// integers than the set's block.
-			const FnIntPacked kernel = std::size_t(count) * _Dimension >= g_ActiveIntMinInts.load(std::memory_order_relaxed) ? g_ActiveIntKernel.load(std::memory_order_relaxed)
-																															   : &_ExecIntOperatorPacked;
+			const SKernelSet &set = ActiveKernelSet();
+			const FnIntPacked kernel = std::size_t(count) * _Dimension >= set.m_IntMinInts ? set.m_Int : &_ExecIntOperatorPacked;
 			kernel(op, dst, dstStop, static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1), stride1 != 0 ? 48u : 0u);
 		}
 	}

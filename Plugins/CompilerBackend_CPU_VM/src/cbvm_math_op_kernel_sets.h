@@ -5,6 +5,7 @@
 // (an inline function compiled there could be the copy the linker keeps for every
 // unit, and fault on a processor without that set).
 
+#include "cbvm_kernel_isa.h"
 #include "cp_ir_details.h"
 
 #include <array>
@@ -49,25 +50,54 @@ namespace Orvex
 		extern const FloatKernelTable g_FloatKernelsAvx2;
 		extern const FloatKernelTable g_FloatKernelsAvx512;
 
-		// The table the standard path's float selector looks kernels up in: the active
-		// set's kernels, SSE2's where it has none.
-		extern std::atomic<const FloatKernelTable *> g_ActiveFloatKernels;
-
 		// The integer block kernel of each set (cbvm_math_op_int_selector.h describes its
-		// arguments) and the one the integer selector calls.
+		// arguments).
 		using FnIntPacked = void (*)(Compiler::IR::SOp_MathOp::EOp op, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
 		extern const FnIntPacked g_IntKernelSse2;
 		extern const FnIntPacked g_IntKernelAvx2;
 		extern const FnIntPacked g_IntKernelAvx512;
-		extern std::atomic<FnIntPacked> g_ActiveIntKernel;
+
+		// One kernel set: everything the standard path's selectors (and a prepared
+		// program) look up, in one row, so that a change of set is one pointer store and a
+		// call never mixes one set's float kernels with another's integer kernel.
+		struct SKernelSet
+		{
+			CBVM::EKernelIsa m_Isa;
+			const char *m_Name;				// "sse2", "avx2", "avx512"
+			const FloatKernelTable *m_Float;	// the set's kernels, SSE2's where it has none
+			FnIntPacked m_Int;				// the set's integer block kernel
+			// Below this many integers the set has no whole block: the selector calls the
+			// SSE2 kernel directly, which spares small calls a hop (0 for SSE2; three
+			// vectors of the set otherwise).
+			u32 m_IntMinInts;
+		};
+
+		// The active row; null until the first call that needs one picks it (the widest set
+		// the machine runs, or OX_CBVM_ISA's): nothing is chosen during static
+		// initialisation, so a host's own start-up code cannot see a half-chosen set.
+		extern std::atomic<const SKernelSet *> g_ActiveKernelSet;
+		const SKernelSet &_ChooseKernelSetAtFirstUse();
+
+		// Internal linkage, as above: the wide units never call it, but a copy they
+		// compiled must not be the one the linker keeps.
+		static inline __attribute__((always_inline)) const SKernelSet &ActiveKernelSet()
+		{
+			const SKernelSet *set = g_ActiveKernelSet.load(std::memory_order_relaxed);
+			return __builtin_expect(set != nullptr, 1) ? *set : _ChooseKernelSetAtFirstUse();
+		}
+
+		// The integer block kernel for 'ints' integers in 'set': the set's own from its
+		// block size up, SSE2's below.
+		static inline __attribute__((always_inline)) FnIntPacked IntKernelFor(const SKernelSet &set, std::size_t ints)
+		{
+			return ints >= set.m_IntMinInts ? set.m_Int : g_IntKernelSse2;
+		}
+
 		// The end of a per-lane division, modulo or shift whose whole blocks a wide kernel
 		// computed: counts the call's hazard as the SSE2 kernel counts it for 'callInts'
 		// integers, then runs the SSE2 kernel's per-lane path over [dstPtr, dstStop)
 		// without counting again. (Defined with the SSE2 kernel, so the hazard counter's
 		// code is never compiled for a wide target.)
 		void FinishPerLane(Compiler::IR::SOp_MathOp::EOp op, std::ptrdiff_t callInts, s32 *dstPtr, const s32 *dstStop, const s32 *srcPtr0, u32 stride0, const s32 *srcPtr1, u32 stride1);
-		// Below this many integers the active set has no whole block: the selector calls
-		// the SSE2 kernel directly, which spares small calls a hop (0 for SSE2).
-		extern std::atomic<u32> g_ActiveIntMinInts;
 	}
 }
