@@ -3,10 +3,12 @@
 // six vectors, for a float3 constant in its three rotations), then one vector at a time,
 // then scalar code for the elements left after the last whole vector.
 
+#include "baseline_divisor.h"
 #include "bench_baselines.h"
 
 #include <emmintrin.h>
 
+#include <cmath>
 #include <cstdint>
 
 namespace OxBench
@@ -148,29 +150,12 @@ namespace OxBench
 			}
 			else if (d >= 2 || d <= -2)
 			{
-				// Magic number M and shift s (signed division, 32 bits).
-				const std::uint32_t two31 = 0x80000000u;
-				const std::uint32_t ad = d < 0 ? 0u - ud : ud;
-				const std::uint32_t t = two31 + (ud >> 31);
-				const std::uint32_t anc = t - 1 - t % ad;
-				int p = 31;
-				std::uint32_t q1 = two31 / anc, r1 = two31 - q1 * anc, q2 = two31 / ad, r2 = two31 - q2 * ad, delta;
-				do
-				{
-					++p;
-					q1 *= 2; r1 *= 2;
-					if (r1 >= anc) { ++q1; r1 -= anc; }
-					q2 *= 2; r2 *= 2;
-					if (r2 >= ad) { ++q2; r2 -= ad; }
-					delta = ad - r2;
-				} while (q1 < delta || (q1 == delta && r1 == 0));
-				std::int32_t magic = std::int32_t(q2 + 1);
-				if (d < 0)
-					magic = -magic;
-				const int s = p - 32;
+				const SMagicDivisor m = SMagicDivisor::Of(d);
+				const std::int32_t magic = m.m_Multiplier;
+				const int s = m.m_Shift;
 				const __m128i vm = _mm_set1_epi32(magic);
-				const __m128i addMask = _mm_set1_epi32(d > 0 && magic < 0 ? -1 : 0);
-				const __m128i subMask = _mm_set1_epi32(d < 0 && magic > 0 ? -1 : 0);
+				const __m128i addMask = _mm_set1_epi32(m.m_AddMask);
+				const __m128i subMask = _mm_set1_epi32(m.m_SubMask);
 				const __m128i shift = _mm_cvtsi32_si128(s);
 				Unrolled(
 					n,
@@ -314,11 +299,135 @@ namespace OxBench
 		}
 	}
 
+	namespace
+	{
+		// The VM's float modulo on four lanes: the fraction of q where the 32-bit truncation
+		// holds it, +0 where it gives the indefinite 0x80000000 (|q| >= 2^31, NaN).
+		inline __m128 TruncFrac(__m128 q)
+		{
+			const __m128i t = _mm_cvttps_epi32(q);
+			const __m128 outOfRange = _mm_castsi128_ps(_mm_cmpeq_epi32(t, _mm_set1_epi32(std::int32_t(0x80000000u))));
+			return _mm_andnot_ps(outOfRange, _mm_sub_ps(q, _mm_cvtepi32_ps(t)));
+		}
+
+		inline float TruncFrac(float q)
+		{
+			return std::fabs(q) < 2147483648.0f ? q - float(std::int32_t(q)) : 0.0f;
+		}
+
+		// Four truncated quotients by one divisor (|d| >= 2): the magic multiplier of W8.
+		struct SMagic4
+		{
+			explicit SMagic4(std::int32_t d)
+			: m(SMagicDivisor::Of(d)), vm(_mm_set1_epi32(m.m_Multiplier)), add(_mm_set1_epi32(m.m_AddMask)), sub(_mm_set1_epi32(m.m_SubMask)), shift(_mm_cvtsi32_si128(m.m_Shift))
+			{
+			}
+			__m128i Quotient(__m128i x) const
+			{
+				__m128i q = MulHiS32(x, vm);
+				q = _mm_sub_epi32(_mm_add_epi32(q, _mm_and_si128(x, add)), _mm_and_si128(x, sub));
+				q = _mm_sra_epi32(q, shift);
+				return _mm_add_epi32(q, _mm_srli_epi32(q, 31));
+			}
+			SMagicDivisor m;
+			__m128i vm, add, sub, shift;
+		};
+
+		// W13 in one pass, four sprites (twelve floats of each float3 stream, four of every
+		// other stream) per iteration: drag, gravity, integration and the box wrap on three
+		// vectors with the constants and reciprocals in their three rotations; then the phase,
+		// the flicker, age, expiry, sprite frame, seed and flags on one vector each.
+		void W13(const SSpriteStreams &s, const SSpriteConstants &c, std::size_t n)
+		{
+			const float rBox[3] = {1.0f / c.m_Box[0], 1.0f / c.m_Box[1], 1.0f / c.m_Box[2]};
+			const float rTwoPi = 1.0f / c.m_TwoPi;
+			struct SRotations
+			{
+				__m128 r[3];
+			};
+			auto rotations = [](const float *k) {
+				return SRotations{{_mm_setr_ps(k[0], k[1], k[2], k[0]), _mm_setr_ps(k[1], k[2], k[0], k[1]), _mm_setr_ps(k[2], k[0], k[1], k[2])}};
+			};
+			const SRotations g = rotations(c.m_Gravity), dt = rotations(c.m_Dt), negDrag = rotations(c.m_NegDrag), box = rotations(c.m_Box), rbox = rotations(rBox);
+			const __m128 dt1 = _mm_set1_ps(c.m_Dt1), twoPi = _mm_set1_ps(c.m_TwoPi), rtwoPi = _mm_set1_ps(rTwoPi), duty = _mm_set1_ps(c.m_Duty);
+			const SMagic4 byTicks(c.m_TicksPerFrame), byFrames(c.m_Frames);
+			const __m128i one = _mm_set1_epi32(c.m_One), frames = _mm_set1_epi32(c.m_Frames);
+			const __m128i shiftA = _mm_cvtsi32_si128(c.m_ShiftA & 31), shiftB = _mm_cvtsi32_si128(c.m_ShiftB & 31), shiftC = _mm_cvtsi32_si128(c.m_ShiftC & 31);
+			const __m128i variantShift = _mm_cvtsi32_si128(c.m_VariantShift & 31), flagsShift = _mm_cvtsi32_si128(c.m_FlagsShift & 31);
+			const __m128i litBit = _mm_set1_epi32(c.m_LitBit), expiredBit = _mm_set1_epi32(c.m_ExpiredBit);
+			auto load = [](const std::int32_t *p) { return _mm_load_si128(reinterpret_cast<const __m128i *>(p)); };
+			auto store = [](std::int32_t *p, __m128i v) { _mm_store_si128(reinterpret_cast<__m128i *>(p), v); };
+			std::size_t e = 0;
+			for (; e + 4 <= n; e += 4)
+			{
+				const std::size_t f0 = 3 * e;
+				for (int j = 0; j < 3; ++j)
+				{
+					float *pp = s.m_Pos + f0 + 4 * j;
+					float *vp = s.m_Vel + f0 + 4 * j;
+					__m128 v = _mm_load_ps(vp);
+					v = _mm_add_ps(v, _mm_mul_ps(_mm_add_ps(_mm_mul_ps(v, negDrag.r[j]), g.r[j]), dt.r[j]));
+					const __m128 p = _mm_add_ps(_mm_load_ps(pp), _mm_mul_ps(v, dt.r[j]));
+					_mm_store_ps(vp, v);
+					_mm_store_ps(pp, _mm_mul_ps(TruncFrac(_mm_mul_ps(p, rbox.r[j])), box.r[j]));
+				}
+				const __m128 phase = _mm_mul_ps(TruncFrac(_mm_mul_ps(_mm_add_ps(_mm_load_ps(s.m_Phase + e), _mm_mul_ps(_mm_load_ps(s.m_Spin + e), dt1)), rtwoPi)), twoPi);
+				_mm_store_ps(s.m_Phase + e, phase);
+				const __m128 period = _mm_load_ps(s.m_Period + e);
+				const __m128i lit = _mm_castps_si128(_mm_cmplt_ps(_mm_mul_ps(TruncFrac(_mm_div_ps(phase, period)), period), duty));
+
+				const __m128i age = _mm_add_epi32(load(s.m_Age + e), one);
+				store(s.m_Age + e, age);
+				const __m128i expired = _mm_cmpgt_epi32(age, load(s.m_Lifetime + e));
+				store(s.m_Expired + e, expired);
+				const __m128i ticks = byTicks.Quotient(age);
+				const __m128i frame = _mm_sub_epi32(ticks, MulLo32(byFrames.Quotient(ticks), frames));
+				__m128i seed = load(s.m_Seed + e);
+				seed = _mm_xor_si128(seed, _mm_sll_epi32(seed, shiftA));
+				seed = _mm_xor_si128(seed, _mm_srl_epi32(seed, shiftB));
+				seed = _mm_xor_si128(seed, _mm_sll_epi32(seed, shiftC));
+				store(s.m_Seed + e, seed);
+				__m128i flags = _mm_or_si128(frame, _mm_sll_epi32(_mm_srl_epi32(seed, variantShift), flagsShift));
+				flags = _mm_or_si128(_mm_or_si128(flags, _mm_and_si128(lit, litBit)), _mm_and_si128(expired, expiredBit));
+				store(s.m_Flags + e, flags);
+			}
+			// The sprites after the last group of four: the same operations on one lane.
+			const std::uint32_t shiftAs = std::uint32_t(c.m_ShiftA) & 31u, shiftBs = std::uint32_t(c.m_ShiftB) & 31u, shiftCs = std::uint32_t(c.m_ShiftC) & 31u;
+			for (; e < n; ++e)
+			{
+				for (int k = 0; k < 3; ++k)
+				{
+					const std::size_t i = 3 * e + k;
+					const float v = s.m_Vel[i] + ((s.m_Vel[i] * c.m_NegDrag[k] + c.m_Gravity[k]) * c.m_Dt[k]);
+					s.m_Vel[i] = v;
+					s.m_Pos[i] = TruncFrac((s.m_Pos[i] + v * c.m_Dt[k]) * rBox[k]) * c.m_Box[k];
+				}
+				const float phase = TruncFrac((s.m_Phase[e] + s.m_Spin[e] * c.m_Dt1) * rTwoPi) * c.m_TwoPi;
+				s.m_Phase[e] = phase;
+				const std::int32_t lit = TruncFrac(phase / s.m_Period[e]) * s.m_Period[e] < c.m_Duty ? -1 : 0;
+				const std::int32_t age = std::int32_t(std::uint32_t(s.m_Age[e]) + std::uint32_t(c.m_One));
+				s.m_Age[e] = age;
+				const std::int32_t expired = age > s.m_Lifetime[e] ? -1 : 0;
+				s.m_Expired[e] = expired;
+				const std::int32_t ticks = byTicks.m.Quotient(age);
+				const std::int32_t frame = std::int32_t(std::uint32_t(ticks) - std::uint32_t(byFrames.m.Quotient(ticks)) * std::uint32_t(c.m_Frames));
+				std::uint32_t seed = std::uint32_t(s.m_Seed[e]);
+				seed ^= seed << shiftAs;
+				seed ^= seed >> shiftBs;
+				seed ^= seed << shiftCs;
+				s.m_Seed[e] = std::int32_t(seed);
+				const std::int32_t variant = std::int32_t((seed >> (std::uint32_t(c.m_VariantShift) & 31u)) << (std::uint32_t(c.m_FlagsShift) & 31u));
+				s.m_Flags[e] = ((frame | variant) | (lit & c.m_LitBit)) | (expired & c.m_ExpiredBit);
+			}
+		}
+	}
+
 	const SBaselineSet kBaselineSSE2 = [] {
 		SBaselineSet set;
 		set.m_Name = "sse2";
 		OX_BENCH_FILL_W1_TO_W10(set);
 		set.m_W12 = &W12;
+		set.m_W13 = &W13;
 		return set;
 	}();
 }

@@ -33,6 +33,33 @@ namespace OxBench
 		std::int32_t m_One, m_YoungAge, m_MidAge, m_ColourYoung, m_ColourMid, m_ColourOld;
 	};
 
+	// W13's sprites: packed float3 positions and velocities, float phases (updated in
+	// place), per-particle spins and flicker periods, i32 ages and random seeds (updated
+	// in place), i32 lifetimes, and the expiry mask and packed flags the update writes.
+	struct SSpriteStreams
+	{
+		float *m_Pos;					// float3
+		float *m_Vel;					// float3
+		float *m_Phase;
+		const float *m_Spin;
+		const float *m_Period;
+		std::int32_t *m_Age;			// in ticks
+		const std::int32_t *m_Lifetime;
+		std::int32_t *m_Seed;			// xorshift state
+		std::int32_t *m_Expired;		// i32 mask: age > lifetime
+		std::int32_t *m_Flags;			// sprite frame | variant << 4 | lit bit | expired bit
+	};
+
+	// W13's one-value operands, as the program's Constant registers hold them.
+	struct SSpriteConstants
+	{
+		const float *m_Gravity, *m_Dt, *m_NegDrag, *m_Box;	// float3 each
+		float m_Dt1, m_TwoPi, m_Duty;
+		std::int32_t m_One, m_TicksPerFrame, m_Frames;		// divisors: |d| >= 2
+		std::int32_t m_ShiftA, m_ShiftB, m_ShiftC, m_VariantShift, m_FlagsShift;	// counts 0..31
+		std::int32_t m_LitBit, m_ExpiredBit;
+	};
+
 	struct SBaselineSet
 	{
 		const char *m_Name;	// short name used in benchmark names ("scalar", "autovec", ...)
@@ -62,6 +89,13 @@ namespace OxBench
 		//   expired = age > lifetime; outside = (p < boxMin & v < 0) | (p > boxMax & v > 0);
 		//   colour = age < youngAge ? young : age < midAge ? mid : old
 		void (*m_W12)(const SParticleStreams &s, const SParticleConstants &c, std::size_t n) = nullptr;
+		// W13 sprite update, the operations of the W13 program in its order, one pass
+		// (float modulo: truncFrac(a * (1 / c)) * c by a constant, truncFrac(a / b) * b by a stream):
+		//   v += (v * negDrag + g) * dt; p = (p + v * dt) mod box; phase = (phase + spin * dt1) mod twoPi;
+		//   lit = phase mod period < duty; age += 1; expired = age > lifetime;
+		//   frame = (age / ticksPerFrame) % frames; seed = xorshift(seed);
+		//   flags = frame | (seed >>> 30) << 4 | lit & litBit | expired & expiredBit
+		void (*m_W13)(const SSpriteStreams &s, const SSpriteConstants &c, std::size_t n) = nullptr;
 	};
 
 	// Fills W1 to W10 of 'set' with the functions of those names in the current scope: each
@@ -70,7 +104,7 @@ namespace OxBench
 	((set).m_W1 = &W1, (set).m_W2 = &W2, (set).m_W3 = &W3, (set).m_W4 = &W4, (set).m_W5 = &W5,     \
 	 (set).m_W6 = &W6, (set).m_W7 = &W7, (set).m_W8 = &W8, (set).m_W9 = &W9, (set).m_W10 = &W10)
 
-	// The plain loops of baseline_loops.h, built twice: without the vectoriser and at -O3.
+	// The plain loops of baseline_loops.h (W12 and W13 fused into one pass each), built twice: without the vectoriser and at -O3.
 	extern const SBaselineSet kBaselineScalar;
 	extern const SBaselineSet kBaselineAutoVec;
 	// Hand-written SSE2 intrinsics.

@@ -2,6 +2,8 @@
 // developer would otherwise use, for every workload of bench_workloads.h.
 //
 //   ox_bench [Google Benchmark flags]      benchmarks named <workload>/<implementation>/<size>
+//                                           (batched_b<B>: the batched runner on one thread in
+//                                           batches of B elements)
 //   ox_bench --list                         the workload ids and titles
 //   ox_bench --caches                       the data cache sizes CPUID reports
 //   ox_bench --icount <workload> <impl> <n> one checked run, then one more run with
@@ -17,6 +19,7 @@
 
 #include "bench_workloads.h"
 
+#include "cbvm_kernel_isa.h"
 #include "kr_profiler.h"
 
 #include <benchmark/benchmark.h>
@@ -38,7 +41,17 @@ namespace OxBench
 		// W12, the particle update, runs from a level-1-sized stream to one far past the
 		// last-level cache (16 Mi particles: 2.2 GiB of registers, and as much again for
 		// the copy of the inputs that every check restores).
-		constexpr std::uint32_t kW12Sizes[] = {4096, 65536, 1048576, 16777216};
+		constexpr std::uint32_t kW12Sizes[] = {4096, 65536, 1048576, 16777216};	// W13's too
+		// The particle programs batched on one thread at first-level-cache batch sizes, against
+		// the default plan (batched) at a million elements and against the whole stream at
+		// 4,096 (one default batch).
+		constexpr std::uint32_t kBatchSizes[] = {384, 768};
+		constexpr std::uint32_t kBatchSizeCounts[] = {4096, 1048576};
+		// The fixed cost of a call: W1 (one instruction) batched on one thread at batch sizes
+		// from 48 to 3,072 over a stream that fits the second-level cache (768 KiB), so that
+		// the time per batch is a line in the batch size whose intercept is that cost.
+		constexpr std::uint32_t kCallCostBatches[] = {48, 96, 192, 384, 768, 1536, 3072};
+		constexpr std::uint32_t kCallCostCount = 65536;
 		// W1, W4 and W6 also at the sizes either side of 4,096, where three streams of 16 KiB
 		// fill a 48 KiB level-1 data cache (and overflow a 32 KiB one), against the SSE2 and
 		// the native baselines.
@@ -85,6 +98,35 @@ namespace OxBench
 				state.SetBytesProcessed(std::int64_t(state.iterations()) * count * info.m_BytesPerItem);
 		}
 
+		void BenchmarkBatches(benchmark::State &state, EWorkload workload, std::uint32_t count, std::uint32_t batchElements)
+		{
+			CWorkload &w = Workload(workload, count);
+			std::string error = w.PlanBatches(batchElements);
+			if (error.empty())
+				error = w.Check(Impl_Batched, batchElements);
+			if (!error.empty())
+			{
+				state.SkipWithError(error.c_str());
+				return;
+			}
+			CWorkload::UseKernelSet(Impl_Batched);
+			for (auto _ : state)
+			{
+				w.Run(Impl_Batched, batchElements);
+				benchmark::ClobberMemory();
+			}
+			const SWorkloadInfo &info = WorkloadInfo(workload);
+			state.SetItemsProcessed(std::int64_t(state.iterations()) * count);
+			state.SetBytesProcessed(std::int64_t(state.iterations()) * count * info.m_BytesPerItem);
+			state.counters["batch"] = batchElements;
+		}
+
+		void RegisterBatches(EWorkload workload, std::uint32_t count, std::uint32_t batchElements)
+		{
+			const std::string name = std::string(WorkloadInfo(workload).m_Id) + "/batched_b" + std::to_string(batchElements) + "/" + std::to_string(count);
+			benchmark::RegisterBenchmark(name.c_str(), &BenchmarkBatches, workload, count, batchElements)->UseRealTime();
+		}
+
 		void Register(EWorkload workload, EImpl impl, std::uint32_t count)
 		{
 			const std::string name = std::string(WorkloadInfo(workload).m_Id) + "/" + ImplName(impl) + "/" + std::to_string(count);
@@ -97,7 +139,7 @@ namespace OxBench
 			{
 				const EWorkload workload = EWorkload(wi);
 				const SWorkloadInfo &info = WorkloadInfo(workload);
-				if (workload == Workload_W12)
+				if (workload == Workload_W12 || workload == Workload_W13)
 				{
 					for (const std::uint32_t count : kW12Sizes)
 						for (int ii = 0; ii < __MaxImpls; ++ii)
@@ -123,6 +165,24 @@ namespace OxBench
 					for (const EImpl impl : kNeighbourImpls)
 						if (CWorkload::Supports(workload, impl))	// a kernel set the machine has
 							Register(workload, impl, count);
+			for (const EWorkload workload : {Workload_W12, Workload_W13})
+				for (const std::uint32_t count : kBatchSizeCounts)
+					for (const std::uint32_t batch : kBatchSizes)
+						RegisterBatches(workload, count, batch);
+			for (const std::uint32_t batch : kCallCostBatches)
+				RegisterBatches(Workload_W1, kCallCostCount, batch);
+		}
+
+		// The kernel sets this machine runs and those it cannot, for the report.
+		std::string KernelSets()
+		{
+			std::string run = "sse2", notRun;
+			for (const auto &set : {std::make_pair(Orvex::CBVM::KernelIsa_AVX2, "avx2"), std::make_pair(Orvex::CBVM::KernelIsa_AVX512, "avx512")})
+			{
+				std::string &list = Orvex::CBVM::KernelIsaSupported(set.first) ? run : notRun;
+				list += (list.empty() ? "" : " ") + std::string(set.second);
+			}
+			return "run: " + run + "; not run: " + (notRun.empty() ? "none" : notRun);
 		}
 
 		// Data cache sizes from CPUID, for the report when the system does not list them:
@@ -239,6 +299,7 @@ int main(int argc, char **argv)
 	benchmark::AddCustomContext("libdivide", LibdivideVersion());
 	benchmark::AddCustomContext("profiler", "disabled (enabled only for W11/standard_profiler)");
 	benchmark::AddCustomContext("data_caches", DataCaches());
+	benchmark::AddCustomContext("kernel_sets", KernelSets());
 	RegisterAll();
 	benchmark::Initialize(&argc, argv);
 	if (benchmark::ReportUnrecognizedArguments(argc, argv))

@@ -36,6 +36,7 @@ namespace OxBench
 			{"W10", "particle step on float3 streams, four instructions", 48, false},
 			{"W11", "one-element instructions (Constant destination)", 0, true},
 			{"W12", "particle update: forces, drag, integration, age, kill masks, colour ramp; 28 instructions", 80, false},
+			{"W13", "sprite update: drag, box wrap (float mod), phase and flicker, sprite frame (int div, mod), xorshift seed, packed flags; 29 instructions", 92, false},
 		};
 
 		// Deterministic inputs: a 64-bit LCG, high bits out.
@@ -107,8 +108,9 @@ namespace OxBench
 	//------------------------------------------------------------------------------------
 	// Construction: registers, inputs and the program of each workload.
 
+	// W13 has more one-value operands than the other workloads' 16 slots hold.
 	CWorkload::CWorkload(EWorkload workload, std::uint32_t count)
-	: m_Workload(workload), m_Count(count), m_Storage(16), m_Context(&m_Program, m_Bindings, m_Storage.Registers(), m_DebugCtx)
+	: m_Workload(workload), m_Count(count), m_Storage(workload == Workload_W13 ? 20 : 16), m_Context(&m_Program, m_Bindings, m_Storage.Registers(), m_DebugCtx)
 	{
 		using Compiler::MetaType_Constant;
 		using Compiler::MetaType_Stream;
@@ -253,6 +255,9 @@ namespace OxBench
 		case Workload_W12:
 			_BuildParticles(n);
 			break;
+		case Workload_W13:
+			_BuildSprites(n);
+			break;
 		default:
 			break;
 		}
@@ -391,16 +396,164 @@ namespace OxBench
 		_I(r.m_ColourOld)[0] = std::int32_t(0x80404040u);
 		m_Outputs = {m_P, m_V, r.m_Age, r.m_Expired, r.m_Outside, r.m_Colour};
 
-		// The program must be one the verifier accepts without a word: a benchmark of a
-		// program that reports would time the reports.
+		_Verify();
+	}
+
+	// The program must be one the verifier accepts without a word: a benchmark of a
+	// program that reports would time the reports.
+	void CWorkload::_Verify()
+	{
 		CBVM::SVerifyProblem problems[8];
 		const CBVM::SVerifyResult verified = CBVM::CVerifier::Verify(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, problems, 8);
 		if (verified.Problems() != 0)
 		{
 			for (std::uint32_t i = 0; i < verified.Problems() && i < 8; ++i)
-				std::fprintf(stderr, "ox_bench: W12 program, offset %u: %s\n", problems[i].m_Offset, problems[i].m_Message);
+				std::fprintf(stderr, "ox_bench: %s program, offset %u: %s\n", WorkloadInfo(m_Workload).m_Id, problems[i].m_Offset, problems[i].m_Message);
 			std::abort();
 		}
+	}
+
+	// W13: one frame of a sprite effect, the second kind of program a particle effect
+	// compiles to. Its float part moves float3 positions under drag and gravity and wraps
+	// them into a periodic box (a modulo by a float3 constant), and turns a phase that it
+	// wraps to one turn (a modulo by a float constant) into an on/off flicker against each
+	// sprite's own period (a modulo by a stream). Its integer part counts the age in ticks,
+	// picks the frame of a 16-frame sprite sheet from it (a division and a modulo by
+	// constants), steps an xorshift seed (shifts and xors) for a random variant, and packs
+	// frame, variant, flicker and expiry into one flags word. The VM has no conversion
+	// between floats and ints, so the two parts share no register; the flicker crosses
+	// over as a mask (a float compare writes an i32 mask).
+	void CWorkload::_BuildSprites(std::uint32_t n)
+	{
+		using Compiler::MetaType_Constant;
+		using Compiler::MetaType_Instance;
+		using Compiler::MetaType_Stream;
+		CRandom random(std::uint64_t(Workload_W13) * 1000003u + n);
+		SSpriteRegs &r = m_Sprites;
+
+		// Per-element state and outputs, per-sprite parameters set at spawn (Instance), and
+		// the temporaries.
+		m_P = _Declare(0, MetaType_Stream, BaseType_Float3, n);
+		m_V = _Declare(1, MetaType_Stream, BaseType_Float3, n);
+		r.m_Phase = _Declare(2, MetaType_Stream, BaseType_Float, n);
+		r.m_Age = _Declare(3, MetaType_Stream, BaseType_I32, n);
+		r.m_Seed = _Declare(4, MetaType_Stream, BaseType_I32, n);
+		r.m_Expired = _Declare(5, MetaType_Stream, BaseType_I32, n);
+		r.m_Flags = _Declare(6, MetaType_Stream, BaseType_I32, n);
+		r.m_Spin = _Declare(0, MetaType_Instance, BaseType_Float, n);
+		r.m_Period = _Declare(1, MetaType_Instance, BaseType_Float, n);
+		r.m_Lifetime = _Declare(2, MetaType_Instance, BaseType_I32, n);
+		const CVMRegID acc = _Declare(7, MetaType_Stream, BaseType_Float3, n);
+		const CVMRegID step = _Declare(8, MetaType_Stream, BaseType_Float3, n);
+		const CVMRegID dphase = _Declare(9, MetaType_Stream, BaseType_Float, n);
+		const CVMRegID pulse = _Declare(10, MetaType_Stream, BaseType_Float, n);
+		const CVMRegID lit = _Declare(11, MetaType_Stream, BaseType_I32, n);
+		const CVMRegID frame = _Declare(12, MetaType_Stream, BaseType_I32, n);
+		const CVMRegID t = _Declare(13, MetaType_Stream, BaseType_I32, n);
+		const CVMRegID variant = _Declare(14, MetaType_Stream, BaseType_I32, n);
+		m_Scratch = {acc, step, dphase, pulse, lit, frame, t, variant};
+
+		// One-value registers.
+		m_G = _Declare(0, MetaType_Constant, BaseType_Float3, 1);
+		m_Dt = _Declare(1, MetaType_Constant, BaseType_Float3, 1);
+		r.m_NegDrag = _Declare(2, MetaType_Constant, BaseType_Float3, 1);
+		r.m_Box = _Declare(3, MetaType_Constant, BaseType_Float3, 1);
+		r.m_Dt1 = _Declare(4, MetaType_Constant, BaseType_Float, 1);
+		r.m_TwoPi = _Declare(5, MetaType_Constant, BaseType_Float, 1);
+		r.m_Duty = _Declare(6, MetaType_Constant, BaseType_Float, 1);
+		r.m_One = _Declare(7, MetaType_Constant, BaseType_I32, 1);
+		r.m_TicksPerFrame = _Declare(8, MetaType_Constant, BaseType_I32, 1);
+		r.m_Frames = _Declare(9, MetaType_Constant, BaseType_I32, 1);
+		r.m_ShiftA = _Declare(10, MetaType_Constant, BaseType_I32, 1);
+		r.m_ShiftB = _Declare(11, MetaType_Constant, BaseType_I32, 1);
+		r.m_ShiftC = _Declare(12, MetaType_Constant, BaseType_I32, 1);
+		r.m_VariantShift = _Declare(13, MetaType_Constant, BaseType_I32, 1);
+		r.m_FlagsShift = _Declare(14, MetaType_Constant, BaseType_I32, 1);
+		r.m_LitBit = _Declare(15, MetaType_Constant, BaseType_I32, 1);
+		r.m_ExpiredBit = _Declare(16, MetaType_Constant, BaseType_I32, 1);
+
+		using O = SOp_MathOp;
+		// Motion: linear drag and gravity, explicit Euler, then the periodic box.
+		_Emit(O::Op_Mul, acc, m_V, r.m_NegDrag);			// drag: -c * v
+		_Emit(O::Op_Add, acc, acc, m_G);
+		_Emit(O::Op_Mul, acc, acc, m_Dt);
+		_Emit(O::Op_Add, m_V, m_V, acc);					// v += (g - c * v) * dt
+		_Emit(O::Op_Mul, step, m_V, m_Dt);
+		_Emit(O::Op_Add, m_P, m_P, step);					// p += v * dt
+		_Emit(O::Op_Mod, m_P, m_P, r.m_Box);				// wrap into the box (float3 constant divisor: one reciprocal)
+		// Phase and flicker.
+		_Emit(O::Op_Mul, dphase, r.m_Spin, r.m_Dt1);
+		_Emit(O::Op_Add, r.m_Phase, r.m_Phase, dphase);
+		_Emit(O::Op_Mod, r.m_Phase, r.m_Phase, r.m_TwoPi);	// one turn (float constant divisor)
+		_Emit(O::Op_Mod, pulse, r.m_Phase, r.m_Period);		// each sprite's own period (a stream: divides)
+		_Emit(O::Op_Cmp_Lower, lit, pulse, r.m_Duty);		// float compare into an i32 mask
+		// Age in ticks, expiry and the sprite-sheet frame.
+		_Emit(O::Op_Add, r.m_Age, r.m_Age, r.m_One);
+		_Emit(O::Op_Cmp_Greater, r.m_Expired, r.m_Age, r.m_Lifetime);
+		_Emit(O::Op_Div, frame, r.m_Age, r.m_TicksPerFrame);	// by a uniform constant: a multiply-high
+		_Emit(O::Op_Mod, frame, frame, r.m_Frames);			// frames loop
+		// xorshift32 of the seed (13, 17, 5).
+		_Emit(O::Op_Bitwise_ShiftLeft, t, r.m_Seed, r.m_ShiftA);
+		_Emit(O::Op_Bitwise_Xor, r.m_Seed, r.m_Seed, t);
+		_Emit(O::Op_Bitwise_ShiftRightLogical, t, r.m_Seed, r.m_ShiftB);
+		_Emit(O::Op_Bitwise_Xor, r.m_Seed, r.m_Seed, t);
+		_Emit(O::Op_Bitwise_ShiftLeft, t, r.m_Seed, r.m_ShiftC);
+		_Emit(O::Op_Bitwise_Xor, r.m_Seed, r.m_Seed, t);
+		// Flags: frame in bits 0-3, a variant of four from the seed's top bits in 4-5, lit 6, expired 7.
+		_Emit(O::Op_Bitwise_ShiftRightLogical, variant, r.m_Seed, r.m_VariantShift);
+		_Emit(O::Op_Bitwise_ShiftLeft, variant, variant, r.m_FlagsShift);
+		_Emit(O::Op_Bitwise_Or, r.m_Flags, frame, variant);
+		_Emit(O::Op_Bitwise_And, t, lit, r.m_LitBit);
+		_Emit(O::Op_Bitwise_Or, r.m_Flags, r.m_Flags, t);
+		_Emit(O::Op_Bitwise_And, t, r.m_Expired, r.m_ExpiredBit);
+		_Emit(O::Op_Bitwise_Or, r.m_Flags, r.m_Flags, t);
+
+		// Inputs: sprites spread over the box, some about to leave it, phases over one turn,
+		// spins both ways, ages on both sides of their lifetimes.
+		const float box[3] = {8.0f, 6.0f, 8.0f};
+		float *p = _F(m_P), *v = _F(m_V);
+		for (std::uint32_t i = 0; i < n; ++i)
+			for (int k = 0; k < 3; ++k)
+			{
+				p[3 * i + k] = random.Uniform(-box[k], box[k]);
+				v[3 * i + k] = random.Uniform(-3.0f, 3.0f);
+			}
+		float *phase = _F(r.m_Phase), *spin = _F(r.m_Spin), *period = _F(r.m_Period);
+		std::int32_t *age = _I(r.m_Age), *lifetime = _I(r.m_Lifetime), *seed = _I(r.m_Seed);
+		for (std::uint32_t i = 0; i < n; ++i)
+		{
+			phase[i] = random.Uniform(0.0f, 6.2831853f);
+			spin[i] = random.Uniform(-6.0f, 6.0f);
+			period[i] = random.Uniform(0.5f, 3.0f);
+			age[i] = std::int32_t(random.Next() % 600u);
+			lifetime[i] = 300 + std::int32_t(random.Next() % 300u);
+			seed[i] = std::int32_t(random.Next() | 1u);	// xorshift state: never 0
+		}
+		auto set3 = [&](CVMRegID id, float x, float y, float z) {
+			float *d = _F(id);
+			d[0] = x;
+			d[1] = y;
+			d[2] = z;
+		};
+		set3(m_G, 0.0f, -9.81f, 0.0f);
+		set3(m_Dt, 1.0f / 60.0f, 1.0f / 60.0f, 1.0f / 60.0f);
+		set3(r.m_NegDrag, -0.5f, -0.5f, -0.5f);
+		set3(r.m_Box, box[0], box[1], box[2]);
+		_F(r.m_Dt1)[0] = 1.0f / 60.0f;
+		_F(r.m_TwoPi)[0] = 6.2831853f;
+		_F(r.m_Duty)[0] = 0.25f;
+		_I(r.m_One)[0] = 1;
+		_I(r.m_TicksPerFrame)[0] = 3;
+		_I(r.m_Frames)[0] = 16;
+		_I(r.m_ShiftA)[0] = 13;
+		_I(r.m_ShiftB)[0] = 17;
+		_I(r.m_ShiftC)[0] = 5;
+		_I(r.m_VariantShift)[0] = 30;
+		_I(r.m_FlagsShift)[0] = 4;
+		_I(r.m_LitBit)[0] = 0x40;
+		_I(r.m_ExpiredBit)[0] = 0x80;
+		m_Outputs = {m_P, m_V, r.m_Phase, r.m_Age, r.m_Seed, r.m_Expired, r.m_Flags};
+		_Verify();
 	}
 
 	CVMRegID CWorkload::_Declare(std::uint32_t slot, Compiler::EMetaType bank, EBaseTypeID type, std::uint32_t elements)
@@ -453,12 +606,15 @@ namespace OxBench
 	{
 		switch (impl)
 		{
-		case Impl_Standard:
-		case Impl_Low: return true;
+		case Impl_Standard: return true;
+		// The Low path divides for a float modulo by a constant where the standard path
+		// multiplies by the reciprocal: W13's positions and phases would differ in the last
+		// bit, and those carry into its flicker mask.
+		case Impl_Low: return workload != Workload_W13;
 		case Impl_StandardProfiler:
 		case Impl_StandardInterpreter: return workload == Workload_W11;
 		case Impl_Batched:
-		case Impl_BatchedAllThreads: return workload == Workload_W10 || workload == Workload_W12;
+		case Impl_BatchedAllThreads: return workload == Workload_W10 || workload == Workload_W12 || workload == Workload_W13;
 		case Impl_StandardAvx2: return workload != Workload_W11 && CBVM::KernelIsaSupported(CBVM::KernelIsa_AVX2);
 		case Impl_StandardAvx512: return workload != Workload_W11 && CBVM::KernelIsaSupported(CBVM::KernelIsa_AVX512);
 		default: break;
@@ -480,6 +636,7 @@ namespace OxBench
 		case Workload_W9: return set->m_W9 != nullptr;
 		case Workload_W10: return set->m_W10 != nullptr;
 		case Workload_W12: return set->m_W12 != nullptr;
+		case Workload_W13: return set->m_W13 != nullptr;
 		default: return false;
 		}
 	}
@@ -510,6 +667,16 @@ namespace OxBench
 			set.m_W12(streams, constants, n);
 			return;
 		}
+		case Workload_W13:
+		{
+			const SSpriteRegs &r = m_Sprites;
+			const SSpriteStreams streams = {_F(m_P), _F(m_V), _F(r.m_Phase), _F(r.m_Spin), _F(r.m_Period), _I(r.m_Age), _I(r.m_Lifetime), _I(r.m_Seed), _I(r.m_Expired), _I(r.m_Flags)};
+			const SSpriteConstants constants = {_F(m_G), _F(m_Dt), _F(r.m_NegDrag), _F(r.m_Box), _F(r.m_Dt1)[0], _F(r.m_TwoPi)[0], _F(r.m_Duty)[0],
+												_I(r.m_One)[0], _I(r.m_TicksPerFrame)[0], _I(r.m_Frames)[0], _I(r.m_ShiftA)[0], _I(r.m_ShiftB)[0], _I(r.m_ShiftC)[0],
+												_I(r.m_VariantShift)[0], _I(r.m_FlagsShift)[0], _I(r.m_LitBit)[0], _I(r.m_ExpiredBit)[0]};
+			set.m_W13(streams, constants, n);
+			return;
+		}
 		default: return;
 		}
 	}
@@ -527,8 +694,24 @@ namespace OxBench
 		CBVM::SetKernelIsa(impl == Impl_StandardAvx512 ? CBVM::KernelIsa_AVX512 : impl == Impl_StandardAvx2 ? CBVM::KernelIsa_AVX2 : CBVM::KernelIsa_SSE2);
 	}
 
-	void CWorkload::Run(EImpl impl)
+	std::string CWorkload::PlanBatches(std::uint32_t batchElements)
 	{
+		std::unique_ptr<CBVM::CBatchPlan> &plan = m_SizedPlans[batchElements];
+		if (plan == nullptr)
+		{
+			plan = std::make_unique<CBVM::CBatchPlan>();
+			plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, batchElements, m_Scratch.data(), std::uint32_t(m_Scratch.size()));
+		}
+		return plan->Batched() ? std::string() : std::string("not batched: ") + plan->Reason();
+	}
+
+	void CWorkload::Run(EImpl impl, std::uint32_t batchElements)
+	{
+		if (impl == Impl_Batched && batchElements != 0)
+		{
+			CBVM::CBatchRunner::Run(*m_SizedPlans.at(batchElements), m_Context, CBVM::ExecPath_Standard);
+			return;
+		}
 		switch (impl)
 		{
 		case Impl_Standard:
@@ -555,9 +738,11 @@ namespace OxBench
 		}
 	}
 
-	std::string CWorkload::Check(EImpl impl)
+	std::string CWorkload::Check(EImpl impl, std::uint32_t batchElements)
 	{
-		if (!Has(impl))
+		if (batchElements != 0 && (impl != Impl_Batched || m_SizedPlans.count(batchElements) == 0))
+			return "no plan of that batch size (PlanBatches)";
+		if (batchElements == 0 && !Has(impl))
 			return std::string("no such implementation for ") + WorkloadInfo(m_Workload).m_Id;
 
 		// The reference: the standard path (SSE2 kernels) from the initial inputs.
@@ -574,7 +759,7 @@ namespace OxBench
 
 		_Restore();
 		UseKernelSet(impl);
-		Run(impl);
+		Run(impl, batchElements);
 		UseKernelSet(Impl_Standard);
 		const std::vector<CVMRegID> &outputs = m_Outputs;
 		std::string error;

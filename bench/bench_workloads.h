@@ -13,6 +13,7 @@
 #include "cbvm_register_storage.h"
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,7 +36,7 @@ namespace OxBench
 		Impl_Libdivide,
 		Impl_LibdivideBranchfree,
 		Impl_Fmodf,
-		// The batched runner (cbvm_batch_runner.h), standard path: W10 and W12 in
+		// The batched runner (cbvm_batch_runner.h), standard path: W10, W12 and W13 in
 		// cache-sized batches on one thread and on every core (oneTBB), the plan built
 		// once with the workload (not timed).
 		Impl_Batched,
@@ -70,6 +71,7 @@ namespace OxBench
 		Workload_W10,
 		Workload_W11,
 		Workload_W12,
+		Workload_W13,
 		__MaxWorkloads
 	};
 
@@ -90,7 +92,7 @@ namespace OxBench
 	class CWorkload
 	{
 	public:
-		// 'count' is the stream size (W1 to W10, W12) or the number of one-element
+		// 'count' is the stream size (W1 to W10, W12, W13) or the number of one-element
 		// instructions in the program (W11). Inputs are filled deterministically.
 		CWorkload(EWorkload workload, std::uint32_t count);
 		CWorkload(const CWorkload &) = delete;
@@ -107,11 +109,18 @@ namespace OxBench
 		// runs 'impl' once from the same inputs and compares what it wrote. Returns "" on
 		// agreement, else a description of the first difference. Inputs are restored
 		// afterwards.
-		std::string Check(EImpl impl);
+		// batchElements (Impl_Batched only): 0 runs the default plan, any other value a plan
+		// of batches of that many elements (PlanBatches first), on any stream workload.
+		std::string Check(EImpl impl, std::uint32_t batchElements = 0);
 
-		// One execution of 'impl' (the timed body). In-place workloads (W10) keep
+		// One execution of 'impl' (the timed body). In-place workloads (W10, W12, W13) keep
 		// updating their state from one call to the next.
-		void Run(EImpl impl);
+		void Run(EImpl impl, std::uint32_t batchElements = 0);
+
+		// Builds (once) the one-thread batched plan of batches of 'batchElements' elements
+		// for Run(Impl_Batched, batchElements), with the workload's scratch registers.
+		// Returns "" when the run goes in batches, else the plan's reason why not.
+		std::string PlanBatches(std::uint32_t batchElements);
 
 		std::uint32_t Count() const { return m_Count; }
 
@@ -143,7 +152,8 @@ namespace OxBench
 		Orvex::SCompilerCPUDebugCtx m_DebugCtx;
 		Orvex::CBytecodeExecContext m_Context;
 		std::vector<std::uint8_t> m_Bytecode;
-		std::unique_ptr<Orvex::CBVM::CBatchPlan> m_Plan;			// the batched rows' (W10, W12)
+		std::unique_ptr<Orvex::CBVM::CBatchPlan> m_Plan;			// the batched rows' (W10, W12, W13)
+		std::map<std::uint32_t, std::unique_ptr<Orvex::CBVM::CBatchPlan>> m_SizedPlans;	// by batch size (PlanBatches)
 		std::vector<CVMRegID> m_Scratch;							// the batched rows' scratch registers: the program's temporaries
 		std::unique_ptr<Orvex::CBVM::CTbbParallelFor> m_Threads;	// every core
 
@@ -162,6 +172,18 @@ namespace OxBench
 		};
 		SParticleRegs m_Particles = {};
 		void _BuildParticles(std::uint32_t n);
+		// W13 (the sprite update): the per-element state and outputs besides positions and
+		// velocities (m_P, m_V), and the constants besides gravity and the time step (m_G, m_Dt).
+		struct SSpriteRegs
+		{
+			CVMRegID m_Phase, m_Spin, m_Period, m_Age, m_Lifetime, m_Seed, m_Expired, m_Flags;
+			CVMRegID m_NegDrag, m_Box, m_Dt1, m_TwoPi, m_Duty, m_One, m_TicksPerFrame, m_Frames;
+			CVMRegID m_ShiftA, m_ShiftB, m_ShiftC, m_VariantShift, m_FlagsShift, m_LitBit, m_ExpiredBit;
+		};
+		SSpriteRegs m_Sprites = {};
+		void _BuildSprites(std::uint32_t n);
+		// Aborts when the verifier reports anything about the program.
+		void _Verify();
 		// What a check compares.
 		std::vector<CVMRegID> m_Outputs;
 		float m_ModDivisor = 0.0f;		// W5: results may differ by rounding, not more
