@@ -1,6 +1,7 @@
 #include "assembler.h"
 
 #include "assert_scope.h"
+#include "cbvm_math_op_decoder.h"
 #include "cbvm_meta_ops.h"
 
 #include <fmt/format.h>
@@ -26,24 +27,14 @@ namespace OxVm
 			return index >= 0 ? program->RegisterText(index) : InlineRegisterText(bits);
 		}
 
-		bool IsMathOpcode(u8 opcode)
+		// Why the instruction at 'offset' cannot be read back; empty when it can. An unknown
+		// operator stops the tool too: it has no mnemonic.
+		std::string DecodeProblem(const u8 *bytecode, u32 size, u32 offset, CBVM::SMathOpInstruction &instruction)
 		{
-			return opcode >= CBVM::Opcode_MathOp && opcode <= CBVM::Opcode_MathOpDiv;
-		}
-
-		// Why the instruction at 'offset' cannot be decoded; empty when it can.
-		std::string DecodeProblem(const u8 *bytecode, u32 size, u32 offset)
-		{
-			const u8 opcode = bytecode[offset];
-			if (!IsMathOpcode(opcode))
-				return CBVM::OpcodeName(opcode)[0] != '?' ? fmt::format("opcode {} ({}) is not a math-op instruction (113 to 117)", opcode, CBVM::OpcodeName(opcode))
-														  : fmt::format("unknown opcode {} (math-op opcodes are 113 to 117)", opcode);
-			const u32 need = CMetaOp_MathOp::SizeOfOpcode(opcode);
-			if (size - offset < need)
-				return fmt::format("truncated instruction: opcode {} ({}) needs {} bytes, {} left", opcode, CBVM::OpcodeName(opcode), need, size - offset);
-			if (opcode == CBVM::Opcode_MathOp && bytecode[offset + CMetaOp_MathOp::kGenericOperatorOffset] >= SOp_MathOp::__MaxOps)
-				return fmt::format("unknown operator {} (operators are 0 to {})", bytecode[offset + CMetaOp_MathOp::kGenericOperatorOffset], SOp_MathOp::__MaxOps - 1);
-			return std::string();
+			const CBVM::EMathOpDecode problem = CBVM::DecodeMathOp(bytecode, size, offset, instruction);
+			char text[160];
+			CBVM::FormatMathOpDecodeProblem(problem, instruction, size, text, sizeof(text));
+			return text;
 		}
 	}
 
@@ -156,7 +147,8 @@ namespace OxVm
 		u32 offset = 0, pieceStart = 0, lines = 0;
 		while (offset < size)
 		{
-			const std::string problem = DecodeProblem(bytecode, size, offset);
+			CBVM::SMathOpInstruction decoded;
+			const std::string problem = DecodeProblem(bytecode, size, offset, decoded);
 			if (!problem.empty())
 			{
 				out.m_Ok = false;
@@ -165,7 +157,7 @@ namespace OxVm
 				break;
 			}
 			text += DisassembleOne(bytecode + offset, offset, program, out.m_Instructions) + "\n";
-			offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
+			offset = decoded.End();
 			++out.m_Instructions;
 			if (++lines == kListingPiece)
 			{
@@ -187,34 +179,28 @@ namespace OxVm
 		u32 line = 3;	// after the listing's stream line and blank line
 		for (u32 offset = 0; offset < size; ++line)
 		{
-			error = DecodeProblem(bytecode, size, offset);
+			CBVM::SMathOpInstruction decoded;
+			error = DecodeProblem(bytecode, size, offset, decoded);
 			if (!error.empty())
 			{
 				error = fmt::format("offset {}: {}", offset, error);
 				return false;
 			}
-			SOp_MathOp::SDesc desc;
-			CBVM::SOpcodeDisasReport report;
-			{
-				CSilentAsserts silent;
-				CMetaOp_MathOp::DecodeBytecodeToDesc(bytecode + offset, desc, report);
-			}
 			SInstruction instruction;
-			instruction.m_Op = desc.m_Op;
-			instruction.m_Generic = bytecode[offset] == CBVM::Opcode_MathOp && u32(desc.m_Op) < CMetaOp_MathOp::kSpecializedOpCount;
+			instruction.m_Op = decoded.m_Op;
+			instruction.m_Generic = decoded.Generic() && u32(decoded.m_Op) < CMetaOp_MathOp::kSpecializedOpCount;
 			instruction.m_Line = line;
 			instruction.m_Column = 1;
-			instruction.m_SourceCount = u8(SOp_MathOp::OperatorTraits(desc.m_Op).m_ParameterCount);
-			const CRegID *registers[3] = {&desc.m_DstReg, &desc.m_SrcReg0, &desc.m_SrcReg1};
-			SOperand *operands[3] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
+			instruction.m_SourceCount = u8(SOp_MathOp::OperatorTraits(decoded.m_Op).m_ParameterCount);
+			SOperand *operands[CBVM::__MaxMathOpOperands] = {&instruction.m_Dst, &instruction.m_Src[0], &instruction.m_Src[1]};
 			for (u32 i = 0; i < 1u + instruction.m_SourceCount; ++i)
 			{
-				const u32 bits = registers[i]->Valid() ? u32(registers[i]->m_RawBits) : 0xFFFFFFFFu;
+				const u32 bits = decoded.m_Ids[i];
 				s32 index = program.FindByBits(bits);
 				if (index < 0)
 				{
 					const s32 placed = program.FindByPlace(bits);
-					if (!IsPlainRegister(bits) || !HasKernel(RawType(bits)) || placed >= 0)
+					if (!CBVM::IsPlainRegisterId(bits) || !HasKernel(RawType(bits)) || placed >= 0)
 					{
 						error = fmt::format("offset {}: register {} {}", offset, InlineRegisterText(bits),
 											placed >= 0 ? fmt::format("shares its place with {} of another type", program.RegisterText(placed)) : std::string("cannot be named in a program"));
@@ -228,7 +214,7 @@ namespace OxVm
 				*operands[i] = SOperand{index, 0};
 			}
 			program.m_Instructions.push_back(instruction);
-			offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
+			offset = decoded.End();
 		}
 		return true;
 	}

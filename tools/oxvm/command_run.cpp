@@ -2,6 +2,7 @@
 
 #include "assembler.h"
 #include "assert_scope.h"
+#include "cbvm_math_op_decoder.h"
 #include "bundled_example.h"
 #include "commands.h"
 #include "compare.h"
@@ -62,12 +63,10 @@ namespace OxVm
 
 		void PrintListing(const SProgram &program, const std::vector<u8> &bytecode)
 		{
-			u32 index = 0;
-			for (u32 offset = 0; offset < bytecode.size() && index < kListed; ++index)
-			{
-				fmt::print("  {}\n", DisassembleOne(bytecode.data() + offset, offset, &program, index));
-				offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
-			}
+			CBVM::CMathOpWalker walk(bytecode.data(), u32(bytecode.size()));
+			CBVM::SMathOpInstruction instruction;
+			for (u32 index = 0; index < kListed && walk.Next(instruction); ++index)
+				fmt::print("  {}\n", DisassembleOne(bytecode.data() + instruction.m_Offset, instruction.m_Offset, &program, index));
 			if (program.m_Instructions.size() > kListed)
 				fmt::print("  ... and {} more instructions (oxvm disasm lists them all)\n", program.m_Instructions.size() - kListed);
 		}

@@ -3,6 +3,7 @@
 // and inline registers never take the place of a named one). Each pass is linear in
 // the text, with hashed register lookups.
 
+#include "cbvm_math_op_decoder.h"
 #include "cbvm_meta_ops.h"
 #include "line_lexer.h"
 #include "numbers.h"
@@ -564,11 +565,6 @@ namespace OxVm
 
 	std::string InlineRegisterText(u32 bits)
 	{
-		if (bits == 0xFFFFFFFFu)
-			return "-";
-		const char *type = BaseTypeName(RawType(bits));
-		if (!IsPlainRegister(bits) || type[0] == '?')
-			return fmt::format("{:#010x}", bits);
-		return fmt::format("{}.{}:{}", Compiler::MetaTypeName(RawBank(bits)), RawSlot(bits), type);
+		return CBVM::SRegisterIdText(bits, CBVM::RegisterIdText_Exact).m_Text;
 	}
 }

@@ -1,5 +1,7 @@
 #include "runner.h"
 
+#include "cbvm_math_op_decoder.h"
+
 #include <fmt/format.h>
 
 #include <unistd.h>
@@ -130,11 +132,9 @@ namespace OxVm
 	std::vector<u32> InstructionOffsets(const std::vector<u8> &bytecode)
 	{
 		std::vector<u32> offsets;
-		for (u32 offset = 0; offset < bytecode.size();)
-		{
-			offsets.push_back(offset);
-			offset += CMetaOp_MathOp::SizeOfOpcode(bytecode[offset]);
-		}
+		CBVM::CMathOpWalker walk(bytecode.data(), u32(bytecode.size()));
+		for (CBVM::SMathOpInstruction instruction; walk.Next(instruction);)
+			offsets.push_back(instruction.m_Offset);
 		return offsets;
 	}
 }

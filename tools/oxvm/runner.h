@@ -83,6 +83,7 @@ namespace OxVm
 	// the destination's element size plus each source's.
 	u64 BytesTouchedPerFrame(const SProgram &program, u32 elements);
 
-	// Instruction start offsets in the program's bytecode, one per instruction.
+	// Instruction start offsets in the program's bytecode, one per instruction (up to the
+	// first one that cannot be decoded: none, for the tool's own assembly).
 	std::vector<u32> InstructionOffsets(const std::vector<u8> &bytecode);
 }

@@ -41,6 +41,5 @@ namespace OxVm
 	inline u32 RawSlot(u32 bits) { return CVMRegID::SlotOf(bits); }
 	inline Compiler::EMetaType RawBank(u32 bits) { return CVMRegID::BankOf(bits); }
 	inline EBaseTypeID RawType(u32 bits) { return CVMRegID::TypeOf(bits); }
-	// Nothing set outside slot, bank and type (no meta bit, no top bits): what the text can name.
-	inline bool IsPlainRegister(u32 bits) { return (bits & ~(Compiler::IR::CRegID::RegisterMask & ~(1u << Compiler::IR::CRegID::RegisterMetaShift))) == 0; }
+	// (Whether the text can name an id: CBVM::IsPlainRegisterId, cbvm_math_op_decoder.h.)
 }

@@ -236,8 +236,8 @@ namespace Orvex
 		static u32 EncodingSize_Generic() { return kGenericSize; }
 		static u32 EncodingSize_Specialized() { return kSpecializedSize; }
 		static u32 EncodingSize(EOp op) { return u32(op) < kSpecializedOpCount ? kSpecializedSize : kGenericSize; }
-		// Bytes of the math-op instruction whose opcode byte is 'opcode' (113: generic, else specialised).
-		static constexpr u32 SizeOfOpcode(u8 opcode) { return opcode == CBVM::Opcode_MathOp ? kGenericSize : kSpecializedSize; }
+		// (The size of an instruction already in bytecode, and everything else about reading
+		// it, is the decoder's: cbvm_math_op_decoder.h.)
 
 		// ---- Standard entry points: the SIMD stream path. Each opens a profiler scope
 		// named after itself, asserts its opcode byte and returns the instruction's size
@@ -268,5 +268,5 @@ namespace Orvex
 	static_assert(CMetaOp_MathOp::IP_Offset == CMetaOp_MathOp::kGenericSize, "IP_Offset is the largest instruction");
 	static_assert(CMetaOp_MathOp::kGenericRegistersOffset + CMetaOp_MathOp::kRegisterBlockSize == CMetaOp_MathOp::kGenericSize, "generic form: opcode, operator, 3 registers");
 	static_assert(CMetaOp_MathOp::kSpecializedRegistersOffset + CMetaOp_MathOp::kRegisterBlockSize == CMetaOp_MathOp::kSpecializedSize, "specialised form: opcode, 3 registers");
-	static_assert(CBVM::Opcode_MathOpAdd + Compiler::IR::SOp_MathOp::Op_Div == CBVM::Opcode_MathOpDiv, "specialised opcodes are 114 + op");
+	static_assert(u32(CBVM::Opcode_MathOpAdd) + u32(Compiler::IR::SOp_MathOp::Op_Div) == u32(CBVM::Opcode_MathOpDiv), "specialised opcodes are 114 + op");
 }

@@ -14,6 +14,7 @@
 // So the verifier evaluates exactly the checks the entry points make: what it accepts,
 // they cannot report.
 
+#include "cbvm_math_op_decoder.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_registers.h"
 #include "cp_ir_details.h"
@@ -36,42 +37,9 @@ namespace Orvex
 			Path_Low = 1,
 		};
 
-		//--------------------------------------------------------------------------------
-		// Decoding: the three register ids of the instruction at 'bytecode', whose register
-		// block starts 'wb' bytes in (2 for the generic form, 1 for the specialised ones).
-
-		struct SOperandIds
-		{
-			u32 m_Dst;
-			u32 m_Src0;
-			u32 m_Src1;	// CVMRegID::kInvalidBits for a unary operator
-		};
-
-		inline SOperandIds ReadOperandIds(const u8 *bytecode, u32 wb)
-		{
-			return {OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kDstRegOffset),
-					OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg0Offset),
-					OXLoadAndSwapLittleEndian<u32>(bytecode + wb + CMetaOp_MathOp::kSrcReg1Offset)};
-		}
-
-		constexpr bool IsMathOpOpcode(u32 opcode) { return opcode - CBVM::Opcode_MathOp <= u32(CBVM::Opcode_MathOpDiv - CBVM::Opcode_MathOp); }
-
-		// Where the register block starts and which operator an instruction evaluates: the
-		// generic form names it in byte 1, a specialised opcode is 114 + operator (any other
-		// byte reads as a division, as the specialised entries never look).
-		constexpr u32 RegisterBlockOffset(u8 opcode) { return opcode == CBVM::Opcode_MathOp ? CMetaOp_MathOp::kGenericRegistersOffset : CMetaOp_MathOp::kSpecializedRegistersOffset; }
-		constexpr u32 InstructionSize(u8 opcode) { return CMetaOp_MathOp::SizeOfOpcode(opcode); }
-		inline SOp_MathOp::EOp OperatorOf(const u8 *bytecode)
-		{
-			switch (bytecode[0])
-			{
-			case CBVM::Opcode_MathOp: return SOp_MathOp::EOp(bytecode[CMetaOp_MathOp::kGenericOperatorOffset]);
-			case CBVM::Opcode_MathOpAdd: return SOp_MathOp::Op_Add;
-			case CBVM::Opcode_MathOpSub: return SOp_MathOp::Op_Sub;
-			case CBVM::Opcode_MathOpMul: return SOp_MathOp::Op_Mul;
-			default: return SOp_MathOp::Op_Div;
-			}
-		}
+		// Decoding an instruction's fields (IsMathOpOpcode, InstructionSize,
+		// RegisterBlockOffset, OperatorOf, ReadOperandIds): the decoder's inline primitives,
+		// cbvm_math_op_decoder.h.
 
 		//--------------------------------------------------------------------------------
 		// The checks. Each is a type with its assertion text (per path where the paths'

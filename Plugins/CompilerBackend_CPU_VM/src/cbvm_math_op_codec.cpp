@@ -1,7 +1,7 @@
 // The math-operator meta-op's codec: the encoder the back-end emits programs with, and
 // the decoder of its disassembly report (the layout is drawn in cbvm_meta_ops.h).
 
-#include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_decoder.h"
 #include "cbvm_meta_ops.h"
 
 namespace Orvex
@@ -11,35 +11,10 @@ namespace Orvex
 
 	namespace
 	{
-		// An instruction's fields as read from its bytes, before they reach the caller's records.
-		struct SDecodedMathOp
-		{
-			u8 m_Opcode;
-			SOp_MathOp::EOp m_Op;
-			u32 m_Size;
-			CRegID m_DstReg;
-			CRegID m_SrcReg0;
-			CRegID m_SrcReg1;
-
-			void Check() const
-			{
-				OX_ASSERT(!m_SrcReg1.Valid() || m_SrcReg1.ToType() == m_SrcReg0.ToType());
-				OX_ASSERT(m_Opcode == CBVM::Opcode_MathOp || m_Opcode == CBVM::Opcode_MathOpAdd || m_Opcode == CBVM::Opcode_MathOpSub || m_Opcode == CBVM::Opcode_MathOpMul || m_Opcode == CBVM::Opcode_MathOpDiv);
-			}
-		};
-
 		// Zero-extends a register field; the invalid VM id becomes the invalid IR id.
 		CRegID _ToIRRegID(u32 bits)
 		{
 			return bits == CVMRegID::kInvalidBits ? CRegID() : CRegID(u64(bits));
-		}
-
-		SDecodedMathOp _Decode(const u8 *bytecode)
-		{
-			// Any byte other than 113..116 decodes as a division; Check() reports unexpected ones.
-			const u8 opcode = bytecode[0];
-			const MathOp::SOperandIds ids = MathOp::ReadOperandIds(bytecode, MathOp::RegisterBlockOffset(opcode));
-			return {opcode, MathOp::OperatorOf(bytecode), MathOp::InstructionSize(opcode), _ToIRRegID(ids.m_Dst), _ToIRRegID(ids.m_Src0), _ToIRRegID(ids.m_Src1)};
 		}
 	}
 
@@ -72,17 +47,22 @@ namespace Orvex
 
 	u32 CMetaOp_MathOp::DecodeBytecodeToDesc(const u8 *bytecode, SDesc &desc, CBVM::SOpcodeDisasReport &report)
 	{
-		const SDecodedMathOp decoded = _Decode(bytecode);
-		decoded.Check();
+		// Any byte other than 113..116 reads as a division; the opcode check reports unexpected ones.
+		const CBVM::SMathOpInstruction decoded = CBVM::ReadMathOp(bytecode);
+		// (Named as the assertion texts name them: the texts are part of the product.)
+		const CRegID m_DstReg = _ToIRRegID(decoded.Dst()), m_SrcReg0 = _ToIRRegID(decoded.Src0()), m_SrcReg1 = _ToIRRegID(decoded.Src1());
+		OX_ASSERT(!m_SrcReg1.Valid() || m_SrcReg1.ToType() == m_SrcReg0.ToType());
+		OX_ASSERT_TEXT(MathOp::IsMathOpOpcode(decoded.m_Opcode),
+					   "m_Opcode == CBVM::Opcode_MathOp || m_Opcode == CBVM::Opcode_MathOpAdd || m_Opcode == CBVM::Opcode_MathOpSub || m_Opcode == CBVM::Opcode_MathOpMul || m_Opcode == CBVM::Opcode_MathOpDiv");
 
 		report.m_Opcode = CBVM::EOpcode(decoded.m_Opcode);
 		report.m_InstructionSize = decoded.m_Size;
-		report.m_MetaType = decoded.m_DstReg.Valid() ? decoded.m_DstReg.ToBank() : Compiler::MetaType_Transparent;
+		report.m_MetaType = m_DstReg.Valid() ? m_DstReg.ToBank() : Compiler::MetaType_Transparent;
 
 		desc.m_Op = decoded.m_Op;
-		desc.m_DstReg = decoded.m_DstReg;
-		desc.m_SrcReg0 = decoded.m_SrcReg0;
-		desc.m_SrcReg1 = decoded.m_SrcReg1;
+		desc.m_DstReg = m_DstReg;
+		desc.m_SrcReg0 = m_SrcReg0;
+		desc.m_SrcReg1 = m_SrcReg1;
 		return report.m_InstructionSize;
 	}
 

@@ -4,6 +4,7 @@
 #include "cbvm_verifier.h"
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_decoder.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -22,38 +23,9 @@ namespace Orvex
 			// Register id fields, read without the accessors' assertions.
 			u32 _Slot(u32 bits) { return CVMRegID::SlotOf(bits); }
 			u32 _BankIndex(u32 bits) { return CVMRegID::BankIndexOf(bits); }
-			u32 _TypeIndex(u32 bits) { return CVMRegID::TypeFieldOf(bits); }
 			bool _PerElement(u32 bits) { return CVMRegID::PerElementOf(bits); }
 			const SBaseTypeInfo &_TypeInfo(u32 bits) { return kBaseTypes[CVMRegID::TypeFieldOf(bits)]; }
 			u32 _ElementSize(u32 bits) { return _TypeInfo(bits).m_Size; }
-
-			// "stream.3:float3", as the tools write registers.
-			struct SRegisterText
-			{
-				char m_Text[48];
-				explicit SRegisterText(u32 bits)
-				{
-					const EBaseTypeID type = EBaseTypeID(s32(_TypeIndex(bits)) - 1);
-					const char *typeName = BaseTypeName(type);
-					const char *bankName = Compiler::MetaTypeName(Compiler::EMetaType(_BankIndex(bits) + 1));
-					if (typeName[0] == '?')
-						std::snprintf(m_Text, sizeof(m_Text), "%s.%u:type%u", bankName, _Slot(bits), _TypeIndex(bits));
-					else
-						std::snprintf(m_Text, sizeof(m_Text), "%s.%u:%s", bankName, _Slot(bits), typeName);
-				}
-			};
-
-			// Size of the instruction at 'offset' when its opcode is a math op and it lies
-			// inside the buffer; 0 otherwise.
-			u32 _DecodableSize(const u8 *bytecode, u32 size, u32 offset)
-			{
-				const u8 opcode = bytecode[offset];
-				if (opcode < Opcode_MathOp || opcode > Opcode_MathOpDiv)
-					return 0;
-				const u32 need = MathOp::InstructionSize(opcode);
-				return size - offset >= need ? need : 0;
-			}
-
 
 			class CWalk
 			{
@@ -63,56 +35,39 @@ namespace Orvex
 
 				SVerifyResult Run()
 				{
-					for (u32 offset = 0; offset < m_Size;)
+					CMathOpWalker walk(m_Bytecode, m_Size);
+					SMathOpInstruction decoded;
+					while (walk.Next(decoded))
 					{
-						const u32 advance = _Instruction(offset);
-						if (advance == 0)
-							break;
-						offset += advance;
+						++m_Result.m_Instructions;
+						_Instruction(decoded);
 					}
+					if (walk.Problem() != MathOpDecode_Ok)
+						_ReportDecodeProblem(walk.Problem(), decoded);
 					return m_Result;
 				}
 
 			private:
-				struct SInstruction
+				void _ReportDecodeProblem(EMathOpDecode problem, const SMathOpInstruction &at)
 				{
-					u32 m_Offset;
-					SOp_MathOp::EOp m_Op;
-					u32 m_Dst, m_Src0, m_Src1;
-					bool HasSrc1() const { return m_Src1 != kMissing; }
-				};
+					char text[SVerifyProblem::kMessageSize];
+					FormatMathOpDecodeProblem(problem, at, m_Size, text, sizeof(text));
+					const EVerifyError code = problem == MathOpDecode_UnknownOperator ? VerifyError_UnknownOperator
+											  : problem == MathOpDecode_Truncated	  ? VerifyError_Truncated
+																					  : VerifyError_UnknownOpcode;
+					_Report(at.m_Offset, code, "%s", text);
+				}
 
-				// Returns the instruction's size, or 0 when the walk cannot go on.
-				u32 _Instruction(u32 offset)
+				// One framed instruction: every check of it, each problem reported.
+				void _Instruction(const SMathOpInstruction &ins)
 				{
-					const u8 opcode = m_Bytecode[offset];
-					if (opcode < Opcode_MathOp || opcode > Opcode_MathOpDiv)
+					if (!ins.KnownOperator())
 					{
-						if (OpcodeName(opcode)[0] != '?')
-							_Report(offset, VerifyError_UnknownOpcode, "opcode %u (%s) is not a math-op instruction (113 to 117)", opcode, OpcodeName(opcode));
-						else
-							_Report(offset, VerifyError_UnknownOpcode, "unknown opcode %u (math-op opcodes are 113 to 117)", opcode);
-						return 0;
+						_ReportDecodeProblem(MathOpDecode_UnknownOperator, ins);
+						return;
 					}
-					const u32 need = _DecodableSize(m_Bytecode, m_Size, offset);
-					if (need == 0)
-					{
-						const u32 full = opcode == Opcode_MathOp ? CMetaOp_MathOp::kGenericSize : CMetaOp_MathOp::kSpecializedSize;
-						_Report(offset, VerifyError_Truncated, "truncated instruction: opcode %u (%s) needs %u bytes, %u left", opcode, OpcodeName(opcode), full, m_Size - offset);
-						return 0;
-					}
-					++m_Result.m_Instructions;
-
-					const u8 *at = m_Bytecode + offset;
-					const u32 op = opcode == Opcode_MathOp ? at[CMetaOp_MathOp::kGenericOperatorOffset] : u32(opcode - Opcode_MathOpAdd);
-					if (op >= u32(SOp_MathOp::__MaxOps))
-					{
-						_Report(offset, VerifyError_UnknownOperator, "unknown operator %u (operators are 0 to %d)", op, SOp_MathOp::__MaxOps - 1);
-						return need;
-					}
-					const u32 wb = MathOp::RegisterBlockOffset(opcode);
-					const MathOp::SOperandIds ids = MathOp::ReadOperandIds(at, wb);
-					const SInstruction ins = {offset, SOp_MathOp::EOp(op), ids.m_Dst, ids.m_Src0, ids.m_Src1};
+					const u8 *at = m_Bytecode + ins.m_Offset;
+					const u32 wb = MathOp::RegisterBlockOffset(ins.m_Opcode);
 
 					// The instruction alone: the checks both paths make of its ids, operand
 					// count and types, and those of the selectors and kernels about types.
@@ -123,11 +78,11 @@ namespace Orvex
 					MathOp::ResolveOperands<MathOp::Path_Low>(shape, noFile, at, wb, ins.m_Op, resolved);
 					// Past ill-formed ids or a wrong operand count the fields mean nothing.
 					if (!_ReportIds(ins, shape))
-						return need;
+						return;
 					MathOp::KernelChecks</*_OneElement*/ false>(shape, ins.m_Op, resolved);
 					const bool typesOk = _ReportTypes(ins, shape);
 					if (m_Registers == nullptr || !_SlotsInside(ins))
-						return need;
+						return;
 
 					// Against the register file: the same checks with the entries resolved.
 					MathOp::SCollectPolicy file;
@@ -141,26 +96,25 @@ namespace Orvex
 					MathOp::KernelChecks</*_OneElement*/ false>(file, ins.m_Op, resolved, count);
 					if (_ReportRegisters(ins, file) && typesOk)
 						_ReportForms(ins, file, count);
-					return need;
 				}
 
 				// Ids and operand count. True when nothing was wrong.
-				bool _ReportIds(const SInstruction &ins, const MathOp::SCollectStructurePolicy &checks)
+				bool _ReportIds(const SMathOpInstruction &ins, const MathOp::SCollectStructurePolicy &checks)
 				{
 					const u32 errors = m_Result.m_Errors;
 					if (checks.Failed<MathOp::SCheck_DstId>())
-						_ReportId(ins.m_Offset, ins.m_Dst, "destination");
+						_ReportId(ins.m_Offset, ins.Dst(), "destination");
 					if (checks.Failed<MathOp::SCheck_Src0Id>())
-						_ReportId(ins.m_Offset, ins.m_Src0, "source 0");
+						_ReportId(ins.m_Offset, ins.Src0(), "source 0");
 					if (checks.Failed<MathOp::SCheck_Src1Id>())
-						_Report(ins.m_Offset, VerifyError_IllFormedRegister, "source 1 register id 0x%08x is ill-formed: bits 30 and 31 must be clear", ins.m_Src1);
+						_Report(ins.m_Offset, VerifyError_IllFormedRegister, "source 1 register id 0x%08x is ill-formed: bits 30 and 31 must be clear", ins.Src1());
 					const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(ins.m_Op);
 					if (checks.Failed<MathOp::SCheck_OperandCount>())
 					{
 						if (!ins.HasSrc1())
 							_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 2 sources, source 1 is missing (0xffffffff)", traits.m_Name);
 						else
-							_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 1 source, source 1 must be 0xffffffff, not 0x%08x", traits.m_Name, ins.m_Src1);
+							_Report(ins.m_Offset, VerifyError_OperandCount, "'%s' takes 1 source, source 1 must be 0xffffffff, not 0x%08x", traits.m_Name, ins.Src1());
 					}
 					return m_Result.m_Errors == errors;
 				}
@@ -176,42 +130,42 @@ namespace Orvex
 				// Types: a kernel for source 0's type, one type for both sources, a float form
 				// of the operator, a destination of the sources' element size. True when
 				// nothing was wrong.
-				bool _ReportTypes(const SInstruction &ins, const MathOp::SCollectStructurePolicy &checks)
+				bool _ReportTypes(const SMathOpInstruction &ins, const MathOp::SCollectStructurePolicy &checks)
 				{
 					const u32 errors = m_Result.m_Errors;
 					const SOp_MathOp::STraits &traits = SOp_MathOp::OperatorTraits(ins.m_Op);
-					const SBaseTypeInfo &type = _TypeInfo(ins.m_Src0);
+					const SBaseTypeInfo &type = _TypeInfo(ins.Src0());
 					if (checks.Failed<MathOp::SCheck_KernelRow>() || checks.Failed<MathOp::SCheck_SrcTypeSize>())
 						_Report(ins.m_Offset, VerifyError_UnsupportedType, "source type of %s has no math kernel (kernels: float..float4, quaternion, i32..int4, bool..bool4)",
-								SRegisterText(ins.m_Src0).m_Text);
+								SRegisterIdText(ins.Src0()).m_Text);
 					if (checks.Failed<MathOp::SCheck_SourceTypes>())
-						_Report(ins.m_Offset, VerifyError_SourceTypesDiffer, "source types differ: source 0 is %s, source 1 is %s", SRegisterText(ins.m_Src0).m_Text,
-								SRegisterText(ins.m_Src1).m_Text);
+						_Report(ins.m_Offset, VerifyError_SourceTypesDiffer, "source types differ: source 0 is %s, source 1 is %s", SRegisterIdText(ins.Src0()).m_Text,
+								SRegisterIdText(ins.Src1()).m_Text);
 					if (checks.Failed<MathOp::SCheck_FloatOperator>())
 						_Report(ins.m_Offset, VerifyError_BitwiseOnFloat, "'%s' is a bitwise operator: it takes int and bool operands, source 0 is %s", traits.m_Name,
-								SRegisterText(ins.m_Src0).m_Text);
+								SRegisterIdText(ins.Src0()).m_Text);
 					// (A destination of another size makes the integer and the modulo and
 					// negation kernels report, and the other float kernels take their slow
 					// path: refused for all, as the Low path would write past it.)
 					if (checks.Failed<MathOp::SCheck_DstElementSize>() || (type.m_Kind != ElementKind_None && checks.Failed<MathOp::SCheck_DstTypeSize>()))
 						_Report(ins.m_Offset, VerifyError_DestinationType, "destination %s holds %u-byte elements; '%s' of %s sources writes %u-byte elements",
-								SRegisterText(ins.m_Dst).m_Text, _ElementSize(ins.m_Dst), traits.m_Name, type.m_Name, type.m_Size);
+								SRegisterIdText(ins.Dst()).m_Text, _ElementSize(ins.Dst()), traits.m_Name, type.m_Name, type.m_Size);
 					return m_Result.m_Errors == errors;
 				}
 
-				u64 _EvalCount(const SInstruction &ins) const
+				u64 _EvalCount(const SMathOpInstruction &ins) const
 				{
-					return _PerElement(ins.m_Dst) ? u64(m_Registers->m_StreamDimensions) : 1;
+					return _PerElement(ins.Dst()) ? u64(m_Registers->m_StreamDimensions) : 1;
 				}
 
 				// Every operand's slot inside the table (the entry points cannot check it: they
 				// would read outside the table to find out). True when they all are.
-				bool _SlotsInside(const SInstruction &ins)
+				bool _SlotsInside(const SMathOpInstruction &ins)
 				{
 					const u32 errors = m_Result.m_Errors;
 					u32 seen[3];
 					u32 count = 0;
-					for (u32 bits : {ins.m_Dst, ins.m_Src0, ins.m_Src1})
+					for (u32 bits : {ins.Dst(), ins.Src0(), ins.Src1()})
 					{
 						if (bits == kMissing)
 							continue;
@@ -220,7 +174,7 @@ namespace Orvex
 							repeated = repeated || (_Slot(seen[i]) == _Slot(bits) && _BankIndex(seen[i]) == _BankIndex(bits));
 						seen[count++] = bits;
 						if (!repeated && (m_Registers->m_Registers == nullptr || _Slot(bits) >= m_SlotCount))
-							_Report(ins.m_Offset, VerifyError_SlotOutOfRange, "slot %u of %s is outside the register file (%u slots)", _Slot(bits), SRegisterText(bits).m_Text,
+							_Report(ins.m_Offset, VerifyError_SlotOutOfRange, "slot %u of %s is outside the register file (%u slots)", _Slot(bits), SRegisterIdText(bits).m_Text,
 									m_Registers->m_Registers == nullptr ? 0u : m_SlotCount);
 					}
 					return m_Result.m_Errors == errors;
@@ -229,12 +183,12 @@ namespace Orvex
 				// What the count of a shift is known to be: its value read now, unless an
 				// instruction of this program may write its bytes (or the register is too
 				// small to read it).
-				MathOp::ECountKnowledge _CountKnowledge(const SInstruction &ins)
+				MathOp::ECountKnowledge _CountKnowledge(const SMathOpInstruction &ins)
 				{
 					if (!ins.HasSrc1())
 						return MathOp::Count_Read;
-					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(ins.m_Src1);
-					const u32 bytes = _TypeInfo(ins.m_Src0).m_Size;
+					const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(ins.Src1());
+					const u32 bytes = _TypeInfo(ins.Src0()).m_Size;
 					if (entry.m_RawData == nullptr || bytes == 0 || entry.m_Size < bytes)
 						return MathOp::Count_Unknown;
 					// Shifts by one count register usually come together: the last answer is kept.
@@ -254,14 +208,14 @@ namespace Orvex
 				// stride is 0) and a Constant or Normal destination (whose check passes for
 				// any size when m_StreamDimensions is 0, and one element is written). Sizes
 				// are checked when the element size is known. True when nothing was wrong.
-				bool _ReportRegisters(const SInstruction &ins, const MathOp::SCollectPolicy &checks)
+				bool _ReportRegisters(const SMathOpInstruction &ins, const MathOp::SCollectPolicy &checks)
 				{
 					const u32 errors = m_Result.m_Errors;
 					const u64 evalCount = _EvalCount(ins);
 					// Source 0's element size, when it has a kernel and the destination agrees
 					// (the paths size both sources by source 0's type).
-					const SBaseTypeInfo &type = _TypeInfo(ins.m_Src0);
-					const u32 elementSize = type.m_Kind != ElementKind_None && _ElementSize(ins.m_Dst) == type.m_Size ? type.m_Size : 0;
+					const SBaseTypeInfo &type = _TypeInfo(ins.Src0());
+					const u32 elementSize = type.m_Kind != ElementKind_None && _ElementSize(ins.Dst()) == type.m_Size ? type.m_Size : 0;
 					struct SUse
 					{
 						u32 m_Bits;
@@ -292,18 +246,18 @@ namespace Orvex
 					auto holdsOne = [&](u32 bits) { return _PerElement(bits) || m_Registers->SelectWellFormed(bits).m_Size >= elementSize; };
 					// A per-element source steps through evalCount elements; any other
 					// source is read once (broadcast, or a one-element evaluation).
-					add(ins.m_Dst, evalCount, true, checks.Failed<MathOp::SCheck_DstPresent>(), checks.Failed<MathOp::SCheck_DstAligned>(),
-						checks.Failed<MathOp::SCheck_DstSize>() || !holdsOne(ins.m_Dst));
-					add(ins.m_Src0, _PerElement(ins.m_Src0) ? evalCount : 1, false, checks.Failed<MathOp::SCheck_Src0Present>(), checks.Failed<MathOp::SCheck_Src0Aligned>(),
-						checks.Failed<MathOp::SCheck_Src0Size>() || !holdsOne(ins.m_Src0));
+					add(ins.Dst(), evalCount, true, checks.Failed<MathOp::SCheck_DstPresent>(), checks.Failed<MathOp::SCheck_DstAligned>(),
+						checks.Failed<MathOp::SCheck_DstSize>() || !holdsOne(ins.Dst()));
+					add(ins.Src0(), _PerElement(ins.Src0()) ? evalCount : 1, false, checks.Failed<MathOp::SCheck_Src0Present>(), checks.Failed<MathOp::SCheck_Src0Aligned>(),
+						checks.Failed<MathOp::SCheck_Src0Size>() || !holdsOne(ins.Src0()));
 					if (ins.HasSrc1())
-						add(ins.m_Src1, _PerElement(ins.m_Src1) ? evalCount : 1, false, checks.Failed<MathOp::SCheck_Src1Present>(), checks.Failed<MathOp::SCheck_Src1Aligned>(),
-							checks.Failed<MathOp::SCheck_Src1Size>() || !holdsOne(ins.m_Src1));
+						add(ins.Src1(), _PerElement(ins.Src1()) ? evalCount : 1, false, checks.Failed<MathOp::SCheck_Src1Present>(), checks.Failed<MathOp::SCheck_Src1Aligned>(),
+							checks.Failed<MathOp::SCheck_Src1Size>() || !holdsOne(ins.Src1()));
 
 					for (u32 i = 0; i < count; ++i)
 					{
 						const SUse &use = uses[i];
-						const SRegisterText name(use.m_Bits);
+						const SRegisterIdText name(use.m_Bits);
 						const CCBCPUMetaRegisters::SRegister &entry = m_Registers->SelectWellFormed(use.m_Bits);
 						if (use.m_Missing)
 						{
@@ -324,24 +278,24 @@ namespace Orvex
 
 				// The legal forms that the standard path reports (cbvm_math_op_paths.h): the
 				// kernels' checks that fail for operands the register file accepts.
-				void _ReportForms(const SInstruction &ins, const MathOp::SCollectPolicy &checks, MathOp::ECountKnowledge count)
+				void _ReportForms(const SMathOpInstruction &ins, const MathOp::SCollectPolicy &checks, MathOp::ECountKnowledge count)
 				{
 					const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
 					if (checks.Failed<MathOp::SCheck_NegOfStream>())
 						_Report(ins.m_Offset, VerifyError_FloatNegOfConstant, "float 'neg' of %s (one value) into a per-element destination is refused by the standard path "
-								"(nothing written); negate into a constant register, or use 'sub' from zero", SRegisterText(ins.m_Src0).m_Text);
+								"(nothing written); negate into a constant register, or use 'sub' from zero", SRegisterIdText(ins.Src0()).m_Text);
 					if (checks.Failed<MathOp::SCheck_ModOneConstant>())
 						_Report(ins.m_Offset, VerifyError_FloatModOfConstants, "float 'mod' of two one-value sources (%s, %s) into a per-element destination is reported "
-								"by the standard path; compute it into a constant register", SRegisterText(ins.m_Src0).m_Text, SRegisterText(ins.m_Src1).m_Text);
+								"by the standard path; compute it into a constant register", SRegisterIdText(ins.Src0()).m_Text, SRegisterIdText(ins.Src1()).m_Text);
 					if (!checks.Failed<MathOp::SCheck_ShiftCount>())
 						return;
-					const SRegisterText countText(ins.m_Src1);
+					const SRegisterIdText countText(ins.Src1());
 					if (count == MathOp::Count_Unknown)
 						_Report(ins.m_Offset, VerifyError_ShiftCountUnchecked, "'%s' count register %s is written by this program: its value at run time is not checked here "
 								"(a uniform count above 31 is reported by the standard path)", name, countText.m_Text);
 					else
 						_Report(ins.m_Offset, VerifyError_ShiftCountAbove31, "uniform '%s' count %u in %s is above 31: the standard path shifts whole blocks out (0 or the sign fill) "
-								"and reports it, the Low path uses the low five bits; keep counts in 0..31", name, u32(*static_cast<const s32 *>(m_Registers->SelectWellFormed(ins.m_Src1).m_RawData)),
+								"and reports it, the Low path uses the low five bits; keep counts in 0..31", name, u32(*static_cast<const s32 *>(m_Registers->SelectWellFormed(ins.Src1()).m_RawData)),
 								countText.m_Text);
 				}
 
@@ -355,14 +309,11 @@ namespace Orvex
 				{
 					const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(data);
 					const std::uintptr_t last = first + size;
-					for (u32 offset = 0; offset < m_Size;)
+					CMathOpWalker walk(m_Bytecode, m_Size);
+					SMathOpInstruction ins;
+					while (walk.Next(ins))
 					{
-						const u32 need = _DecodableSize(m_Bytecode, m_Size, offset);
-						if (need == 0)
-							return false;
-						const MathOp::SOperandIds ids = MathOp::ReadOperandIds(m_Bytecode + offset, MathOp::RegisterBlockOffset(m_Bytecode[offset]));
-						const u32 dst = ids.m_Dst, src0 = ids.m_Src0;
-						offset += need;
+						const u32 dst = ins.Dst(), src0 = ins.Src0();
 						if (dst >= kWellFormedLimit || _Slot(dst) >= m_SlotCount)
 							continue;
 						const CCBCPUMetaRegisters::SRegister &written = m_Registers->SelectWellFormed(dst);
