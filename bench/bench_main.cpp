@@ -123,7 +123,10 @@ namespace OxBench
 
 		void RegisterBatches(EWorkload workload, std::uint32_t count, std::uint32_t batchElements)
 		{
-			const std::string name = std::string(WorkloadInfo(workload).m_Id) + "/batched_b" + std::to_string(batchElements) + "/" + std::to_string(count);
+			const std::string row = batchElements == CWorkload::kPrefetchOff  ? "batched_noprefetch"
+								  : batchElements == CWorkload::kPrefetchOn ? "batched_prefetch"
+																			 : "batched_b" + std::to_string(batchElements);
+			const std::string name = std::string(WorkloadInfo(workload).m_Id) + "/" + row + "/" + std::to_string(count);
 			benchmark::RegisterBenchmark(name.c_str(), &BenchmarkBatches, workload, count, batchElements)->UseRealTime();
 		}
 
@@ -171,6 +174,12 @@ namespace OxBench
 						RegisterBatches(workload, count, batch);
 			for (const std::uint32_t batch : kCallCostBatches)
 				RegisterBatches(Workload_W1, kCallCostCount, batch);
+			// The default plan with prefetching forced off and on, at every size: the
+			// measurements behind CBatchPlan::kPrefetchFromBytes.
+			for (const EWorkload workload : {Workload_W12, Workload_W13})
+				for (const std::uint32_t count : kW12Sizes)
+					for (const std::uint32_t forced : {CWorkload::kPrefetchOff, CWorkload::kPrefetchOn})
+						RegisterBatches(workload, count, forced);
 		}
 
 		// The kernel sets this machine runs and those it cannot, for the report.

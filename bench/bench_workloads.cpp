@@ -264,6 +264,10 @@ namespace OxBench
 		_Snapshot();
 		if (Supports(workload, Impl_Batched))
 		{
+			// Prepared for the set the batched rows run (a plan prepared for another set
+			// would run through the entry points).
+			const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
+			UseKernelSet(Impl_Batched);
 			m_Plan = std::make_unique<CBVM::CBatchPlan>();
 			if (!m_Plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, CBVM::CBatchPlan::kDefaultBatch, m_Scratch.data(), std::uint32_t(m_Scratch.size())) &&
 				m_Plan->Refusal() != CBVM::BatchRefusal_None)
@@ -271,6 +275,9 @@ namespace OxBench
 				std::fprintf(stderr, "ox_bench: %s is refused by the batch plan: %s\n", WorkloadInfo(workload).m_Id, m_Plan->Reason());
 				std::abort();
 			}
+			if (std::getenv("OX_BENCH_PLAN") != nullptr)
+				std::fprintf(stderr, "ox_bench: %s at %u: %s; %s\n", WorkloadInfo(workload).m_Id, n, m_Plan->Reason(), m_Plan->PreparedReason());
+			CBVM::SetKernelIsa(active);
 			m_Threads = std::make_unique<CBVM::CTbbParallelFor>();
 		}
 	}
@@ -691,7 +698,11 @@ namespace OxBench
 
 	void CWorkload::UseKernelSet(EImpl impl)
 	{
-		CBVM::SetKernelIsa(impl == Impl_StandardAvx512 ? CBVM::KernelIsa_AVX512 : impl == Impl_StandardAvx2 ? CBVM::KernelIsa_AVX2 : CBVM::KernelIsa_SSE2);
+		// The batched rows run the widest set: they stand for a host's best run.
+		if (impl == Impl_Batched || impl == Impl_BatchedAllThreads)
+			CBVM::SetKernelIsa(CBVM::WidestKernelIsa());
+		else
+			CBVM::SetKernelIsa(impl == Impl_StandardAvx512 ? CBVM::KernelIsa_AVX512 : impl == Impl_StandardAvx2 ? CBVM::KernelIsa_AVX2 : CBVM::KernelIsa_SSE2);
 	}
 
 	std::string CWorkload::PlanBatches(std::uint32_t batchElements)
@@ -699,8 +710,15 @@ namespace OxBench
 		std::unique_ptr<CBVM::CBatchPlan> &plan = m_SizedPlans[batchElements];
 		if (plan == nullptr)
 		{
+			const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
+			UseKernelSet(Impl_Batched);
 			plan = std::make_unique<CBVM::CBatchPlan>();
-			plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, batchElements, m_Scratch.data(), std::uint32_t(m_Scratch.size()));
+			const bool forced = batchElements == kPrefetchOff || batchElements == kPrefetchOn;
+			plan->Build(m_Bytecode.data(), std::uint32_t(m_Bytecode.size()), m_Storage, forced ? CBVM::CBatchPlan::kDefaultBatch : batchElements, m_Scratch.data(),
+						std::uint32_t(m_Scratch.size()));
+			if (forced)
+				plan->SetPrefetch(batchElements == kPrefetchOn);
+			CBVM::SetKernelIsa(active);
 		}
 		return plan->Batched() ? std::string() : std::string("not batched: ") + plan->Reason();
 	}

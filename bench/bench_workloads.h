@@ -36,9 +36,9 @@ namespace OxBench
 		Impl_Libdivide,
 		Impl_LibdivideBranchfree,
 		Impl_Fmodf,
-		// The batched runner (cbvm_batch_runner.h), standard path: W10, W12 and W13 in
-		// cache-sized batches on one thread and on every core (oneTBB), the plan built
-		// once with the workload (not timed).
+		// The batched runner (cbvm_batch_runner.h), standard path, widest kernel set: W10,
+		// W12 and W13 in cache-sized batches on one thread and on every core (oneTBB), the
+		// plan built (and prepared for that set) once with the workload (not timed).
 		Impl_Batched,
 		Impl_BatchedAllThreads,
 		// The standard path with a wide kernel set (cbvm_kernel_isa.h), on machines that
@@ -117,6 +117,9 @@ namespace OxBench
 		// updating their state from one call to the next.
 		void Run(EImpl impl, std::uint32_t batchElements = 0);
 
+		// PlanBatches' sizes that stand for the default plan with prefetching forced off or on.
+		static constexpr std::uint32_t kPrefetchOff = ~0u;
+		static constexpr std::uint32_t kPrefetchOn = ~0u - 1;
 		// Builds (once) the one-thread batched plan of batches of 'batchElements' elements
 		// for Run(Impl_Batched, batchElements), with the workload's scratch registers.
 		// Returns "" when the run goes in batches, else the plan's reason why not.

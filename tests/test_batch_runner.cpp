@@ -7,6 +7,7 @@
 // reason.
 
 #include "cbvm_batch_runner.h"
+#include "cbvm_kernel_isa.h"
 #include "cbvm_register_storage.h"
 #if OX_HAVE_TBB
 #include "cbvm_tbb_parallel_for.h"
@@ -273,6 +274,7 @@ namespace
 	struct SOutcome
 	{
 		bool m_Batched = false;
+		bool m_Prepared = false;	// ran the plan's prepared calls
 		u32 m_Scratch = 0;
 		CBVM::EBatchRefusal m_Refusal = CBVM::BatchRefusal_None;
 		std::string m_Difference;
@@ -318,7 +320,10 @@ namespace
 #endif
 					const CBVM::SBatchRunResult result = CBatchRunner::Run(plan, context, CBVM::ExecPath_Standard, parallel);
 					EXPECT_EQ(result.m_Run.m_Status, CBVM::RunStatus_Ok);
+					EXPECT_EQ(result.m_Status, CBVM::BatchRun_Ok);
 					EXPECT_EQ(result.m_Batched, plan.Batched());
+					EXPECT_EQ(result.m_Prepared, plan.Prepared());
+					outcome.m_Prepared = result.m_Prepared;
 				}
 				results[run] = Snapshot(file, outcome.m_Batched ? scratch : std::vector<CVMRegID>());
 			}
@@ -353,8 +358,17 @@ namespace
 		OxTest::CSeededRandom random(20261124);
 		const u32 streams[] = {50, 95, 96, 97, 143, 144, 145, 193, 241, 481};
 		u32 batchedPrograms = 0, withScratch = 0, refusals[CBVM::__MaxBatchRefusals] = {};
-		for (u32 n = 0; n < 2000; ++n)
+		u32 compared = 0, prepared = 0, preparedBatched = 0, preparedRefused = 0;
+		// Every kernel set the machine runs, program by program in turn (the plans are
+		// built, and prepared, under it).
+		std::vector<CBVM::EKernelIsa> sets;
+		for (u32 isa = 0; isa < CBVM::__MaxKernelIsas; ++isa)
+			if (CBVM::KernelIsaSupported(CBVM::EKernelIsa(isa)))
+				sets.push_back(CBVM::EKernelIsa(isa));
+		const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
+		for (u32 n = 0; n < 3000; ++n)
 		{
+			CBVM::SetKernelIsa(sets[n % sets.size()]);
 			const u32 seed = u32(random());
 			const u32 slots = 2 + random.Uniform(4);
 			const u32 stream = streams[random.Uniform(std::size(streams))];
@@ -376,17 +390,26 @@ namespace
 			ASSERT_TRUE(outcome.m_Difference.empty()) << "program " << n << " (file seed " << seed << ", " << slots << " slots, stream " << stream << ", batch " << batch << ", "
 													  << scratch.size() << " scratch): " << outcome.m_Difference;
 			batchedPrograms += outcome.m_Batched ? 1 : 0;
+			++compared;
+			prepared += outcome.m_Prepared ? 1 : 0;
+			preparedBatched += outcome.m_Prepared && outcome.m_Batched ? 1 : 0;
+			preparedRefused += outcome.m_Prepared && outcome.m_Refusal != CBVM::BatchRefusal_None ? 1 : 0;
 			withScratch += outcome.m_Batched && outcome.m_Scratch != 0 ? 1 : 0;
 			++refusals[outcome.m_Refusal];
 		}
-		// The draws must exercise both: programs that run in batches, and refusals.
+		CBVM::SetKernelIsa(active);
+		// The draws must exercise both: programs that run in batches, and refusals; and
+		// prepared programs (those the verifier accepts) among both.
 		EXPECT_GT(batchedPrograms, 100u);
+		EXPECT_GT(preparedBatched, 50u);
+		EXPECT_GT(preparedRefused, 20u);
+		EXPECT_GT(compared - prepared, 20u);	// programs with a verifier problem: the entry points
 		EXPECT_GT(refusals[CBVM::BatchRefusal_OneElementReadsStream], 10u);
 		EXPECT_GT(refusals[CBVM::BatchRefusal_WrittenAfterRead], 2u);
 		EXPECT_GT(withScratch, 60u);
 		EXPECT_GT(refusals[CBVM::BatchRefusal_Scratch], 10u);
-		std::printf("seed 20261124: batched %u (%u with scratch registers), refused: reads stream %u, written after read %u, overlap %u, short %u, scratch %u\n", batchedPrograms,
-					withScratch, refusals[CBVM::BatchRefusal_OneElementReadsStream], refusals[CBVM::BatchRefusal_WrittenAfterRead], refusals[CBVM::BatchRefusal_OverlappingStorage],
+		std::printf("seed 20261124: batched %u (%u with scratch registers), prepared %u of %u (%u batched, %u refused batching), refused: reads stream %u, written after read %u, overlap %u, short %u, scratch %u\n", batchedPrograms,
+					withScratch, prepared, compared, preparedBatched, preparedRefused, refusals[CBVM::BatchRefusal_OneElementReadsStream], refusals[CBVM::BatchRefusal_WrittenAfterRead], refusals[CBVM::BatchRefusal_OverlappingStorage],
 					refusals[CBVM::BatchRefusal_ShortRegister], refusals[CBVM::BatchRefusal_Scratch]);
 	}
 
@@ -467,13 +490,13 @@ namespace
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(3), Stream(1), Constant(4));
 		const CBatchPlan &plan = Plan(code);
 		ASSERT_TRUE(plan.Batched()) << plan.Reason();
-		// Three float3 streams: 36 bytes an element; 512 KiB / 36 = 14563, down to a multiple of 48.
+		// Three float3 streams: 36 bytes an element; 32 KiB / 36 = 910, down to a multiple of 48.
 		EXPECT_EQ(plan.BytesPerElement(), 36u);
-		EXPECT_EQ(CBatchPlan::kCacheBudgetBytes, 512u * 1024u);
-		EXPECT_EQ(plan.BatchElements(), 14544u);
-		EXPECT_EQ(plan.BatchCount(), 3u);	// 14544 + 14544 + 10912
+		EXPECT_EQ(CBatchPlan::kCacheBudgetBytes, 32u * 1024u);
+		EXPECT_EQ(plan.BatchElements(), 864u);
+		EXPECT_EQ(plan.BatchCount(), 47u);	// 46 x 864 + 256
 		EXPECT_EQ(plan.HoistedInstructions(), 1u);
-		EXPECT_STREQ(plan.Reason(), "batches of 14544 elements (3 batches, 36 per-element bytes each), 1 one-element instruction first");
+		EXPECT_STREQ(plan.Reason(), "batches of 864 elements (47 batches, 36 per-element bytes each), 1 one-element instruction first");
 		EXPECT_EQ(Plan(code, 100).BatchElements(), 144u);	// rounded up to the granule
 		EXPECT_EQ(Plan(code, 100).BatchCount(), 278u);
 		EXPECT_EQ(Plan(code, 0).Batched(), false);

@@ -39,20 +39,39 @@
 // of registers the program does not use are ignored. A program that runs whole-stream
 // (refused, or one batch) writes its scratch registers as usual.
 //
+// Prepared programs. When the verifier (cbvm_verifier.h) reports no problem at all for
+// the program on the file, Build also decodes every instruction once into a direct
+// kernel call of the active kernel set (cbvm_prepared_call.h): operands resolved, kernel
+// chosen, nothing checked again. A standard-path run of a prepared plan, batched or
+// whole-stream, is then a walk of those calls, with the words, assertion reports, hazard
+// counts and once-only warnings of the entry points (the checks it skips are the ones the
+// verifier found to hold; everything that depends on register values stays in the
+// kernels). It opens no per-instruction profiler scope. A program with a problem, a Low
+// path run, or a plan whose kernel set is no longer the active one runs through the
+// entry points as before. Prepared() and PreparedReason() say which.
+//
+// The register file. A plan holds pointers into the file it was built on. Before every
+// run the runner compares the table, the stream size and the pointer and size of every
+// register the program names with what Build saw (a walk over those registers): a file
+// changed since (rebuild the plan) runs whole-stream through the entry points, and one
+// whose registers no longer hold the stream (a register reallocated smaller, a stream
+// size grown past the registers) runs nothing at all: see CBatchRunner.
+//
 // Batches are multiples of kBatchGranule elements: a batch boundary never splits a
 // vector or an integer block of any kernel, so only the last batch has a tail, and
 // every batch of 32-byte aligned storage starts 32-byte aligned. The last batch takes
 // the elements left, at least two (a single one joins the batch before it: evaluating
 // one element, an instruction reads its one-value sources as streams, which can pick
 // another kernel). The default size keeps a batch's per-element registers within
-// kCacheBudgetBytes (the second-level cache: see there why not the first).
+// kCacheBudgetBytes (the first-level cache: see there).
 //
-// Build allocates (the plan owns a rewritten copy of the bytecode); running it does not.
+// Build allocates (the plan owns a rewritten copy of the bytecode and the prepared
+// calls). Running it allocates nothing, but for each thread's first run of a plan that
+// needs a larger scratch area than the thread had (see CBatchRunner).
 
 #include "cbvm_meta_ops.h"
 #include "cbvm_registers.h"
 
-#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -78,6 +97,7 @@ namespace Orvex
 		const char *BatchRefusalName(EBatchRefusal refusal);
 
 		struct CBatchRunnerAccess;
+		struct SPreparedProgram;
 
 		class CBatchPlan
 		{
@@ -86,19 +106,23 @@ namespace Orvex
 			// blocks divide 48 x every component count, and 48 elements of 4 to 16 bytes
 			// are a multiple of 32 bytes.
 			static constexpr u32 kBatchGranule = 48;
-			// Per-element bytes of a default batch: half a second-level cache. Measured on the
-			// development machine at a million elements: a three-instruction float program
-			// whose registers sit in the last-level cache ran fastest in first-level batches
-			// (432 elements: 1.3x the whole stream; 0.9x to 1.1x at this size), but a
-			// nine-instruction program that streams its registers from memory ran slower than
-			// the whole stream in them (0.66x; 1.4x at this size): short runs of each register
-			// defeat the hardware prefetchers, and every instruction of every batch pays its
-			// set-up (operand checks, kernel choice, constants: 10 to 20 ns a call). This size
-			// risks less; a host that knows its program sets its own.
-			static constexpr u32 kCacheBudgetBytes = 512 * 1024;
+			// Per-element bytes of a default batch: within the first-level data cache (32
+			// to 48 KiB on current x86 cores), so that every instruction after the first
+			// finds its operands there. Direct calls (prepared programs) cost a few
+			// nanoseconds each, so such small batches pay little for their number; the
+			// measurements that chose this size are in docs/BENCHMARKS.md.
+			static constexpr u32 kCacheBudgetBytes = 32 * 1024;
 			static constexpr u32 kDefaultBatch = ~0u;	// Build's batchElements: the size chosen from the program
+			// A prepared batched run prefetches each next batch's streams while the current
+			// one computes when the program's streams (outside the scratch registers) exceed
+			// this many bytes: past the second-level cache the next batch's lines come from
+			// memory, and the hardware prefetchers stop at a batch's end. Below, the lines are
+			// close already and prefetching them only costs load slots (measured in
+			// docs/BENCHMARKS.md).
+			static constexpr u64 kPrefetchFromBytes = 1024 * 1024;
 
-			CBatchPlan() = default;
+			CBatchPlan();
+			~CBatchPlan();
 			CBatchPlan(const CBatchPlan &) = delete;
 			CBatchPlan &operator=(const CBatchPlan &) = delete;
 
@@ -111,6 +135,21 @@ namespace Orvex
 			bool Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements = kDefaultBatch, const CVMRegID *scratch = nullptr,
 					   u32 scratchCount = 0);
 			bool Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements = kDefaultBatch, const CVMRegID *scratch = nullptr, u32 scratchCount = 0);
+
+			// Overrides the automatic choice of prefetching (kPrefetchFromBytes) until the
+			// next Build; for measurements. No effect on a plan that is not prepared.
+			void SetPrefetch(bool prefetch);
+			bool Prefetches() const;
+			// Drops the prepared calls: runs go through the entry points until the next
+			// Build (to compare the two, or to profile the entry points themselves).
+			void ForgetPrepared();
+
+			// Build was called (a plan never built runs nothing: CBatchRunner says so).
+			bool Built() const { return m_Built; }
+			// The standard path runs the prepared calls (see above).
+			bool Prepared() const { return m_Prepared != nullptr; }
+			// "prepared: 28 direct calls, avx512 kernels" or why not, in one sentence.
+			const char *PreparedReason() const { return m_PreparedReason; }
 
 			// True when the run goes in batches; false when it runs whole-stream: refused
 			// (Refusal() != None), batch size 0, or a stream that fits one batch.
@@ -141,12 +180,30 @@ namespace Orvex
 				u32 m_Scratch = kNotScratch;	// offset in a thread's scratch area
 			};
 
+			struct SInstruction;
+			struct SRange;
+			struct SScratchOf;
+			using Program = std::vector<SInstruction>;
+
+			// Build's steps, in order; each returns false after _Refuse when it refuses.
+			void _Reset(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers);
+			bool _Decode(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, Program &program);
+			bool _OrderRules(const Program &program, const CCBCPUMetaRegisters &registers, std::vector<SRange> &perElement, std::vector<SRange> &oneElement);
+			bool _Storage(const Program &program, const CCBCPUMetaRegisters &registers, std::vector<SRange> &perElement, const std::vector<SRange> &oneElement);
+			bool _Scratch(const Program &program, const CCBCPUMetaRegisters &registers, u32 slotCount, const CVMRegID *scratch, u32 scratchCount, SScratchOf &scratchOf);
+			void _Renumber(const u8 *bytecode, const Program &program, const CCBCPUMetaRegisters &registers);
+			bool _BatchSize(u32 batchElements);
+			bool _Areas(const CCBCPUMetaRegisters &registers, SScratchOf &scratchOf);
+			void _Snapshot(const Program &program, const CCBCPUMetaRegisters &registers);
+			void _Prepare(const Program &program, const CCBCPUMetaRegisters &registers, u32 slotCount, const SScratchOf &scratchOf);
 			void _Refuse(EBatchRefusal refusal, const char *format, ...);
 
+			bool m_Built = false;
 			bool m_Batched = false;
 			EBatchRefusal m_Refusal = BatchRefusal_None;
 			const CCBCPUMetaRegisters::SRegister *m_Table = nullptr;	// the planned file's table
 			char m_Reason[256] = "not planned";
+			char m_PreparedReason[256] = "not planned";
 			u32 m_Stream = 0;
 			u32 m_BatchElements = 0;
 			u32 m_BatchCount = 0;
@@ -158,16 +215,21 @@ namespace Orvex
 			std::vector<u8> m_Batch;		// per-element instructions, registers renumbered into m_Entries
 			std::vector<u32> m_HoistedOffsets, m_BatchOffsets;	// each instruction's offset in m_Whole
 			std::vector<SEntryPlan> m_Entries;	// 4 per renumbered slot
-			// What one running body needs besides its stack: a register table when it is too
-			// large for the stack, the scratch buffers. One per hardware thread (at most 64),
-			// taken and given back without a lock (a free bit each).
-			static constexpr u32 kStackEntries = 256;
+			// Every register the program names, as Build saw it, and what it must hold: the
+			// runner's check of the file.
+			struct SRegisterUse
+			{
+				u32 m_Entry;		// index in the table
+				CCBCPUMetaRegisters::SRegister m_Seen;
+				u32 m_ElementSize;
+				bool m_PerElement;	// holds the stream (else one element)
+			};
+			std::vector<SRegisterUse> m_Uses;
+			// A running body's scratch area: the scratch buffers (a multiple of kScratchAlign),
+			// and a batch's register table for a run through the entry points.
 			static constexpr u32 kScratchAlign = 64;
-			u32 m_PoolBodies = 0;
-			u32 m_ScratchBytes = 0;		// a body's scratch area (a multiple of kScratchAlign)
-			mutable std::unique_ptr<CCBCPUMetaRegisters::SRegister[]> m_Pool;	// tables, when larger than kStackEntries
-			mutable std::unique_ptr<u8[]> m_ScratchPool;	// scratch areas (kScratchAlign more, to align the first)
-			mutable std::atomic<u64> m_PoolFree{0};
+			u32 m_ScratchBytes = 0;
+			std::unique_ptr<SPreparedProgram> m_Prepared;	// null: not prepared
 		};
 	}
 }

@@ -1,6 +1,8 @@
 #include "cbvm_batch_plan.h"
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_prepared_call.h"
+#include "cbvm_verifier.h"
 #include "cbvm_register_storage.h"
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
-#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -31,30 +32,10 @@ namespace Orvex
 			};
 			static_assert(sizeof(kRefusalNames) / sizeof(kRefusalNames[0]) == __MaxBatchRefusals, "a name for every refusal");
 
-			// One instruction as the plan sees it.
-			struct SInstruction
-			{
-				u32 m_Offset;
-				u32 m_Size;
-				SOp_MathOp::EOp m_Op;
-				u32 m_Ids[3];		// destination, source 0, source 1 (kInvalidBits: none)
-				u32 m_Operands;		// 2 or 3
-				u32 m_ElementSize;	// of every operand: the paths size all three by source 0's type
-				bool m_PerElement;	// an Instance or Stream destination
-			};
-
-			// Bytes [m_Begin, m_End) of one register's storage as the program uses it.
-			struct SRange
-			{
-				std::uintptr_t m_Begin, m_End;
-				u32 m_ElementSize;
-				u32 m_Entry;		// its index in the table
-				u32 m_Bits;			// the id that named it (for the reason)
-				u32 m_Instruction;	// the instruction (for the reason)
-			};
-
-			bool Overlap(const SRange &a, const SRange &b) { return a.m_Begin < b.m_End && b.m_Begin < a.m_End; }
-			bool Exact(const SRange &a, const SRange &b) { return a.m_Begin == b.m_Begin && a.m_End == b.m_End && a.m_ElementSize == b.m_ElementSize; }
+			template <typename _Range>
+			bool Overlap(const _Range &a, const _Range &b) { return a.m_Begin < b.m_End && b.m_Begin < a.m_End; }
+			template <typename _Range>
+			bool Exact(const _Range &a, const _Range &b) { return a.m_Begin == b.m_Begin && a.m_End == b.m_End && a.m_ElementSize == b.m_ElementSize; }
 
 			// "stream.3:float3"
 			struct SIdText
@@ -120,6 +101,56 @@ namespace Orvex
 			va_end(args);
 		}
 
+		// One instruction as the plan sees it.
+		struct CBatchPlan::SInstruction
+		{
+			u32 m_Offset;
+			u32 m_Size;
+			SOp_MathOp::EOp m_Op;
+			u32 m_Ids[3];		// destination, source 0, source 1 (kInvalidBits: none)
+			u32 m_Operands;		// 2 or 3
+			u32 m_ElementSize;	// of every operand: the paths size all three by source 0's type
+			bool m_PerElement;	// an Instance or Stream destination
+		};
+
+		// Bytes [m_Begin, m_End) of one register's storage as the program uses it.
+		struct CBatchPlan::SRange
+		{
+			std::uintptr_t m_Begin, m_End;
+			u32 m_ElementSize;
+			u32 m_Entry;		// its index in the table
+			u32 m_Bits;			// the id that named it (for the reason)
+			u32 m_Instruction;	// the instruction (for the reason)
+		};
+
+		// Scratch storage, by its first byte (per-element storage overlaps only exactly, so
+		// aliases share it), and the table entries the host named.
+		struct CBatchPlan::SScratchOf
+		{
+			struct SScratch
+			{
+				bool m_Written = false;
+				u32 m_Offset = kNotScratch;	// in a body's scratch area, once placed
+			};
+			std::unordered_map<std::uintptr_t, SScratch> m_Of;
+			std::unordered_set<u32> m_Entries;
+
+			// The scratch storage at 'data', placed in the area, or null.
+			const SScratch *Placed(const void *data) const
+			{
+				const auto found = m_Of.find(reinterpret_cast<std::uintptr_t>(data));
+				return found != m_Of.end() && found->second.m_Offset != kNotScratch ? &found->second : nullptr;
+			}
+		};
+
+		namespace
+		{
+			u32 EntryOf(u32 bits) { return CVMRegID::SlotOf(bits) * CCBCPUMetaRegisters::kBanksPerSlot + CVMRegID::BankIndexOf(bits); }
+		}
+
+		CBatchPlan::CBatchPlan() = default;
+		CBatchPlan::~CBatchPlan() = default;
+
 		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CRegisterStorage &storage, u32 batchElements, const CVMRegID *scratch, u32 scratchCount)
 		{
 			return Build(bytecode, size, storage.Registers(), storage.SlotCount(), batchElements, scratch, scratchCount);
@@ -127,33 +158,69 @@ namespace Orvex
 
 		bool CBatchPlan::Build(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, u32 batchElements, const CVMRegID *scratch, u32 scratchCount)
 		{
+			_Reset(bytecode, size, registers);
+			m_Built = true;
+			Program program;
+			if (!_Decode(bytecode, size, registers, slotCount, program))
+				return false;
+			std::vector<SRange> perElement, oneElement;
+			SScratchOf scratchOf;
+			if (batchElements == 0)
+				std::snprintf(m_Reason, sizeof(m_Reason), "whole stream: a batch size of 0 was asked");
+			else if (_OrderRules(program, registers, perElement, oneElement) && _Storage(program, registers, perElement, oneElement) &&
+					 _Scratch(program, registers, slotCount, scratch, scratchCount, scratchOf))
+			{
+				_Renumber(bytecode, program, registers);
+				m_Batched = _BatchSize(batchElements) && _Areas(registers, scratchOf);
+			}
+			_Snapshot(program, registers);
+			_Prepare(program, registers, slotCount, scratchOf);
+			return m_Batched;
+		}
+
+		void CBatchPlan::SetPrefetch(bool prefetch)
+		{
+			if (m_Prepared != nullptr)
+				m_Prepared->m_Prefetch = prefetch;
+		}
+
+		void CBatchPlan::ForgetPrepared()
+		{
+			m_Prepared.reset();
+			std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "not prepared: the host dropped the prepared calls");
+		}
+
+		bool CBatchPlan::Prefetches() const
+		{
+			return m_Prepared != nullptr && m_Prepared->m_Prefetch && m_Batched;
+		}
+
+		void CBatchPlan::_Reset(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers)
+		{
+			m_Built = false;
 			m_Batched = false;
 			m_Refusal = BatchRefusal_None;
 			m_Stream = registers.m_StreamDimensions;
 			m_Table = registers.m_Registers;
-			m_BatchElements = 0;
-			m_BatchCount = 0;
-			m_HoistedCount = 0;
-			m_BytesPerElement = 0;
-			m_ScratchCount = 0;
+			m_BatchElements = m_BatchCount = m_HoistedCount = m_BytesPerElement = m_ScratchCount = m_ScratchBytes = 0;
 			m_Whole.assign(bytecode, bytecode + size);
 			m_Hoisted.clear();
 			m_Batch.clear();
 			m_HoistedOffsets.clear();
 			m_BatchOffsets.clear();
 			m_Entries.clear();
-			m_Pool.reset();
-			m_ScratchPool.reset();
-			m_PoolBodies = 0;
-			m_ScratchBytes = 0;
-			m_PoolFree = 0;
+			m_Uses.clear();
+			m_Prepared.reset();
+			std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "not prepared: the bytecode does not decode");
+		}
 
-			// Decode: the ids, sizes and kinds of every instruction.
-			std::vector<SInstruction> program;
+		// The ids, sizes and kinds of every instruction.
+		bool CBatchPlan::_Decode(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, Program &program)
+		{
 			for (u32 offset = 0; offset < size;)
 			{
 				const u8 opcode = bytecode[offset];
-				if (opcode < Opcode_MathOp || opcode > Opcode_MathOpDiv || size - offset < MathOp::InstructionSize(opcode))
+				if (!MathOp::IsMathOpOpcode(opcode) || size - offset < MathOp::InstructionSize(opcode))
 				{
 					_Refuse(BatchRefusal_Undecodable, "no math-op instruction at offset %u (verify the bytecode first)", offset);
 					return false;
@@ -183,23 +250,18 @@ namespace Orvex
 				program.push_back(ins);
 				offset += ins.m_Size;
 			}
-			if (batchElements == 0)
-			{
-				std::snprintf(m_Reason, sizeof(m_Reason), "whole stream: a batch size of 0 was asked");
-				return false;
-			}
+			return true;
+		}
 
+		// The rules of program order: one-element instructions read one-element sources
+		// only, and write nothing an earlier per-element instruction read.
+		bool CBatchPlan::_OrderRules(const Program &program, const CCBCPUMetaRegisters &registers, std::vector<SRange> &perElement, std::vector<SRange> &oneElement)
+		{
 			auto rangeOf = [&](u32 bits, u64 elements, u32 elementSize, u32 instruction) {
-				const CCBCPUMetaRegisters::SRegister &entry = registers.SelectWellFormed(bits);
-				const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(entry.m_RawData);
-				return SRange{begin, begin + std::uintptr_t(elements * elementSize), elementSize, CVMRegID::SlotOf(bits) * CCBCPUMetaRegisters::kBanksPerSlot + CVMRegID::BankIndexOf(bits), bits,
-							  instruction};
+				const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(registers.SelectWellFormed(bits).m_RawData);
+				return SRange{begin, begin + std::uintptr_t(elements * elementSize), elementSize, EntryOf(bits), bits, instruction};
 			};
-
-			// The rules of program order: one-element instructions read one-element
-			// sources only, and write nothing an earlier per-element instruction read.
 			CIntervals readByPerElement;
-			std::vector<SRange> perElement, oneElement;
 			for (u32 n = 0; n < program.size(); ++n)
 			{
 				const SInstruction &ins = program[n];
@@ -233,16 +295,20 @@ namespace Orvex
 					}
 				}
 			}
+			return true;
+		}
 
-			// Storage: each per-element register holds the stream, and per-element storage
-			// overlaps only exactly (aliases), and no one-element register overlaps it.
+		// Each per-element register holds the stream, per-element storage overlaps only
+		// exactly (aliases), and no one-element register overlaps it.
+		bool CBatchPlan::_Storage(const Program &program, const CCBCPUMetaRegisters &registers, std::vector<SRange> &perElement, const std::vector<SRange> &oneElement)
+		{
 			for (const SRange &range : perElement)
 			{
-				const CCBCPUMetaRegisters::SRegister &entry = registers.m_Registers[range.m_Entry];
-				if (u64(entry.m_Size) < u64(m_Stream) * range.m_ElementSize)
+				const u32 bytes = registers.m_Registers[range.m_Entry].m_Size;
+				if (u64(bytes) < u64(m_Stream) * range.m_ElementSize)
 				{
 					_Refuse(BatchRefusal_ShortRegister, "%s of instruction %u (offset %u) holds %u bytes, fewer than the stream's %u elements (%llu bytes)", SIdText(range.m_Bits).m_Text,
-							range.m_Instruction, program[range.m_Instruction].m_Offset, entry.m_Size, m_Stream, static_cast<unsigned long long>(u64(m_Stream) * range.m_ElementSize));
+							range.m_Instruction, program[range.m_Instruction].m_Offset, bytes, m_Stream, static_cast<unsigned long long>(u64(m_Stream) * range.m_ElementSize));
 					return false;
 				}
 			}
@@ -273,17 +339,13 @@ namespace Orvex
 							range.m_Instruction, program[range.m_Instruction].m_Offset);
 					return false;
 				}
+			return true;
+		}
 
-			// Scratch storage, by its first byte (per-element storage overlaps only exactly,
-			// so aliases share it): named by the host, written before it is read, every
-			// register on it named.
-			struct SScratch
-			{
-				bool m_Written = false;
-				u32 m_Offset = kNotScratch;	// in a body's scratch area, once placed
-			};
-			std::unordered_map<std::uintptr_t, SScratch> scratchOf;
-			std::unordered_set<u32> scratchEntries;	// table indices named
+		// Scratch registers: named by the host, per-element, written before they are read,
+		// every register on their storage named.
+		bool CBatchPlan::_Scratch(const Program &program, const CCBCPUMetaRegisters &registers, u32 slotCount, const CVMRegID *scratch, u32 scratchCount, SScratchOf &scratchOf)
+		{
 			for (u32 s = 0; s < scratchCount; ++s)
 			{
 				const u32 bits = scratch[s].Bits();
@@ -297,59 +359,62 @@ namespace Orvex
 					_Refuse(BatchRefusal_Scratch, "the scratch %s is a one-element register (only Instance and Stream registers can be scratch)", SIdText(bits).m_Text);
 					return false;
 				}
-				scratchEntries.insert(CVMRegID::SlotOf(bits) * CCBCPUMetaRegisters::kBanksPerSlot + CVMRegID::BankIndexOf(bits));
+				scratchOf.m_Entries.insert(EntryOf(bits));
 				if (const void *data = registers.SelectWellFormed(bits).m_RawData)
-					scratchOf.emplace(reinterpret_cast<std::uintptr_t>(data), SScratch());
+					scratchOf.m_Of.emplace(reinterpret_cast<std::uintptr_t>(data), SScratchOf::SScratch());
 			}
-			auto storageOf = [&](u32 bits) { return reinterpret_cast<std::uintptr_t>(registers.SelectWellFormed(bits).m_RawData); };
-			if (!scratchOf.empty())
-				for (u32 n = 0; n < program.size(); ++n)
+			for (u32 n = 0; n < program.size() && !scratchOf.m_Of.empty(); ++n)
+			{
+				const SInstruction &ins = program[n];
+				if (!ins.m_PerElement)
+					continue;	// one-element instructions name no per-element storage (checked before)
+				const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
+				for (u32 i = 0; i < ins.m_Operands; ++i)
 				{
-					const SInstruction &ins = program[n];
-					if (!ins.m_PerElement)
-						continue;	// one-element instructions name no per-element storage (checked above)
-					const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
-					for (u32 i = 0; i < ins.m_Operands; ++i)
+					const u32 bits = ins.m_Ids[i];
+					const auto found = CVMRegID::PerElementOf(bits) ? scratchOf.m_Of.find(reinterpret_cast<std::uintptr_t>(registers.SelectWellFormed(bits).m_RawData)) : scratchOf.m_Of.end();
+					if (found == scratchOf.m_Of.end())
+						continue;
+					if (scratchOf.m_Entries.count(EntryOf(bits)) == 0)
 					{
-						const u32 bits = ins.m_Ids[i];
-						const auto found = CVMRegID::PerElementOf(bits) ? scratchOf.find(storageOf(bits)) : scratchOf.end();
-						if (found == scratchOf.end())
-							continue;
-						if (scratchEntries.count(CVMRegID::SlotOf(bits) * CCBCPUMetaRegisters::kBanksPerSlot + CVMRegID::BankIndexOf(bits)) == 0)
-						{
-							_Refuse(BatchRefusal_Scratch, "%s of instruction %u (offset %u) '%s' shares storage with a scratch register but is not named scratch", SIdText(bits).m_Text, n,
-									ins.m_Offset, name);
-							return false;
-						}
-						if (i != 0 && !found->second.m_Written)
-						{
-							_Refuse(BatchRefusal_Scratch, "instruction %u (offset %u) '%s' reads the scratch %s before the program writes it", n, ins.m_Offset, name,
-									SIdText(bits).m_Text);
-							return false;
-						}
+						_Refuse(BatchRefusal_Scratch, "%s of instruction %u (offset %u) '%s' shares storage with a scratch register but is not named scratch", SIdText(bits).m_Text, n,
+								ins.m_Offset, name);
+						return false;
 					}
-					if (CVMRegID::PerElementOf(ins.m_Ids[0]))
-						if (const auto found = scratchOf.find(storageOf(ins.m_Ids[0])); found != scratchOf.end())
-							found->second.m_Written = true;
+					if (i != 0 && !found->second.m_Written)
+					{
+						_Refuse(BatchRefusal_Scratch, "instruction %u (offset %u) '%s' reads the scratch %s before the program writes it", n, ins.m_Offset, name, SIdText(bits).m_Text);
+						return false;
+					}
 				}
+				const auto found = scratchOf.m_Of.find(reinterpret_cast<std::uintptr_t>(registers.SelectWellFormed(ins.m_Ids[0]).m_RawData));
+				if (found != scratchOf.m_Of.end())
+					found->second.m_Written = true;
+			}
+			return true;
+		}
 
-			// Renumber the slots the per-element instructions use (a batch's table holds
-			// those only), note each per-element entry's element size, and split the code.
+		// The slots the per-element instructions use, renumbered (a batch's table for the
+		// entry points holds those only), each per-element entry's element size, and the
+		// code split into the hoisted one-element instructions and the batch's.
+		void CBatchPlan::_Renumber(const u8 *bytecode, const Program &program, const CCBCPUMetaRegisters &registers)
+		{
 			std::unordered_map<u32, u32> compact;	// slot -> renumbered slot
 			std::unordered_map<std::uintptr_t, u32> bytesOfStorage;	// per-element storage -> element size (aliases once)
 			for (const SInstruction &ins : program)
 			{
+				const u8 *code = bytecode + ins.m_Offset;
 				if (!ins.m_PerElement)
 				{
 					m_HoistedOffsets.push_back(ins.m_Offset);
-					m_Hoisted.insert(m_Hoisted.end(), bytecode + ins.m_Offset, bytecode + ins.m_Offset + ins.m_Size);
+					m_Hoisted.insert(m_Hoisted.end(), code, code + ins.m_Size);
 					++m_HoistedCount;
 					continue;
 				}
 				const std::size_t at = m_Batch.size();
 				m_BatchOffsets.push_back(ins.m_Offset);
-				m_Batch.insert(m_Batch.end(), bytecode + ins.m_Offset, bytecode + ins.m_Offset + ins.m_Size);
-				const u32 wb = MathOp::RegisterBlockOffset(bytecode[ins.m_Offset]);
+				m_Batch.insert(m_Batch.end(), code, code + ins.m_Size);
+				const u32 wb = MathOp::RegisterBlockOffset(code[0]);
 				const u32 fieldOffsets[3] = {CMetaOp_MathOp::kDstRegOffset, CMetaOp_MathOp::kSrcReg0Offset, CMetaOp_MathOp::kSrcReg1Offset};
 				for (u32 i = 0; i < ins.m_Operands; ++i)
 				{
@@ -369,13 +434,16 @@ namespace Orvex
 			}
 			for (const auto &storage : bytesOfStorage)
 				m_BytesPerElement += storage.second;
+		}
 
+		// The batch: a multiple of the granule, the default one within the cache budget.
+		bool CBatchPlan::_BatchSize(u32 batchElements)
+		{
 			if (m_BatchOffsets.empty())
 			{
 				std::snprintf(m_Reason, sizeof(m_Reason), "whole stream: no per-element instruction");
 				return false;
 			}
-			// The batch: a multiple of the granule, the default one within the cache budget.
 			u64 batch = batchElements;
 			if (batchElements == kDefaultBatch)
 				batch = std::max<u64>(1, kCacheBudgetBytes / std::max<u32>(m_BytesPerElement, 1) / kBatchGranule) * kBatchGranule;
@@ -391,14 +459,19 @@ namespace Orvex
 			}
 			m_BatchElements = u32(batch);
 			m_BatchCount = u32(count);
+			return true;
+		}
 
-			// Scratch areas: the largest batch (a lone last element joins the one before it)
-			// and the padding a register file guarantees after every register, each aligned.
+		// A body's scratch area: each scratch storage once, for the largest batch (a lone
+		// last element joins the one before it) and the padding a register file guarantees
+		// after every register, each aligned.
+		bool CBatchPlan::_Areas(const CCBCPUMetaRegisters &registers, SScratchOf &scratchOf)
+		{
 			u64 scratchBytes = 0;
 			for (SEntryPlan &entry : m_Entries)
 			{
-				const auto found = entry.m_ElementSize != 0 ? scratchOf.find(reinterpret_cast<std::uintptr_t>(registers.m_Registers[entry.m_Source].m_RawData)) : scratchOf.end();
-				if (found == scratchOf.end() || !found->second.m_Written)
+				const auto found = entry.m_ElementSize != 0 ? scratchOf.m_Of.find(reinterpret_cast<std::uintptr_t>(registers.m_Registers[entry.m_Source].m_RawData)) : scratchOf.m_Of.end();
+				if (found == scratchOf.m_Of.end() || !found->second.m_Written)
 					continue;
 				if (found->second.m_Offset == kNotScratch)
 				{
@@ -416,21 +489,71 @@ namespace Orvex
 				entry.m_Scratch = found->second.m_Offset;
 			}
 			m_ScratchBytes = u32(scratchBytes);
-			if (m_Entries.size() > kStackEntries || m_ScratchBytes != 0)
-			{
-				m_PoolBodies = std::clamp<u32>(std::thread::hardware_concurrency(), 1, 64);
-				if (m_Entries.size() > kStackEntries)
-					m_Pool.reset(new CCBCPUMetaRegisters::SRegister[std::size_t(m_PoolBodies) * m_Entries.size()]);
-				if (m_ScratchBytes != 0)
-					m_ScratchPool.reset(new u8[std::size_t(m_PoolBodies) * m_ScratchBytes + kScratchAlign]());	// zeroed, padding included
-				m_PoolFree = m_PoolBodies == 64 ? ~u64(0) : (u64(1) << m_PoolBodies) - 1;
-			}
-			m_Batched = true;
-			int length = std::snprintf(m_Reason, sizeof(m_Reason), "batches of %u elements (%u batches, %u per-element bytes each), %u one-element instruction%s first", m_BatchElements,
-									   m_BatchCount, m_BytesPerElement, m_HoistedCount, m_HoistedCount == 1 ? "" : "s");
+			const int length = std::snprintf(m_Reason, sizeof(m_Reason), "batches of %u elements (%u batches, %u per-element bytes each), %u one-element instruction%s first", m_BatchElements,
+											 m_BatchCount, m_BytesPerElement, m_HoistedCount, m_HoistedCount == 1 ? "" : "s");
 			if (m_ScratchCount != 0)
 				std::snprintf(m_Reason + length, sizeof(m_Reason) - u32(length), ", %u scratch register%s in per-thread buffers", m_ScratchCount, m_ScratchCount == 1 ? "" : "s");
 			return true;
+		}
+
+		// Every register the program names, as it is now, and what it must hold: the
+		// runner compares the file with this before each run.
+		void CBatchPlan::_Snapshot(const Program &program, const CCBCPUMetaRegisters &registers)
+		{
+			std::unordered_map<u32, u32> useOf;	// entry -> index in m_Uses
+			for (const SInstruction &ins : program)
+				for (u32 i = 0; i < ins.m_Operands; ++i)
+				{
+					const u32 entry = EntryOf(ins.m_Ids[i]);
+					const auto placed = useOf.emplace(entry, u32(m_Uses.size()));
+					if (placed.second)
+						m_Uses.push_back({entry, registers.m_Registers[entry], 0, false});
+					SRegisterUse &use = m_Uses[placed.first->second];
+					use.m_ElementSize = std::max(use.m_ElementSize, ins.m_ElementSize);
+					use.m_PerElement = use.m_PerElement || (ins.m_PerElement && CVMRegID::PerElementOf(ins.m_Ids[i]));
+				}
+		}
+
+		// Direct calls, when the verifier finds nothing at all to report on this file.
+		void CBatchPlan::_Prepare(const Program &program, const CCBCPUMetaRegisters &registers, u32 slotCount, const SScratchOf &scratchOf)
+		{
+			SVerifyProblem problem;
+			const SVerifyResult verified = CVerifier::Verify(m_Whole.data(), u32(m_Whole.size()), registers, slotCount, &problem, 1);
+			if (verified.Problems() != 0)
+			{
+				std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "not prepared: the verifier reports %u problem%s (offset %u: %s)", verified.Problems(),
+							  verified.Problems() == 1 ? "" : "s", problem.m_Offset, problem.m_Message);
+				return;
+			}
+			auto prepared = std::make_unique<SPreparedProgram>();
+			prepared->m_Set = &MathOp::ActiveKernelSet();
+			for (const SInstruction &ins : program)
+			{
+				const MathOp::SPreparedCall call = MathOp::CPreparedCalls::Prepare(m_Whole.data() + ins.m_Offset, ins.m_Offset, registers, *prepared->m_Set);
+				prepared->m_Whole.push_back(call);
+				if (!m_Batched || !ins.m_PerElement)
+					continue;
+				// In a batch, a scratch operand lives in the running thread's area.
+				MathOp::SPreparedCall batch = call;
+				for (MathOp::SPreparedOperand *operand : {&batch.m_Dst, &batch.m_Src0, &batch.m_Src1})
+					if (operand->m_Step != 0)
+						if (const SScratchOf::SScratch *placed = scratchOf.Placed(operand->m_Base))
+							operand->m_Scratch = placed->m_Offset;
+				prepared->m_Batch.push_back(batch);
+				for (const MathOp::SPreparedOperand *operand : {&batch.m_Dst, &batch.m_Src0, &batch.m_Src1})
+				{
+					const auto same = [&](const MathOp::SPreparedOperand &known) { return known.m_Base == operand->m_Base; };
+					if (operand->m_Step != 0 && operand->m_Scratch == kNotScratch && std::none_of(prepared->m_Streams.begin(), prepared->m_Streams.end(), same))
+						prepared->m_Streams.push_back(*operand);
+				}
+			}
+			u64 streamBytes = 0;
+			for (const MathOp::SPreparedOperand &stream : prepared->m_Streams)
+				streamBytes += u64(stream.m_Step) * m_Stream;
+			prepared->m_Prefetch = streamBytes > kPrefetchFromBytes;
+			std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "prepared: %u direct calls, %s kernels%s", u32(prepared->m_Whole.size()), prepared->m_Set->m_Name,
+						  prepared->m_Prefetch ? ", batches prefetch the next" : "");
+			m_Prepared = std::move(prepared);
 		}
 	}
 }

@@ -3,6 +3,7 @@
 // for one element, the one-element kernels (cbvm_math_op_single_kernels.h).
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_prepared_call.h"
 #include "cbvm_math_op_float_kernels.h"
 #include "cbvm_math_op_int_selector.h"
 #include "cbvm_math_op_rows.h"
@@ -102,14 +103,26 @@ namespace Orvex
 				_ExecStreams<_FixedOp>(registers, bytecode, wb, op);
 		}
 
-		// Each entry point is a profiler scope named after itself.
+		// Each entry point is a profiler scope named after itself. Constant-initialised, and
+		// shared with the prepared calls that stand for the entry points
+		// (cbvm_prepared_call.h), so that a profile counts an instruction under its entry's
+		// name however it ran.
 		constexpr TVector<float, 4> kEntryColor = {{1.0f, 0.1f, 0.5f, 1.0f}};
+		constexpr Profiler::SNodeDescriptor kEntryNodes[] = {
+			{"_ExecBytecode", __FILE__, kEntryColor, 0},	 {"_ExecBytecode_Add", __FILE__, kEntryColor, 0}, {"_ExecBytecode_Sub", __FILE__, kEntryColor, 0},
+			{"_ExecBytecode_Mul", __FILE__, kEntryColor, 0}, {"_ExecBytecode_Div", __FILE__, kEntryColor, 0},
+		};
+		static_assert(sizeof(kEntryNodes) / sizeof(kEntryNodes[0]) == CBVM::Opcode_MathOpDiv - CBVM::Opcode_MathOp + 1, "a profiler node for every math-op opcode");
+	}
+
+	const Profiler::SNodeDescriptor &MathOp::EntryProfilerNode(u8 opcode)
+	{
+		return kEntryNodes[IsMathOpOpcode(opcode) ? opcode - CBVM::Opcode_MathOp : 0];
 	}
 
 	u32 CMetaOp_MathOp::_ExecBytecode(const CBytecodeExecContext &execCtx, const u8 *bytecode)
 	{
-		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode", __FILE__, kEntryColor, 0);
-		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), kEntryNodes[0], true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOp);
 		_MetaOp_MathOp_ExecBytecode_Impl(execCtx, bytecode, kGenericRegistersOffset, SOp_MathOp::EOp(bytecode[kGenericOperatorOffset]));
 		return kGenericSize;
@@ -117,8 +130,7 @@ namespace Orvex
 
 	u32 CMetaOp_MathOp::_ExecBytecode_Add(const CBytecodeExecContext &execCtx, const u8 *bytecode)
 	{
-		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Add", __FILE__, kEntryColor, 0);
-		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), kEntryNodes[1], true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpAdd);
 		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Add>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Add);
 		return kSpecializedSize;
@@ -126,8 +138,7 @@ namespace Orvex
 
 	u32 CMetaOp_MathOp::_ExecBytecode_Sub(const CBytecodeExecContext &execCtx, const u8 *bytecode)
 	{
-		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Sub", __FILE__, kEntryColor, 0);
-		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), kEntryNodes[2], true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpSub);
 		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Sub>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Sub);
 		return kSpecializedSize;
@@ -135,8 +146,7 @@ namespace Orvex
 
 	u32 CMetaOp_MathOp::_ExecBytecode_Mul(const CBytecodeExecContext &execCtx, const u8 *bytecode)
 	{
-		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Mul", __FILE__, kEntryColor, 0);
-		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), kEntryNodes[3], true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpMul);
 		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Mul>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Mul);
 		return kSpecializedSize;
@@ -144,8 +154,7 @@ namespace Orvex
 
 	u32 CMetaOp_MathOp::_ExecBytecode_Div(const CBytecodeExecContext &execCtx, const u8 *bytecode)
 	{
-		static const Profiler::SNodeDescriptor s_Node("_ExecBytecode_Div", __FILE__, kEntryColor, 0);
-		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), s_Node, true);
+		const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), kEntryNodes[4], true);
 		OX_ASSERT(bytecode[0] == CBVM::Opcode_MathOpDiv);
 		_MetaOp_MathOp_ExecBytecode_Impl<SOp_MathOp::Op_Div>(execCtx, bytecode, kSpecializedRegistersOffset, SOp_MathOp::Op_Div);
 		return kSpecializedSize;

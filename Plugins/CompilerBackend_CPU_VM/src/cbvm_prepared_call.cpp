@@ -1,0 +1,71 @@
+#include "cbvm_prepared_call.h"
+
+#include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_float_kernels.h"
+#include "cbvm_math_op_int_selector.h"
+#include "cbvm_stream_copier.h"
+
+namespace Orvex
+{
+	namespace MathOp
+	{
+		namespace
+		{
+			// ExecOperatorInt past its checks (the verifier made them): each constant operand
+			// as a 12-integer block on the stack, then the set's block kernel, or SSE2's for
+			// fewer integers than the set's block.
+			template <int _Dimension>
+			void _RunInt(const SPreparedCall &call, void *dst, u32 count, const void *src0, const void *src1)
+			{
+				alignas(16) s32 constantBlocks[2][12];
+				if (call.m_Stride0 == 0)
+					src0 = TBroadcaster<_Dimension>::Broadcast12(src0, constantBlocks[0]);
+				if (src1 != nullptr && call.m_Stride1 == 0)
+					src1 = TBroadcaster<_Dimension>::Broadcast12(src1, constantBlocks[1]);
+				s32 *d = static_cast<s32 *>(dst);
+				const std::size_t ints = std::size_t(count) * _Dimension;
+				const FnIntPacked kernel = ints >= call.m_IntMinInts ? call.m_IntKernel : &_ExecIntOperatorPacked;
+				kernel(call.m_Op, d, d + ints, static_cast<const s32 *>(src0), call.m_Stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1), call.m_Stride1 != 0 ? 48u : 0u);
+			}
+
+			constexpr FnPreparedInt kIntCalls[] = {&_RunInt<1>, &_RunInt<2>, &_RunInt<3>, &_RunInt<4>};
+			static_assert(sizeof(kIntCalls) / sizeof(kIntCalls[0]) == 4, "one integer call per component count");
+
+			SPreparedOperand _Operand(void *data, u32 stride) { return {static_cast<u8 *>(data), stride, SPreparedOperand::kNotScratch}; }
+		}
+
+		SPreparedCall CPreparedCalls::Prepare(const u8 *bytecode, u32 offset, const CCBCPUMetaRegisters &registers, const SKernelSet &set)
+		{
+			SPreparedCall call;
+			call.m_Offset = offset;
+			call.m_Bytecode = bytecode;
+			call.m_Node = &EntryProfilerNode(bytecode[0]);
+			call.m_Op = OperatorOf(bytecode);
+			const SOperandIds ids = ReadOperandIds(bytecode, RegisterBlockOffset(bytecode[0]));
+			// One-element instructions, and (defensively: the caller verified) any that does
+			// not pass the entry point's checks, call the entry point.
+			call.m_Entry = CBVM::CInterpreter::Entry(CBVM::ExecPath_Standard, bytecode[0]).m_Exec;
+			SProbePolicy probe;
+			SResolvedMathOp r = {};
+			if (!CVMRegID::PerElementOf(ids.m_Dst) || !ResolveOperands<Path_Standard>(probe, registers, bytecode, RegisterBlockOffset(bytecode[0]), call.m_Op, r))
+				return call;
+			call.m_Stride = r.m_Stride;
+			call.m_Stride0 = r.m_Stride0;
+			call.m_Stride1 = r.m_Stride1;
+			// A batch moves a stream operand by whole elements; a one-value one stays.
+			call.m_Dst = _Operand(r.m_EvalInto, r.m_Stride);
+			call.m_Src0 = _Operand(const_cast<void *>(r.m_Data0), r.m_Stride0);
+			call.m_Src1 = _Operand(const_cast<void *>(r.m_Data1), r.m_Stride1);
+			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);
+			if (type.m_Kind == ElementKind_Float)
+				call.m_Float = (*set.m_Float)[u32(call.m_Op) * 4 + (type.m_Components - 1)];
+			else
+			{
+				call.m_Int = kIntCalls[type.m_Components - 1];
+				call.m_IntKernel = set.m_Int;
+				call.m_IntMinInts = set.m_IntMinInts;
+			}
+			return call;
+		}
+	}
+}
