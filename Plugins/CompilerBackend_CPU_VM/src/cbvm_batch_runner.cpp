@@ -92,28 +92,28 @@ namespace Orvex
 				}
 			}
 
-			// Prepared calls over elements [first, first + count), each with its offset as
-			// the instruction pointer of 'registers'.
-			void RunCalls(const MathOp::SPreparedCall *calls, u32 callCount, u32 first, u32 count, const CBytecodeExecContext &context)
+			// Prepared calls over elements [first, first + count), each with its offset as the
+			// instruction pointer of the context's registers; with the entry points' profiler
+			// nodes when the profiler records. 'prefetch' (or null) brings the next batch's
+			// lines in, a slice before each call.
+			template <bool _Profiled>
+			void RunCallsAs(const MathOp::SPreparedCall *calls, u32 callCount, u32 first, u32 count, const CBytecodeExecContext &context, CBatchPrefetch *prefetch)
 			{
 				for (u32 c = 0; c < callCount; ++c)
 				{
+					if (prefetch != nullptr)
+						prefetch->Next();
 					context.m_Registers.m_InstructionPointer = calls[c].m_Offset;
-					MathOp::CPreparedCalls::Run(calls[c], first, count, context);
+					MathOp::CPreparedCalls::Run<_Profiled>(calls[c], first, count, context);
 				}
 			}
 
-			// The same, prefetching the batch of 'next' elements from 'nextFirst' meanwhile.
-			void RunCallsPrefetching(const SPreparedProgram &program, const MathOp::SPreparedCall *calls, u32 first, u32 count, u32 nextFirst, u32 next, const CBytecodeExecContext &context)
+			void RunCalls(const MathOp::SPreparedCall *calls, u32 callCount, u32 first, u32 count, const CBytecodeExecContext &context, CBatchPrefetch *prefetch = nullptr)
 			{
-				const u32 callCount = u32(program.m_Batch.size());
-				CBatchPrefetch prefetch(program, nextFirst, next, callCount);
-				for (u32 c = 0; c < callCount; ++c)
-				{
-					prefetch.Next();
-					context.m_Registers.m_InstructionPointer = calls[c].m_Offset;
-					MathOp::CPreparedCalls::Run(calls[c], first, count, context);
-				}
+				if (Profiler::MainEngineProfiler()->Enabled())
+					RunCallsAs<true>(calls, callCount, first, count, context, prefetch);
+				else
+					RunCallsAs<false>(calls, callCount, first, count, context, prefetch);
 			}
 
 			// What every batch of one run shares.
@@ -213,7 +213,8 @@ namespace Orvex
 					if (prepared->m_Prefetch && batch + 1 < end)
 					{
 						const u32 nextFirst = first + count;
-						RunCallsPrefetching(*prepared, bound, first, count, nextFirst, batch + 2 == plan.m_BatchCount ? plan.m_Stream - nextFirst : plan.m_BatchElements, context);
+						CBatchPrefetch prefetch(*prepared, nextFirst, batch + 2 == plan.m_BatchCount ? plan.m_Stream - nextFirst : plan.m_BatchElements, calls);
+						RunCalls(bound, calls, first, count, context, &prefetch);
 					}
 					else
 						RunCalls(bound, calls, first, count, context);

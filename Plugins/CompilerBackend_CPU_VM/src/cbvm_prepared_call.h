@@ -101,23 +101,37 @@ namespace Orvex
 
 			// Runs 'call' (bound, or without scratch operands) over elements [first, first +
 			// count); 'context' is the file for an entry point (one-element instructions
-			// ignore first and count).
+			// ignore first and count). _Profiled: record the entry point's profiler node (the
+			// caller looks at the profiler once per batch, not once per call).
+			template <bool _Profiled>
 			static __attribute__((always_inline)) void Run(const SPreparedCall &call, u32 first, u32 count, const CBytecodeExecContext &context)
 			{
-				if (call.m_Float == nullptr && call.m_Int == nullptr)
-				{
-					call.m_Entry(context, call.m_Bytecode);	// records its own scope
-					return;
-				}
-				const Profiler::CScopedNode scope(Profiler::MainEngineProfiler(), *call.m_Node, true);
-				void *dst = call.m_Dst.At(first);
-				const void *src0 = call.m_Src0.At(first);
-				const void *src1 = call.m_Src1.At(first);
 				if (call.m_Float != nullptr)
-					call.m_Float(dst, call.m_Stride, count, src0, call.m_Stride0, src1, call.m_Stride1);
+				{
+					const TScope<_Profiled> scope(*call.m_Node);
+					call.m_Float(call.m_Dst.At(first), call.m_Stride, count, call.m_Src0.At(first), call.m_Stride0, call.m_Src1.At(first), call.m_Stride1);
+				}
+				else if (call.m_Int != nullptr)
+				{
+					const TScope<_Profiled> scope(*call.m_Node);
+					call.m_Int(call, call.m_Dst.At(first), count, call.m_Src0.At(first), call.m_Src1.At(first));
+				}
 				else
-					call.m_Int(call, dst, count, src0, src1);
+					call.m_Entry(context, call.m_Bytecode);	// records its own scope
 			}
+
+		private:
+			template <bool _Profiled>
+			struct TScope
+			{
+				explicit TScope(const Profiler::SNodeDescriptor &) {}
+			};
+		};
+
+		template <>
+		struct CPreparedCalls::TScope<true> : Profiler::CScopedNode
+		{
+			explicit TScope(const Profiler::SNodeDescriptor &node) : Profiler::CScopedNode(Profiler::MainEngineProfiler(), node, true) {}
 		};
 	}
 }
