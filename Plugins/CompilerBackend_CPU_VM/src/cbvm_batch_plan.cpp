@@ -1,6 +1,7 @@
 #include "cbvm_batch_plan.h"
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_decoder.h"
 #include "cbvm_prepared_call.h"
 #include "cbvm_verifier.h"
 #include "cbvm_register_storage.h"
@@ -36,16 +37,6 @@ namespace Orvex
 			bool Overlap(const _Range &a, const _Range &b) { return a.m_Begin < b.m_End && b.m_Begin < a.m_End; }
 			template <typename _Range>
 			bool Exact(const _Range &a, const _Range &b) { return a.m_Begin == b.m_Begin && a.m_End == b.m_End && a.m_ElementSize == b.m_ElementSize; }
-
-			// "stream.3:float3"
-			struct SIdText
-			{
-				char m_Text[48];
-				explicit SIdText(u32 bits)
-				{
-					std::snprintf(m_Text, sizeof(m_Text), "%s.%u:%s", Compiler::MetaTypeName(CVMRegID::BankOf(bits)), CVMRegID::SlotOf(bits), BaseTypeName(CVMRegID::TypeOf(bits)));
-				}
-			};
 
 			void StoreLittleEndian(u8 *at, u32 value)
 			{
@@ -217,27 +208,23 @@ namespace Orvex
 		// The ids, sizes and kinds of every instruction.
 		bool CBatchPlan::_Decode(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, Program &program)
 		{
-			for (u32 offset = 0; offset < size;)
+			CMathOpWalker walk(bytecode, size);
+			SMathOpInstruction decoded;
+			while (walk.Next(decoded))
 			{
-				const u8 opcode = bytecode[offset];
-				if (!MathOp::IsMathOpOpcode(opcode) || size - offset < MathOp::InstructionSize(opcode))
-				{
-					_Refuse(BatchRefusal_Undecodable, "no math-op instruction at offset %u (verify the bytecode first)", offset);
-					return false;
-				}
-				SInstruction ins;
-				ins.m_Offset = offset;
-				ins.m_Size = MathOp::InstructionSize(opcode);
-				ins.m_Op = MathOp::OperatorOf(bytecode + offset);
-				if (u32(ins.m_Op) >= SOp_MathOp::__MaxOps)
+				const u32 offset = decoded.m_Offset;
+				if (!decoded.KnownOperator())
 				{
 					_Refuse(BatchRefusal_Undecodable, "unknown operator at offset %u (verify the bytecode first)", offset);
 					return false;
 				}
-				const MathOp::SOperandIds ids = MathOp::ReadOperandIds(bytecode + offset, MathOp::RegisterBlockOffset(opcode));
-				ins.m_Ids[0] = ids.m_Dst;
-				ins.m_Ids[1] = ids.m_Src0;
-				ins.m_Ids[2] = ids.m_Src1;
+				SInstruction ins;
+				ins.m_Offset = offset;
+				ins.m_Size = decoded.m_Size;
+				ins.m_Op = decoded.m_Op;
+				ins.m_Ids[0] = decoded.Dst();
+				ins.m_Ids[1] = decoded.Src0();
+				ins.m_Ids[2] = decoded.Src1();
 				ins.m_Operands = SOp_MathOp::OperatorTraits(ins.m_Op).m_ParameterCount + 1u;
 				for (u32 i = 0; i < ins.m_Operands; ++i)
 					if (!CVMRegID::WellFormedBits(ins.m_Ids[i]) || CVMRegID::SlotOf(ins.m_Ids[i]) >= slotCount || registers.m_Registers == nullptr)
@@ -248,7 +235,11 @@ namespace Orvex
 				ins.m_ElementSize = BaseTypeInfo(CVMRegID::TypeOf(ins.m_Ids[1])).m_Size;
 				ins.m_PerElement = CVMRegID::PerElementOf(ins.m_Ids[0]);
 				program.push_back(ins);
-				offset += ins.m_Size;
+			}
+			if (walk.Problem() != MathOpDecode_Ok)
+			{
+				_Refuse(BatchRefusal_Undecodable, "no math-op instruction at offset %u (verify the bytecode first)", decoded.m_Offset);
+				return false;
 			}
 			return true;
 		}
@@ -272,14 +263,14 @@ namespace Orvex
 						if (CVMRegID::PerElementOf(ins.m_Ids[i]))
 						{
 							_Refuse(BatchRefusal_OneElementReadsStream, "instruction %u (offset %u) '%s' writes the one-element %s from the per-element %s: it reads element 0 of the whole stream", n,
-									ins.m_Offset, name, SIdText(ins.m_Ids[0]).m_Text, SIdText(ins.m_Ids[i]).m_Text);
+									ins.m_Offset, name, SRegisterIdText(ins.m_Ids[0]).m_Text, SRegisterIdText(ins.m_Ids[i]).m_Text);
 							return false;
 						}
 					const SRange written = rangeOf(ins.m_Ids[0], 1, ins.m_ElementSize, n);
 					if (readByPerElement.Overlaps(written.m_Begin, written.m_End))
 					{
 						_Refuse(BatchRefusal_WrittenAfterRead, "instruction %u (offset %u) '%s' writes %s, which an earlier per-element instruction reads: it cannot run before the batches", n,
-								ins.m_Offset, name, SIdText(ins.m_Ids[0]).m_Text);
+								ins.m_Offset, name, SRegisterIdText(ins.m_Ids[0]).m_Text);
 						return false;
 					}
 				}
@@ -307,7 +298,7 @@ namespace Orvex
 				const u32 bytes = registers.m_Registers[range.m_Entry].m_Size;
 				if (u64(bytes) < u64(m_Stream) * range.m_ElementSize)
 				{
-					_Refuse(BatchRefusal_ShortRegister, "%s of instruction %u (offset %u) holds %u bytes, fewer than the stream's %u elements (%llu bytes)", SIdText(range.m_Bits).m_Text,
+					_Refuse(BatchRefusal_ShortRegister, "%s of instruction %u (offset %u) holds %u bytes, fewer than the stream's %u elements (%llu bytes)", SRegisterIdText(range.m_Bits).m_Text,
 							range.m_Instruction, program[range.m_Instruction].m_Offset, bytes, m_Stream, static_cast<unsigned long long>(u64(m_Stream) * range.m_ElementSize));
 					return false;
 				}
@@ -324,7 +315,7 @@ namespace Orvex
 					const SRange &first = a.m_Instruction <= b.m_Instruction ? a : b;
 					const SRange &second = a.m_Instruction <= b.m_Instruction ? b : a;
 					_Refuse(BatchRefusal_OverlappingStorage, "%s of instruction %u (offset %u) and %s of instruction %u (offset %u) share storage other than exactly (%u- and %u-byte elements)",
-							SIdText(first.m_Bits).m_Text, first.m_Instruction, program[first.m_Instruction].m_Offset, SIdText(second.m_Bits).m_Text, second.m_Instruction,
+							SRegisterIdText(first.m_Bits).m_Text, first.m_Instruction, program[first.m_Instruction].m_Offset, SRegisterIdText(second.m_Bits).m_Text, second.m_Instruction,
 							program[second.m_Instruction].m_Offset, first.m_ElementSize, second.m_ElementSize);
 					return false;
 				}
@@ -335,7 +326,7 @@ namespace Orvex
 			for (const SRange &range : oneElement)
 				if (perElementBytes.Overlaps(range.m_Begin, range.m_End))
 				{
-					_Refuse(BatchRefusal_OverlappingStorage, "the one-element %s of instruction %u (offset %u) lies in per-element storage", SIdText(range.m_Bits).m_Text,
+					_Refuse(BatchRefusal_OverlappingStorage, "the one-element %s of instruction %u (offset %u) lies in per-element storage", SRegisterIdText(range.m_Bits).m_Text,
 							range.m_Instruction, program[range.m_Instruction].m_Offset);
 					return false;
 				}
@@ -356,7 +347,7 @@ namespace Orvex
 				}
 				if (!CVMRegID::PerElementOf(bits))
 				{
-					_Refuse(BatchRefusal_Scratch, "the scratch %s is a one-element register (only Instance and Stream registers can be scratch)", SIdText(bits).m_Text);
+					_Refuse(BatchRefusal_Scratch, "the scratch %s is a one-element register (only Instance and Stream registers can be scratch)", SRegisterIdText(bits).m_Text);
 					return false;
 				}
 				scratchOf.m_Entries.insert(EntryOf(bits));
@@ -377,13 +368,13 @@ namespace Orvex
 						continue;
 					if (scratchOf.m_Entries.count(EntryOf(bits)) == 0)
 					{
-						_Refuse(BatchRefusal_Scratch, "%s of instruction %u (offset %u) '%s' shares storage with a scratch register but is not named scratch", SIdText(bits).m_Text, n,
+						_Refuse(BatchRefusal_Scratch, "%s of instruction %u (offset %u) '%s' shares storage with a scratch register but is not named scratch", SRegisterIdText(bits).m_Text, n,
 								ins.m_Offset, name);
 						return false;
 					}
 					if (i != 0 && !found->second.m_Written)
 					{
-						_Refuse(BatchRefusal_Scratch, "instruction %u (offset %u) '%s' reads the scratch %s before the program writes it", n, ins.m_Offset, name, SIdText(bits).m_Text);
+						_Refuse(BatchRefusal_Scratch, "instruction %u (offset %u) '%s' reads the scratch %s before the program writes it", n, ins.m_Offset, name, SRegisterIdText(bits).m_Text);
 						return false;
 					}
 				}

@@ -1,6 +1,7 @@
 #include "cbvm_prepared_call.h"
 
 #include "cbvm_math_op_checks.h"
+#include "cbvm_math_op_decoder.h"
 #include "cbvm_math_op_float_kernels.h"
 #include "cbvm_math_op_int_selector.h"
 #include "cbvm_stream_copier.h"
@@ -40,14 +41,14 @@ namespace Orvex
 			call.m_Offset = offset;
 			call.m_Bytecode = bytecode;
 			call.m_Node = &EntryProfilerNode(bytecode[0]);
-			call.m_Op = OperatorOf(bytecode);
-			const SOperandIds ids = ReadOperandIds(bytecode, RegisterBlockOffset(bytecode[0]));
+			const CBVM::SMathOpInstruction ins = CBVM::ReadMathOp(bytecode, offset);
+			call.m_Op = ins.m_Op;
 			// One-element instructions, and (defensively: the caller verified) any that does
 			// not pass the entry point's checks, call the entry point.
 			call.m_Entry = CBVM::CInterpreter::Entry(CBVM::ExecPath_Standard, bytecode[0]).m_Exec;
 			SProbePolicy probe;
 			SResolvedMathOp r = {};
-			if (!CVMRegID::PerElementOf(ids.m_Dst) || !ResolveOperands<Path_Standard>(probe, registers, bytecode, RegisterBlockOffset(bytecode[0]), call.m_Op, r))
+			if (!CVMRegID::PerElementOf(ins.Dst()) || !ResolveOperands<Path_Standard>(probe, registers, bytecode, RegisterBlockOffset(bytecode[0]), call.m_Op, r))
 				return call;
 			call.m_Stride = r.m_Stride;
 			call.m_Stride0 = r.m_Stride0;
