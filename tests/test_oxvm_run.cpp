@@ -212,6 +212,18 @@ namespace
 		EXPECT_NE(result.m_Out.find("  [99] 104\n"), std::string::npos);
 	}
 
+	// The "calls" line: a program the verifier accepts runs as prepared direct calls on the
+	// standard path; the Low path runs through its entry points.
+	TEST_F(OxvmRun, TheCallsLineSaysWhetherTheProgramRunsPrepared)
+	{
+		const SOxvmResult standard = Oxvm("run --frames 2 --isa sse2");
+		ASSERT_EQ(standard.m_Status, 0) << standard.m_Err;
+		EXPECT_EQ(LineStarting(standard.m_Out, "calls"), "calls      prepared: 9 direct calls, sse2 kernels");
+		const SOxvmResult low = Oxvm("run --frames 2 --path low");
+		ASSERT_EQ(low.m_Status, 0) << low.m_Err;
+		EXPECT_EQ(LineStarting(low.m_Out, "calls"), "calls      not prepared: the Low path runs through its entry points");
+	}
+
 	// Batches: the "batching" line says how the run went or why it was whole-stream, and
 	// the results are the whole-stream run's.
 	TEST_F(OxvmRun, BatchedRunsGiveTheWholeStreamResults)

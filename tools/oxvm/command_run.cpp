@@ -218,6 +218,8 @@ namespace OxVm
 			);
 		else
 			fmt::print("batching   none: {}\n", plan.Reason());
+		// Prepared calls run the standard path only (the Low path has its own entry points).
+		fmt::print("calls      {}\n", path == CBVM::ExecPath_Standard ? plan.PreparedReason() : "not prepared: the Low path runs through its entry points");
 		if (!dropped.empty())
 		{
 			std::string names;

@@ -95,14 +95,23 @@ namespace OxVm
 		const Clock::time_point start = Clock::now();
 		for (u32 frame = 0; frame < options.m_Frames; ++frame)
 		{
-			const CBVM::SRunResult result = options.m_Plan != nullptr ? CBVM::CBatchRunner::Run(*options.m_Plan, context, options.m_Path, options.m_Parallel).m_Run
-																		: CBVM::CInterpreter::Run(context, bytecode.data(), u32(bytecode.size()), options.m_Path);
-			if (result.m_Status != CBVM::RunStatus_Ok)
+			CBVM::SBatchRunResult run;
+			if (options.m_Plan != nullptr)
+				run = CBVM::CBatchRunner::Run(*options.m_Plan, context, options.m_Path, options.m_Parallel);
+			else
+				run.m_Run = CBVM::CInterpreter::Run(context, bytecode.data(), u32(bytecode.size()), options.m_Path);
+			if (run.m_Run.m_Status != CBVM::RunStatus_Ok)
 			{
 				char text[160];
-				CBVM::CInterpreter::FormatError(result, text, sizeof(text));
+				CBVM::CInterpreter::FormatError(run.m_Run, text, sizeof(text));
 				timing.m_Ok = false;
 				timing.m_Error = fmt::format("frame {}: {}", frame, text);
+				break;
+			}
+			if (run.m_Status != CBVM::BatchRun_Ok)
+			{
+				timing.m_Ok = false;
+				timing.m_Error = fmt::format("frame {}: {}", frame, CBVM::BatchRunStatusName(run.m_Status));
 				break;
 			}
 			if (options.m_Progress != nullptr)
