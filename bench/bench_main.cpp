@@ -53,10 +53,11 @@ namespace OxBench
 		// the time per batch is a line in the batch size whose intercept is that cost.
 		constexpr std::uint32_t kCallCostBatches[] = {48, 96, 192, 384, 768, 1536, 3072};
 		constexpr std::uint32_t kCallCostCount = 65536;
-		// The same for a whole program: W12 (28 instructions) at 4,096 elements, whose
-		// registers stay in the second-level cache; the intercept over 28 is a call's.
+		// The same for whole programs: W12 (28 instructions) and W13 (29) at 4,096 elements,
+		// whose registers stay in the second-level cache (the intercept over the program's
+		// instructions is a call's), and at a million, streaming from memory: the
+		// measurements behind the default batch size (CBatchPlan::kCacheBudgetBytes).
 		constexpr std::uint32_t kProgramCostBatches[] = {48, 96, 192, 384, 768, 1536};
-		constexpr std::uint32_t kProgramCostCount = 4096;
 		// W1, W4 and W6 also at the sizes either side of 4,096, where three streams of 16 KiB
 		// fill a 48 KiB level-1 data cache (and overflow a 32 KiB one), against the SSE2 and
 		// the native baselines.
@@ -179,9 +180,11 @@ namespace OxBench
 						RegisterBatches(workload, count, batch);
 			for (const std::uint32_t batch : kCallCostBatches)
 				RegisterBatches(Workload_W1, kCallCostCount, batch);
-			for (const std::uint32_t batch : kProgramCostBatches)
-				if (std::find(std::begin(kBatchSizes), std::end(kBatchSizes), batch) == std::end(kBatchSizes))	// those are registered above
-					RegisterBatches(Workload_W12, kProgramCostCount, batch);
+			for (const EWorkload workload : {Workload_W12, Workload_W13})
+				for (const std::uint32_t count : kBatchSizeCounts)
+					for (const std::uint32_t batch : kProgramCostBatches)
+						if (std::find(std::begin(kBatchSizes), std::end(kBatchSizes), batch) == std::end(kBatchSizes))	// those are registered above
+							RegisterBatches(workload, count, batch);
 			// The default plan with prefetching forced off and on, at every size: the
 			// measurements behind CBatchPlan::kPrefetchFromBytes.
 			for (const EWorkload workload : {Workload_W12, Workload_W13})

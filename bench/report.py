@@ -36,6 +36,12 @@ FUSED = ("W12", "W13")
 BATCH_SIZES = (384, 768)
 BATCH_SIZE_COUNTS = (REFERENCE, LARGEST)
 CALL_COST = ("W1", 65536)	# the one-instruction program and its stream, at batch sizes 48 to 3,072
+# Whole programs at batch sizes 48 to 1,536 (their instruction counts): the fixed cost of
+# a call inside a program, and the measurements behind the default batch size.
+PROGRAM_COST = {"W12": 28, "W13": 29}
+PROGRAM_BATCHES = (48, 96, 192, 384, 768, 1536)
+# Hand-written notes on the prepared programs' targets, included as they are.
+NOTES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs", "benchmarks_notes.md")
 CPU_FLAGS = ("sse2", "avx", "avx2", "fma", "avx512f", "avx512dq", "avx512bw", "avx512vl")
 
 
@@ -713,6 +719,54 @@ def call_cost_fit(res):
     return my - slope * mx, slope, points
 
 
+def least_squares(points):
+    """(intercept, slope) of y = a + b x over (x, y) points, weights 1 / y^2."""
+    w = [1 / (y * y) for _, y in points]
+    sw = sum(w)
+    mx = sum(wi * x for wi, (x, _) in zip(w, points)) / sw
+    my = sum(wi * y for wi, (_, y) in zip(w, points)) / sw
+    sxx = sum(wi * (x - mx) ** 2 for wi, (x, _) in zip(w, points))
+    sxy = sum(wi * (x - mx) * (y - my) for wi, (x, y) in zip(w, points))
+    return my - sxy / sxx * mx, sxy / sxx
+
+
+def program_tables(res):
+    """Whole programs batched at every size of PROGRAM_BATCHES: rates, and at 4,096 elements
+    the fit of ns per call against elements per call (time per batch over the program's
+    instructions)."""
+    out = ["| workload, elements | default | " + " | ".join(str(b) for b in PROGRAM_BATCHES) + " |", "|---|---:|" + "---:|" * len(PROGRAM_BATCHES)]
+    fits = []
+    for wid, instructions in PROGRAM_COST.items():
+        for n in BATCH_SIZE_COUNTS:
+            rates = [res.rate(wid, "batched", n)] + [res.rate(wid, f"batched_b{b}", n) for b in PROGRAM_BATCHES]
+            out.append(f"| {wid}, {fmt_size(n)} | " + " | ".join(fmt_rate(r) for r in rates) + " |")
+        points = []
+        for b in PROGRAM_BATCHES:
+            t = res.ns(wid, f"batched_b{b}", REFERENCE)
+            if t:
+                batches = -(-REFERENCE // b)
+                points.append((REFERENCE / batches, t / batches / instructions))
+        if len(points) >= 2:
+            a, slope = least_squares(points)
+            fits.append(f"{wid} ({instructions} instructions) at {fmt_size(REFERENCE)}: ns per call = {a:.2f} + {slope:.4f} × elements")
+    return out + [""] + [f"- {f}" for f in fits]
+
+
+def prefetch_table(res):
+    """The default plan with prefetching as chosen, forced off and forced on."""
+    out = ["| workload, elements | as chosen | off | on | off ÷ chosen | on ÷ chosen |", "|---|---:|---:|---:|---:|---:|"]
+    for wid in FUSED:
+        for n in W12_SIZES:
+            rates = [res.rate(wid, impl, n) for impl in ("batched", "batched_noprefetch", "batched_prefetch")]
+            out.append(f"| {wid}, {fmt_size(n)} | " + " | ".join(fmt_rate(r) for r in rates) + " | " +
+                       " | ".join(fmt_ratio(res.ratio(wid, impl, "batched", n)) for impl in ("batched_noprefetch", "batched_prefetch")) + " |")
+    return out
+
+
+def notes_section():
+    return open(NOTES).read().rstrip().split("\n") if os.path.exists(NOTES) else []
+
+
 def batch_tables(res):
     out = ["| workload, elements | " + " | ".join(["default batch"] + [f"{b}" for b in BATCH_SIZES]) + " | " +
            " | ".join(f"{b} ÷ default" for b in BATCH_SIZES) + " |", "|---|" + "---:|" * (1 + 2 * len(BATCH_SIZES))]
@@ -1041,6 +1095,11 @@ def main():
     md += ["## Prepared programs", "", "| target | measured | |", "|---|---|---|"]
     md += [f"| {d} | {m} | {'PASS' if ok else 'MISS'} |" for d, m, ok in prepared] + [""]
     md += ["Batched on one thread (million elements per second):", ""] + batch_tables(res) + [""]
+    md += ["Whole programs at every batch size, one thread (million elements per second), and the fixed cost of a call "
+           "inside a program:", ""] + program_tables(res) + [""]
+    md += ["Prefetching the next batch (default plan, one thread, million elements per second; chosen: on past "
+           "16 MiB of streams):", ""] + prefetch_table(res) + [""]
+    md += notes_section() + [""]
     for d, m, ok in prepared:
         print(f"{'PASS' if ok else 'MISS'}  {d}: {m}")
     md += ["## Reading the results", ""] + reading(res, counts, workloads, target_rows) + [""]

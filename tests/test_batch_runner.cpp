@@ -490,13 +490,13 @@ namespace
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mul, Stream(3), Stream(1), Constant(4));
 		const CBatchPlan &plan = Plan(code);
 		ASSERT_TRUE(plan.Batched()) << plan.Reason();
-		// Three float3 streams: 36 bytes an element; 32 KiB / 36 = 910, down to a multiple of 48.
+		// Three float3 streams: 36 bytes an element; 48 KiB / 36 = 1365, down to a multiple of 48.
 		EXPECT_EQ(plan.BytesPerElement(), 36u);
-		EXPECT_EQ(CBatchPlan::kCacheBudgetBytes, 32u * 1024u);
-		EXPECT_EQ(plan.BatchElements(), 864u);
-		EXPECT_EQ(plan.BatchCount(), 47u);	// 46 x 864 + 256
+		EXPECT_EQ(CBatchPlan::kCacheBudgetBytes, 48u * 1024u);
+		EXPECT_EQ(plan.BatchElements(), 1344u);
+		EXPECT_EQ(plan.BatchCount(), 30u);	// 29 x 1344 + 1024
 		EXPECT_EQ(plan.HoistedInstructions(), 1u);
-		EXPECT_STREQ(plan.Reason(), "batches of 864 elements (47 batches, 36 per-element bytes each), 1 one-element instruction first");
+		EXPECT_STREQ(plan.Reason(), "batches of 1344 elements (30 batches, 36 per-element bytes each), 1 one-element instruction first");
 		EXPECT_EQ(Plan(code, 100).BatchElements(), 144u);	// rounded up to the granule
 		EXPECT_EQ(Plan(code, 100).BatchCount(), 278u);
 		EXPECT_EQ(Plan(code, 0).Batched(), false);

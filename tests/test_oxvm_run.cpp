@@ -232,7 +232,7 @@ namespace
 		ASSERT_EQ(whole.m_Status, 0) << whole.m_Err;
 		EXPECT_EQ(LineStarting(whole.m_Out, "batching"), "batching   none: whole stream: a batch size of 0 was asked");
 		const SOxvmResult oneBatch = Oxvm("run --frames 3 --elements 500");
-		EXPECT_EQ(LineStarting(oneBatch.m_Out, "batching"), "batching   none: whole stream: 500 elements fit one batch of 528");
+		EXPECT_EQ(LineStarting(oneBatch.m_Out, "batching"), "batching   none: whole stream: 500 elements fit one batch of 816");
 		for (const char *threads : {"1", "2"})
 		{
 			const SOxvmResult batched = Oxvm(std::string("run --frames 3 --batch 100 --threads ") + threads);

@@ -106,20 +106,22 @@ namespace Orvex
 			// blocks divide 48 x every component count, and 48 elements of 4 to 16 bytes
 			// are a multiple of 32 bytes.
 			static constexpr u32 kBatchGranule = 48;
-			// Per-element bytes of a default batch: within the first-level data cache (32
-			// to 48 KiB on current x86 cores), so that every instruction after the first
-			// finds its operands there. Direct calls (prepared programs) cost a few
-			// nanoseconds each, so such small batches pay little for their number; the
-			// measurements that chose this size are in docs/BENCHMARKS.md.
-			static constexpr u32 kCacheBudgetBytes = 32 * 1024;
+			// Per-element bytes of a default batch (scratch registers included): about the
+			// first-level data cache. Prepared calls cost a few nanoseconds each, so batches
+			// this small pay little for their number; smaller ones pay more calls than they
+			// save misses, larger ones spill to the second level. Measured on the particle
+			// programs (docs/BENCHMARKS.md): 384 to 432 elements at 104 to 124 bytes each
+			// are within a few percent of the best size in the cache and at a million
+			// elements, where 192 (half of it) lose up to 20% in the cache.
+			static constexpr u32 kCacheBudgetBytes = 48 * 1024;
 			static constexpr u32 kDefaultBatch = ~0u;	// Build's batchElements: the size chosen from the program
 			// A prepared batched run prefetches each next batch's streams while the current
 			// one computes when the program's streams (outside the scratch registers) exceed
-			// this many bytes: past the second-level cache the next batch's lines come from
-			// memory, and the hardware prefetchers stop at a batch's end. Below, the lines are
-			// close already and prefetching them only costs load slots (measured in
-			// docs/BENCHMARKS.md).
-			static constexpr u64 kPrefetchFromBytes = 1024 * 1024;
+			// this many bytes: past the last-level cache the next batch's lines come from
+			// memory, and the hardware prefetchers stop at a batch's end (a million particles
+			// of W12, 84 MB: 1.3x with prefetching). Below, the lines are close already and
+			// prefetching them only takes load slots (65,536 particles, 5 MB: 0.75x with it).
+			static constexpr u64 kPrefetchFromBytes = 16 * 1024 * 1024;
 
 			CBatchPlan();
 			~CBatchPlan();
