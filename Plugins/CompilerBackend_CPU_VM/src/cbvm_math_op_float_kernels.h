@@ -560,7 +560,7 @@ namespace Orvex
 		{
 			// The operator byte can hold any value: look up only inside the table (the active
 			// kernel set's: cbvm_kernel_isa.h).
-			const FnOp2Stream fnPtr = u32(op) < u32(SOp_MathOp::__MaxOps) ? (*ActiveKernelSet().m_Float)[u32(op) * 4 + (_Dimension - 1)] : nullptr;
+			const FnOp2Stream fnPtr = u32(op) < u32(SOp_MathOp::__MaxOps) ? ActiveKernelSet().m_Float[u32(op) * 4 + (_Dimension - 1)] : nullptr;
 			// When everything the checks test holds, none of them can report: straight to the kernel.
 			if (fnPtr != nullptr && evalInto != null && SIMD_SSE::_AreAligned<32>(evalInto, datasrc0, datasrc1))
 				fnPtr(evalInto, dstStride, count, datasrc0, stride0, datasrc1, stride1);

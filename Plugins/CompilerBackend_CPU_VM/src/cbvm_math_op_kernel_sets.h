@@ -62,14 +62,15 @@ namespace Orvex
 		// call never mixes one set's float kernels with another's integer kernel.
 		struct SKernelSet
 		{
-			CBVM::EKernelIsa m_Isa;
-			const char *m_Name;				// "sse2", "avx2", "avx512"
-			const FloatKernelTable *m_Float;	// the set's kernels, SSE2's where it has none
+			// The float table first and by value: a lookup is one load from the row.
+			FloatKernelTable m_Float;		// the set's kernels, SSE2's where it has none
 			FnIntPacked m_Int;				// the set's integer block kernel
 			// Below this many integers the set has no whole block: the selector calls the
 			// SSE2 kernel directly, which spares small calls a hop (0 for SSE2; three
 			// vectors of the set otherwise).
 			u32 m_IntMinInts;
+			CBVM::EKernelIsa m_Isa;
+			const char *m_Name;				// "sse2", "avx2", "avx512"
 		};
 
 		// The active row; null until the first call that needs one picks it (the widest set

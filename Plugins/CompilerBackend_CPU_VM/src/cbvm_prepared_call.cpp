@@ -59,7 +59,7 @@ namespace Orvex
 			call.m_Src1 = _Operand(const_cast<void *>(r.m_Data1), r.m_Stride1);
 			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);
 			if (type.m_Kind == ElementKind_Float)
-				call.m_Float = (*set.m_Float)[u32(call.m_Op) * 4 + (type.m_Components - 1)];
+				call.m_Float = set.m_Float[u32(call.m_Op) * 4 + (type.m_Components - 1)];
 			else
 			{
 				call.m_Int = kIntCalls[type.m_Components - 1];
