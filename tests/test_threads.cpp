@@ -204,8 +204,15 @@ namespace
 				SCompilerCPUDebugCtx debugCtx;
 				const CBytecodeExecContext context(&vmProgram, bindings, storage.Registers(), debugCtx);
 				OxTest::SStdParallelFor threads{run == 0 ? 1u : kThreads, 1};
+				// The standard path runs the prepared calls (the program passes the verifier).
+				EXPECT_TRUE(plan.Prepared()) << plan.PreparedReason();
 				for (u32 frame = 0; frame < kFrames; ++frame)
-					EXPECT_EQ(CBVM::CBatchRunner::Run(plan, context, path, threads.ParallelFor()).m_Run.m_Status, CBVM::RunStatus_Ok);
+				{
+					const CBVM::SBatchRunResult result = CBVM::CBatchRunner::Run(plan, context, path, threads.ParallelFor());
+					EXPECT_EQ(result.m_Run.m_Status, CBVM::RunStatus_Ok);
+					EXPECT_EQ(result.m_Status, CBVM::BatchRun_Ok);
+					EXPECT_EQ(result.m_Prepared, path == CBVM::ExecPath_Standard);
+				}
 				for (CVMRegID id : program.m_Registers)
 				{
 					const u32 *words = storage.DataAs<u32>(id);
