@@ -14,6 +14,7 @@
 #include "bytecode_builder.h"
 #include "kr_log_unique.h"
 #include "seeded_random.h"
+#include "type_lists.h"
 
 #include <gtest/gtest.h>
 
@@ -35,9 +36,6 @@ namespace
 	using Compiler::IR::SOp_MathOp;
 	using CBVM::CBatchPlan;
 	using CBVM::CBatchRunner;
-
-	constexpr EBaseTypeID kTypes[] = {BaseType_Float, BaseType_Float2, BaseType_Float3, BaseType_Float4, BaseType_Quaternion, BaseType_I32, BaseType_Int2,
-									  BaseType_Int3,  BaseType_Int4,   BaseType_Bool,   BaseType_Bool2,  BaseType_Bool3,      BaseType_Bool4};
 
 	// Operand shapes: the banks of source 0 and source 1 (a constant is one element), and
 	// whether the destination is source 0's register.
@@ -207,7 +205,7 @@ namespace
 				continue;
 			const char *isaName = CBVM::KernelIsaName(CBVM::EKernelIsa(isa));
 			for (u32 op = 0; op < SOp_MathOp::__MaxOps; ++op)
-				for (const EBaseTypeID type : kTypes)
+				for (const OxTest::SKernelType &kernelType : OxTest::kKernelTypes)
 					for (const SShape &shape : kShapes)
 					{
 						const bool unary = SOp_MathOp::OperatorTraits(SOp_MathOp::EOp(op)).m_ParameterCount == 1;
@@ -216,7 +214,7 @@ namespace
 						for (const u32 stream : streams)
 							for (const u32 batch : batches)
 					{
-						const SCase c{SOp_MathOp::EOp(op), type, shape, stream, u32(random())};
+						const SCase c{SOp_MathOp::EOp(op), kernelType.m_Type, shape, stream, u32(random())};
 						const SResult viaEntries = RunCase(c, batch, false);
 						const SResult viaCalls = RunCase(c, batch, true);
 						ASSERT_FALSE(viaEntries.m_Prepared) << Describe(c, batch, isaName);
