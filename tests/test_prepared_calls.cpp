@@ -420,3 +420,64 @@ namespace
 		ExpectSums(kStream);
 	}
 }
+
+namespace
+{
+	// Constants a host changes between runs are read by every run: a prepared call keeps
+	// no value of a register, only where it lies (integer division by a uniform constant,
+	// a float modulo's reciprocal, a shift count, a broadcast block).
+	TEST_F(PreparedCalls, ConstantsChangedBetweenRunsAreReadEachRun)
+	{
+		constexpr u32 kStream = 500;
+		const CVMRegID q = CVMRegID::Build(0, MetaType_Stream, BaseType_I32), a = CVMRegID::Build(1, MetaType_Stream, BaseType_I32);
+		const CVMRegID divisor = CVMRegID::Build(2, MetaType_Constant, BaseType_I32), count = CVMRegID::Build(3, MetaType_Constant, BaseType_I32);
+		const CVMRegID m = CVMRegID::Build(4, MetaType_Stream, BaseType_Float3), x = CVMRegID::Build(5, MetaType_Stream, BaseType_Float3);
+		const CVMRegID period = CVMRegID::Build(6, MetaType_Constant, BaseType_Float3);
+		std::vector<u8> code;
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Div, q, a, divisor);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Bitwise_ShiftLeft, q, q, count);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, m, x, period);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, m, m, period);
+		for (const u32 batch : {0u, 48u})
+		{
+			CRegisterStorage files[2] = {CRegisterStorage(7), CRegisterStorage(7)};
+			CBatchPlan plans[2];
+			for (u32 f = 0; f < 2; ++f)
+			{
+				files[f].Registers().m_StreamDimensions = kStream;
+				for (const CVMRegID id : {q, a, m, x})
+					ASSERT_TRUE(files[f].AllocateElements(id, kStream));
+				for (const CVMRegID id : {divisor, count, period})
+					ASSERT_TRUE(files[f].AllocateElements(id, 1));
+				for (u32 i = 0; i < kStream; ++i)
+					files[f].DataAs<s32>(a)[i] = s32(i * 7919u) - 1000000;
+				for (u32 i = 0; i < 3 * kStream; ++i)
+					files[f].DataAs<float>(x)[i] = float(i) * 0.37f - 200.0f;
+				plans[f].Build(code.data(), u32(code.size()), files[f], batch);
+			}
+			ASSERT_TRUE(plans[0].Prepared()) << plans[0].PreparedReason();
+			plans[1].ForgetPrepared();
+			const s32 divisors[] = {7, -3, 1, 1 << 20};
+			const s32 counts[] = {3, 0, 31, 5};
+			const float periods[][4] = {{2.5f, 3.0f, 0.75f, 0.0f}, {1.0f, 1.0f, 1.0f, 0.0f}, {-4.0f, 0.1f, 100.0f, 0.0f}, {0.3f, 7.0f, 2.0f, 0.0f}};
+			for (u32 frame = 0; frame < 4; ++frame)
+			{
+				std::vector<u8> words[2];
+				for (u32 f = 0; f < 2; ++f)
+				{
+					*files[f].DataAs<s32>(divisor) = divisors[frame];
+					*files[f].DataAs<s32>(count) = counts[frame];
+					std::memcpy(files[f].DataAs<float>(period), periods[frame], sizeof(periods[frame]));
+					CCompilerBackendCPUProgram_VM program;
+					CRuntimeCPUBindings bindings;
+					SCompilerCPUDebugCtx debug;
+					const CBVM::SBatchRunResult run = CBatchRunner::Run(plans[f], CBytecodeExecContext(&program, bindings, files[f].Registers(), debug));
+					EXPECT_EQ(run.m_Prepared, f == 0);
+					for (const CVMRegID id : {q, m})
+						words[f].insert(words[f].end(), files[f].DataAs<u8>(id), files[f].DataAs<u8>(id) + files[f].Size(id));
+				}
+				ASSERT_EQ(words[0], words[1]) << "frame " << frame << ", batch " << batch;
+			}
+		}
+	}
+}
