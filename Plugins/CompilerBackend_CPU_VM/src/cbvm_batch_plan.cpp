@@ -512,7 +512,7 @@ namespace Orvex
 			const SVerifyResult verified = CVerifier::Verify(m_Whole.data(), u32(m_Whole.size()), registers, slotCount, &problem, 1);
 			if (verified.Problems() != 0)
 			{
-				std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "not prepared: the verifier reports %u problem%s (offset %u: %s)", verified.Problems(),
+				std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "not prepared: the verifier reports %u problem%s (offset %u: %.160s)", verified.Problems(),
 							  verified.Problems() == 1 ? "" : "s", problem.m_Offset, problem.m_Message);
 				return;
 			}
