@@ -346,6 +346,20 @@ namespace
 		EXPECT_EQ(Bytes(0), before);
 	}
 
+	TEST_F(RunnerMisuse, NoRegisterTableRunsNothing)
+	{
+		CCBCPUMetaRegisters none;	// no table
+		none.m_StreamDimensions = kStream;
+		CCompilerBackendCPUProgram_VM program;
+		CRuntimeCPUBindings bindings;
+		SCompilerCPUDebugCtx debug;
+		EXPECT_EQ(CBatchRunner::Run(m_Plan, CBytecodeExecContext(&program, bindings, none, debug)).m_Status, CBVM::BatchRun_RegisterTooSmall);
+		CBatchPlan undecodable;	// built on no table: refused, and still not run on none
+		undecodable.Build(m_Code.data(), u32(m_Code.size()), none, 3);
+		EXPECT_EQ(undecodable.Refusal(), CBVM::BatchRefusal_Undecodable);
+		EXPECT_EQ(CBatchRunner::Run(undecodable, CBytecodeExecContext(&program, bindings, none, debug)).m_Status, CBVM::BatchRun_RegisterTooSmall);
+	}
+
 	TEST_F(RunnerMisuse, MovedStorageRunsWholeStreamThroughTheEntryPoints)
 	{
 		// Source a moved: the same words and size at another address (padding included).

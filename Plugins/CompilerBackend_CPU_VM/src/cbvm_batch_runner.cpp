@@ -156,11 +156,12 @@ namespace Orvex
 		CBatchRunnerAccess::EFile CBatchRunnerAccess::CheckFile(const CBatchPlan &plan, const CCBCPUMetaRegisters &file, u32 &entry)
 		{
 			bool same = file.m_Registers == plan.m_Table && file.m_StreamDimensions == plan.m_Stream;
+			entry = 0;
+			if (file.m_Registers == nullptr && !plan.m_Whole.empty())
+				return File_TooSmall;	// no table at all: every instruction names a register
 			for (const CBatchPlan::SRegisterUse &use : plan.m_Uses)
 			{
 				entry = use.m_Entry;
-				if (file.m_Registers == nullptr)
-					return File_TooSmall;
 				const SRegister &now = file.m_Registers[use.m_Entry];
 				const u64 need = u64(use.m_ElementSize) * (use.m_PerElement ? file.m_StreamDimensions : 1);
 				if (now.m_RawData == nullptr || now.m_Size < need)
