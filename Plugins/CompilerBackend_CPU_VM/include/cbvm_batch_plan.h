@@ -10,8 +10,9 @@
 // several threads. The results are the whole-stream run's, bit for bit, for every
 // program the plan accepts:
 //   - per-element instructions (an Instance or Stream destination) run in program
-//     order in every batch, through the unchanged entry points, on a register table
-//     whose Instance and Stream entries point at the batch's elements;
+//     order in every batch: as prepared calls (below) over the batch's elements, or
+//     through the unchanged entry points on a register table whose Instance and Stream
+//     entries point at the batch's elements;
 //   - one-element instructions (a Constant or Normal destination) whose sources are
 //     all one-element run once, before the batches, in program order ("hoisted").
 // A program is refused (it then runs whole-stream) when batching could change a word:
@@ -46,7 +47,7 @@
 // whole-stream, is then a walk of those calls, with the words, assertion reports, hazard
 // counts and once-only warnings of the entry points (the checks it skips are the ones the
 // verifier found to hold; everything that depends on register values stays in the
-// kernels). It opens no per-instruction profiler scope. A program with a problem, a Low
+// kernels), and the entry points' profiler nodes. A program with a problem, a Low
 // path run, or a plan whose kernel set is no longer the active one runs through the
 // entry points as before. Prepared() and PreparedReason() say which.
 //
@@ -63,7 +64,7 @@
 // the elements left, at least two (a single one joins the batch before it: evaluating
 // one element, an instruction reads its one-value sources as streams, which can pick
 // another kernel). The default size keeps a batch's per-element registers within
-// kCacheBudgetBytes (the first-level cache: see there).
+// kCacheBudgetBytes (about the first-level cache: see there).
 //
 // Build allocates (the plan owns a rewritten copy of the bytecode and the prepared
 // calls). Running it allocates nothing, but for each thread's first run of a plan that
