@@ -107,7 +107,8 @@ namespace
 		runCommand->add_option("--batch", run.m_Batch,
 			"elements per batch: the program runs over one batch of elements at a time, every instruction, so that the batch stays in the cache "
 			"(a multiple of 48; default: from the program's bytes per element; 0: the whole stream, instruction after instruction). "
-			"A program batching could change refuses and runs whole-stream: the output says why")
+			"A program batching could change refuses and runs whole-stream: the output says why. "
+			"On the standard path a program the verifier accepts runs as prepared direct kernel calls, batched or not: the 'calls' line says so, or why not")
 			->check(WholeNumber(0, OxVm::kMaxElements));
 		runCommand->add_option("--scratch", run.m_Scratch,
 			"a temporary of the program (a per-element register it writes before it reads): a batched run keeps it in a per-thread buffer of one batch, "
