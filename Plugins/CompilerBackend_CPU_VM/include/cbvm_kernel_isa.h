@@ -5,8 +5,8 @@
 // and warning, the bytes written); the wider ones only get there faster. A kernel that a
 // set does not widen runs the SSE2 one.
 //
-// At first use the library picks the widest set that the processor and the operating
-// system support (CPUID, and XGETBV for the register state the system saves). The
+// At first use (not during static initialisation) the library picks the widest set
+// that the processor and the operating system support (CPUID, and XGETBV for the register state the system saves). The
 // environment variable OX_CBVM_ISA (auto, sse2, avx2, avx512), read at that moment,
 // overrides the choice; a set the machine lacks, or an unknown name, falls back to auto
 // with one line on stderr. SetKernelIsa changes it at any time (refusing a set the
