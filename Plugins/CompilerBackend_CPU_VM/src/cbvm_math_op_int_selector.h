@@ -54,6 +54,29 @@ namespace Orvex
 			return true;
 		}
 
+		// What ExecOperatorInt does once its checks hold (a prepared call starts here): each
+		// constant operand as a 12-integer block on the stack, then the block kernel of 'set'
+		// (cbvm_kernel_isa.h), or SSE2's for fewer integers than the set's block.
+		template <int _Dimension>
+		__attribute__((always_inline)) inline void _ExecIntBlocks(Compiler::IR::SOp_MathOp::EOp op, void *evalInto, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1, const SKernelSet &set)
+		{
+			// One block per operand, so that two constant operands do not share a block.
+			alignas(16) s32 constantBlocks[2][12];
+			static_assert(sizeof(constantBlocks[0]) == 48, "a broadcast block is 48 bytes");
+
+			const void *src0 = datasrc0;
+			const void *src1 = datasrc1;
+			if (stride0 == 0)
+				src0 = TBroadcaster<_Dimension>::Broadcast12(datasrc0, constantBlocks[0]);
+			if (datasrc1 != null && stride1 == 0)
+				src1 = TBroadcaster<_Dimension>::Broadcast12(datasrc1, constantBlocks[1]);
+
+			s32 *dst = static_cast<s32 *>(evalInto);
+			const s32 *dstStop = dst + std::size_t(count) * _Dimension;
+			const FnIntPacked kernel = std::size_t(count) * _Dimension >= set.m_IntMinInts ? set.m_Int : &_ExecIntOperatorPacked;
+			kernel(op, dst, dstStop, static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1), stride1 != 0 ? 48u : 0u);
+		}
+
 		// 'stride' is the destination stride in bytes and must be _Dimension * 4 (anything
 		// else is refused and nothing is written); 'count' is the number of elements;
 		// stride0 / stride1 are _Dimension * 4 for a stream and 0 for a constant.
@@ -69,24 +92,7 @@ namespace Orvex
 			if (!wellFormed && !_CheckIntOperands<_Dimension>(evalInto, stride, datasrc0, stride0, datasrc1, stride1))
 				return;
 
-			// One block per operand, so that two constant operands do not share a block.
-			alignas(16) s32 constantBlocks[2][12];
-			static_assert(sizeof(constantBlocks[0]) == 48, "a broadcast block is 48 bytes");
-
-			const void *src0 = datasrc0;
-			const void *src1 = datasrc1;
-			if (stride0 == 0)
-				src0 = TBroadcaster<_Dimension>::Broadcast12(datasrc0, constantBlocks[0]);
-			if (datasrc1 != null && stride1 == 0)
-				src1 = TBroadcaster<_Dimension>::Broadcast12(datasrc1, constantBlocks[1]);
-
-			s32 *dst = static_cast<s32 *>(evalInto);
-			const s32 *dstStop = dst + std::size_t(count) * _Dimension;
-			// The active kernel set's block kernel (cbvm_kernel_isa.h), or SSE2's for fewer
-			// integers than the set's block.
-			const SKernelSet &set = ActiveKernelSet();
-			const FnIntPacked kernel = std::size_t(count) * _Dimension >= set.m_IntMinInts ? set.m_Int : &_ExecIntOperatorPacked;
-			kernel(op, dst, dstStop, static_cast<const s32 *>(src0), stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1), stride1 != 0 ? 48u : 0u);
+			_ExecIntBlocks<_Dimension>(op, evalInto, count, datasrc0, stride0, datasrc1, stride1, ActiveKernelSet());
 		}
 	}
 }

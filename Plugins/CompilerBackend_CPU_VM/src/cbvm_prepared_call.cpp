@@ -4,7 +4,6 @@
 #include "cbvm_math_op_decoder.h"
 #include "cbvm_math_op_float_kernels.h"
 #include "cbvm_math_op_int_selector.h"
-#include "cbvm_stream_copier.h"
 
 namespace Orvex
 {
@@ -12,21 +11,11 @@ namespace Orvex
 	{
 		namespace
 		{
-			// ExecOperatorInt past its checks (the verifier made them): each constant operand
-			// as a 12-integer block on the stack, then the set's block kernel, or SSE2's for
-			// fewer integers than the set's block.
+			// ExecOperatorInt past its checks (the verifier made them), for the call's set.
 			template <int _Dimension>
 			void _RunInt(const SPreparedCall &call, void *dst, u32 count, const void *src0, const void *src1)
 			{
-				alignas(16) s32 constantBlocks[2][12];
-				if (call.m_Stride0 == 0)
-					src0 = TBroadcaster<_Dimension>::Broadcast12(src0, constantBlocks[0]);
-				if (src1 != nullptr && call.m_Stride1 == 0)
-					src1 = TBroadcaster<_Dimension>::Broadcast12(src1, constantBlocks[1]);
-				s32 *d = static_cast<s32 *>(dst);
-				const std::size_t ints = std::size_t(count) * _Dimension;
-				const FnIntPacked kernel = ints >= call.m_IntMinInts ? call.m_IntKernel : &_ExecIntOperatorPacked;
-				kernel(call.m_Op, d, d + ints, static_cast<const s32 *>(src0), call.m_Stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1), call.m_Stride1 != 0 ? 48u : 0u);
+				_ExecIntBlocks<_Dimension>(call.m_Op, dst, count, src0, call.m_Stride0, src1, call.m_Stride1, *call.m_Set);
 			}
 
 			constexpr FnPreparedInt kIntCalls[] = {&_RunInt<1>, &_RunInt<2>, &_RunInt<3>, &_RunInt<4>};
@@ -63,8 +52,7 @@ namespace Orvex
 			else
 			{
 				call.m_Int = kIntCalls[type.m_Components - 1];
-				call.m_IntKernel = set.m_Int;
-				call.m_IntMinInts = set.m_IntMinInts;
+				call.m_Set = &set;
 			}
 			return call;
 		}

@@ -64,8 +64,7 @@ namespace Orvex
 		{
 			FnOp2Stream m_Float = nullptr;		// a float kernel, or null
 			FnPreparedInt m_Int = nullptr;		// an integer call, or null
-			FnIntPacked m_IntKernel = nullptr;	// its set's block kernel
-			u32 m_IntMinInts = 0;				// ... from this many integers (SSE2's below)
+			const SKernelSet *m_Set = nullptr;	// an integer call's kernel set
 			CBVM::FnExecBytecode m_Entry = nullptr;	// a one-element instruction: its entry point
 			const u8 *m_Bytecode = nullptr;		// ... and its bytes (in the plan's copy)
 			const Profiler::SNodeDescriptor *m_Node = nullptr;	// its entry point's profiler node
