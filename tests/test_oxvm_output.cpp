@@ -160,3 +160,55 @@ namespace
 		EXPECT_EQ(Stat("real.bin").st_mode & 07777, 0600u);
 	}
 }
+
+namespace
+{
+	using OxTest::SOxvmResult;
+
+	// The tool never writes over a file it reads: the program, or a CSV file the
+	// program's initialisers read, under any name (a link, a redirection).
+	class OxvmOwnInput : public OxTest::COxvmTest
+	{
+	protected:
+		static constexpr const char *kProgram = "stream 3\nreg a stream 0 float = csv(\"in.csv\", v)\nreg b stream 1 float\nadd b, a, a\n";
+		static constexpr const char *kInput = "v\n1\n2\n3\n";
+	};
+
+	TEST_F(OxvmOwnInput, AsmRefusesItsOwnProgramAsOutput)
+	{
+		Write("p.oxs", kProgram);
+		ASSERT_EQ(::symlink("p.oxs", Path("alias.oxs").c_str()), 0);
+		ASSERT_EQ(::link(Path("p.oxs").c_str(), Path("hard.oxs").c_str()), 0);
+		for (const char *output : {"p.oxs", "alias.oxs", "hard.oxs", "./p.oxs"})
+		{
+			const SOxvmResult result = Oxvm(std::string("asm p.oxs -o ") + output);
+			EXPECT_EQ(result.m_Status, 2) << output;
+			EXPECT_NE(result.m_Err.find("oxvm: error: -o '" + std::string(output) + "' is the program ('p.oxs'): writing it would destroy the input"), std::string::npos) << result.m_Err;
+			EXPECT_EQ(Read("p.oxs"), kProgram) << output;
+		}
+		// The program read from standard input, redirected from the same file.
+		const SOxvmResult piped = OxvmReading("asm - -o p.oxs", "p.oxs");
+		EXPECT_EQ(piped.m_Status, 2);
+		EXPECT_EQ(Read("p.oxs"), kProgram);
+		// Another file is written as before.
+		Write("in.csv", kInput);
+		EXPECT_EQ(Oxvm("asm p.oxs -o p.bin").m_Status, 0);
+	}
+
+	TEST_F(OxvmOwnInput, RunRefusesItsInputsAsCsvOutput)
+	{
+		Write("p.oxs", kProgram);
+		Write("in.csv", kInput);
+		const SOxvmResult overCsv = Oxvm("run p.oxs --csv in.csv");
+		EXPECT_EQ(overCsv.m_Status, 2);
+		EXPECT_NE(overCsv.m_Err.find("--csv 'in.csv' is the csv() input of register 'a' ('in.csv')"), std::string::npos) << overCsv.m_Err;
+		EXPECT_EQ(overCsv.m_Out, "");	// refused before anything ran
+		EXPECT_EQ(Read("in.csv"), kInput);
+		const SOxvmResult overProgram = Oxvm("run p.oxs --csv p.oxs");
+		EXPECT_EQ(overProgram.m_Status, 2);
+		EXPECT_NE(overProgram.m_Err.find("is the program ('p.oxs')"), std::string::npos) << overProgram.m_Err;
+		EXPECT_EQ(Read("p.oxs"), kProgram);
+		EXPECT_EQ(Oxvm("run p.oxs --csv out.csv").m_Status, 0);
+		EXPECT_EQ(Read("out.csv"), "element,b\n0,2\n1,4\n2,6\n");
+	}
+}

@@ -35,9 +35,12 @@ namespace OxVm
 
 	int CommandAsm(const std::string &programPath, const std::string &outputPath)
 	{
-		// The output is opened first: a path that cannot be written stops here.
+		// The output is opened first: a path that cannot be written stops here, and so
+		// does the program itself (asm p.oxs -o p.oxs would replace it).
 		COutputFile output;
 		std::string error;
+		if (!OutputSparesInput("-o", outputPath, programPath, "the program"))
+			return Exit_BadInput;
 		if (!output.Open(outputPath, error))
 		{
 			fmt::print(stderr, "oxvm: error: {}\n", error);

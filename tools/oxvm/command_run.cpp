@@ -13,6 +13,7 @@
 #include "results.h"
 #include "run_report.h"
 #include "runner.h"
+#include "source_file.h"
 #include "verification.h"
 
 #if OXVM_HAVE_TBB
@@ -91,6 +92,21 @@ namespace OxVm
 			return false;
 		}
 
+		// --csv names no file the run reads: the program, or a csv() initialiser's file.
+		bool OutputsSpareInputs(const SRun &run)
+		{
+			const std::string &csv = run.m_Options.m_Csv;
+			if (csv.empty())
+				return true;
+			if (!run.m_Options.m_Program.empty() && !OutputSparesInput("--csv", csv, run.m_Options.m_Program, "the program"))
+				return false;
+			for (const SRegisterDecl &decl : run.m_Program.m_Registers)
+				if (decl.Init().m_Kind == Init_Csv &&
+					!OutputSparesInput("--csv", csv, CsvFilePath(run.m_Program, decl.Init()), fmt::format("the csv() input of register '{}'", decl.m_Name)))
+					return false;
+			return true;
+		}
+
 		// The program, the registers the options name, the kernels and the CSV output:
 		// everything that can be refused before memory is spent on the registers.
 		bool Load(SRun &run)
@@ -111,6 +127,8 @@ namespace OxVm
 			// The CSV output is opened before anything runs: a path that cannot be written
 			// stops the command here, not after the run.
 			std::string error;
+			if (!OutputsSpareInputs(run))
+				return false;
 			if (!options.m_Csv.empty() && !run.m_Csv.Open(options.m_Csv, error))
 			{
 				fmt::print(stderr, "oxvm: error: {}\n", error);

@@ -123,6 +123,10 @@ namespace OxVm
 		std::unordered_map<u32, std::pair<u32, s32>> m_ByPlace;
 	};
 
+	// The file a csv() initialiser reads: its path as written when absolute, otherwise
+	// relative to the program's folder.
+	std::string CsvFilePath(const SProgram &program, const SInitialiser &init);
+
 	// Inline form of any register id: "stream.3:float3"; "-" for the invalid id and
 	// "0x%08x" when the id has bits the text cannot name (meta bit, top bits, no type name).
 	std::string InlineRegisterText(u32 bits);

@@ -102,8 +102,7 @@ namespace OxVm
 			void _Csv(SRegisterDecl &decl, s32 index, const STypeInfo &type)
 			{
 				SInitialiser &init = *decl.m_Init;	// (a csv() initialiser)
-				const bool asWritten = init.m_CsvPath[0] == '/' || m_Program.m_Folder == ".";
-				const std::string *file = _CsvName(asWritten ? init.m_CsvPath : m_Program.m_Folder + "/" + init.m_CsvPath);
+				const std::string *file = _CsvName(CsvFilePath(m_Program, init));
 				CCsvReader reader;
 				std::string_view line;
 				// A failed open or read is the initialiser's error; a line that is too long,
@@ -313,5 +312,11 @@ namespace OxVm
 		checker.Registers();
 		checker.Instructions();
 		return diagnostics.ErrorCount() == errorsBefore;
+	}
+
+	std::string CsvFilePath(const SProgram &program, const SInitialiser &init)
+	{
+		const bool asWritten = init.m_CsvPath[0] == '/' || program.m_Folder == ".";
+		return asWritten ? init.m_CsvPath : program.m_Folder + "/" + init.m_CsvPath;
 	}
 }

@@ -5,6 +5,7 @@
 #include "diagnostics.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -54,6 +55,24 @@ namespace OxVm
 			return false;
 		}
 		return true;
+	}
+
+	bool SameRegularFile(const std::string &input, const std::string &output)
+	{
+		struct stat in, out;
+		if (output == "-" || stat(output.c_str(), &out) != 0 || !S_ISREG(out.st_mode))
+			return false;
+		const int got = input == "-" ? fstat(STDIN_FILENO, &in) : stat(input.c_str(), &in);
+		return got == 0 && S_ISREG(in.st_mode) && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
+	}
+
+	bool OutputSparesInput(const char *option, const std::string &output, const std::string &input, const std::string &what)
+	{
+		if (!SameRegularFile(input, output))
+			return true;
+		fmt::print(stderr, "oxvm: error: {} {} is {} ({}): writing it would destroy the input; write to another file\n", option, Shown(output), what,
+				   Shown(InputName(input)));
+		return false;
 	}
 
 	std::string InputName(const std::string &path)

@@ -19,6 +19,18 @@ namespace OxVm
 	// devices and pipes too: an endless one stops at the limit.
 	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error);
 
+	// Whether writing 'output' would replace the input 'input' ("-": standard input, which
+	// may be a file redirected in): both are the same regular file, links followed (same
+	// device and inode). Devices and FIFOs are written as they are, not replaced, and an
+	// output that does not exist yet is no input: neither overlaps.
+	bool SameRegularFile(const std::string &input, const std::string &output);
+
+	// True when 'output' (given by 'option': "-o", "--csv") is not the input 'input';
+	// otherwise prints why the command refuses ('what' says what the input is: "the
+	// program", "the csv() input of register 'ids'") and returns false. Called before
+	// the output is opened: nothing has been written.
+	bool OutputSparesInput(const char *option, const std::string &output, const std::string &input, const std::string &what);
+
 	// The name messages give an input path: "<stdin>" for "-".
 	std::string InputName(const std::string &path);
 
