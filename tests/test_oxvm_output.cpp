@@ -118,6 +118,27 @@ namespace
 		EXPECT_NE(assembled.m_Err.find("1 instructions, 13 bytes of bytecode -> -"), std::string::npos) << assembled.m_Err;
 	}
 
+	// --quiet: standard output holds the CSV and nothing else, so that it feeds a pipeline.
+	TEST_F(OxvmOutput, QuietLeavesTheCsvAloneOnStandardOutput)
+	{
+		const SOxvmResult quiet = Oxvm("run tiny.oxs --quiet --csv -");
+		ASSERT_EQ(quiet.m_Status, 0) << quiet.m_Err;
+		EXPECT_EQ(quiet.m_Out, kCsv);
+		EXPECT_EQ(quiet.m_Err, "");
+		// A dump asked for is printed, alone; the statistics and times are not.
+		const SOxvmResult dumped = Oxvm("run tiny.oxs --quiet --dump b");
+		ASSERT_EQ(dumped.m_Status, 0) << dumped.m_Err;
+		EXPECT_EQ(dumped.m_Out.find("written registers"), std::string::npos) << dumped.m_Out;
+		EXPECT_EQ(dumped.m_Out.find("total "), std::string::npos) << dumped.m_Out;
+		EXPECT_EQ(dumped.m_Out.find("bytes of bytecode"), std::string::npos) << dumped.m_Out;
+		EXPECT_NE(dumped.m_Out.find("  [2] 6\n"), std::string::npos) << dumped.m_Out;
+		// Nothing at all without an output asked for; errors still go to standard error.
+		EXPECT_EQ(Oxvm("run tiny.oxs --quiet").m_Out, "");
+		const SOxvmResult bad = Oxvm("run tiny.oxs --quiet --dump nosuch");
+		EXPECT_EQ(bad.m_Status, 2);
+		EXPECT_NE(bad.m_Err.find("no register named 'nosuch'"), std::string::npos);
+	}
+
 	TEST_F(OxvmOutput, AnUnwritablePathStopsTheCommandBeforeItRuns)
 	{
 		const SOxvmResult run = Oxvm("run tiny.oxs --csv no/such/folder/out.csv");

@@ -257,6 +257,8 @@ namespace OxVm
 			if (!timing.m_Ok)
 				fmt::print(stderr, "oxvm: error: the interpreter stopped: {}\n", timing.m_Error);
 			const u32 frames = run.m_Options.m_Frames;
+			if (run.m_Options.m_Quiet)
+				return timing.m_Ok;
 			fmt::print("ran        {} instructions x {} frame{} over {} elements\n", run.m_Program.m_Instructions.size(), frames, frames == 1 ? "" : "s", run.m_Elements);
 			PrintTiming(run.m_Program, run.m_Elements, frames, timing.m_Seconds, Seconds(run.m_Started, run.m_RunStarted));
 			return timing.m_Ok;
@@ -309,11 +311,15 @@ namespace OxVm
 		void PrintResults(const SRun &run)
 		{
 			const SRunCommand &options = run.m_Options;
-			fmt::print("\nwritten registers{}:\n", options.m_Compare ? " (standard path)" : "");
-			PrintRegisterStats(stdout, run.m_Program, run.m_File, run.m_Kept);
+			if (!options.m_Quiet)
+			{
+				fmt::print("\nwritten registers{}:\n", options.m_Compare ? " (standard path)" : "");
+				PrintRegisterStats(stdout, run.m_Program, run.m_File, run.m_Kept);
+			}
 			if (!run.m_Dumped.empty())
 			{
-				fmt::print("\n");
+				if (!options.m_Quiet)
+					fmt::print("\n");
 				DumpRegisters(stdout, run.m_Program, run.m_File, run.m_Dumped);
 			}
 			Profiler::CProfiler &profiler = *Profiler::MainEngineProfiler();
@@ -333,6 +339,8 @@ namespace OxVm
 		// the comparison) and the summary (statistics, dumps, CSV).
 		void PrintTotal(const SRun &run)
 		{
+			if (run.m_Options.m_Quiet)
+				return;
 			const Clock::time_point ended = Clock::now();
 			fmt::print("\ntotal      {}: setup {}, {} {}, summary {} (statistics, dumps, CSV)\n", Duration(Seconds(run.m_Started, ended)),
 					   Duration(Seconds(run.m_Started, run.m_RunStarted)), run.m_Options.m_Compare ? "compare" : "run", Duration(Seconds(run.m_RunStarted, run.m_RunEnded)),
@@ -357,7 +365,8 @@ namespace OxVm
 				fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", path) : error);
 				return false;
 			}
-			fmt::print("\ncsv        {} ({} rows)\n", path, run.m_Elements);
+			if (!run.m_Options.m_Quiet)
+				fmt::print("\ncsv        {} ({} rows)\n", path, run.m_Elements);
 			return true;
 		}
 
@@ -402,7 +411,8 @@ namespace OxVm
 			return Exit_RunFailed;
 		if (!Verify(run) || !Plan(run))
 			return Exit_BadInput;
-		PrintHeader(run);
+		if (!options.m_Quiet)
+			PrintHeader(run);
 		run.m_RunStarted = Clock::now();
 		if (options.m_Compare)
 		{
@@ -412,7 +422,8 @@ namespace OxVm
 		else
 			run.m_Failed = !Execute(run, progress);
 		run.m_RunEnded = Clock::now();
-		PrintHazards();
+		if (!options.m_Quiet)
+			PrintHazards();
 		return Report(run, asserts);
 	}
 }

@@ -46,6 +46,7 @@ namespace OxVm
 		Orvex::u32 m_Threads = 0;		// 0: every core
 		bool m_Verbose = false;			// VM assertion reports also name the VM's check and its source line
 		std::string m_Progress = "auto";	// progress bar: auto (a terminal, when long), always, never
+		bool m_Quiet = false;			// only what was asked for on standard output (--csv -, --dump): no listing, no statistics
 	};
 
 	int CommandRun(const SRunCommand &options);

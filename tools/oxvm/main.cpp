@@ -124,6 +124,10 @@ namespace
 			->check(CLI::IsMember({"auto", "always", "never"}))
 			->capture_default_str();
 
+		runCommand->add_flag("--quiet", run.m_Quiet,
+			"print only what was asked for on standard output (--csv -, --dump, --profile, --compare's differences): no disassembly, no statistics, no "
+			"times, so that 'run --quiet --csv -' feeds a pipeline; warnings and errors still go to standard error");
+
 		app.add_subcommand("example", "Print the bundled example program (examples/particles.oxs).");
 
 		// The help of the whole tool, as --help prints it ('oxvm help' prints it too).
