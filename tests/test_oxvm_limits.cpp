@@ -86,6 +86,25 @@ namespace
 		EXPECT_FALSE(Exists("long.bin"));
 	}
 
+	// The registers' memory is counted and asked for before any register is allocated
+	// or initialised: a run that cannot have it stops at once, with exit status 2.
+	TEST_F(OxvmLimits, RegistersThatDoNotFitAreRefusedBeforeTheSetUp)
+	{
+		if (!MemoryLimitsApply())
+			GTEST_SKIP() << "no address-space limit under a sanitizer";
+		// The bundled example at the largest stream needs about 30 GB: under a limit of a
+		// few hundred MB it is refused before the set-up, nothing printed on standard output.
+		const SOxvmResult huge = OxvmWithMemoryLimit("run --elements 268435455", kBaseKb + 256 * 1024);
+		EXPECT_EQ(huge.m_Status, 2);
+		EXPECT_EQ(huge.m_Err.rfind("oxvm: error: out of memory: the registers need ", 0), 0u) << huge.m_Err;
+		EXPECT_NE(huge.m_Err.find(" for 268435455 elements"), std::string::npos) << huge.m_Err;
+		EXPECT_EQ(huge.m_Out, "");
+		// --compare needs twice as much, and says so.
+		const SOxvmResult compared = OxvmWithMemoryLimit("run --elements 20000000 --compare", kBaseKb + 256 * 1024);
+		EXPECT_EQ(compared.m_Status, 2);
+		EXPECT_NE(compared.m_Err.find("(twice: --compare runs a copy)"), std::string::npos) << compared.m_Err;
+	}
+
 	TEST_F(OxvmLimits, AFailedDeclarationIsReportedOnce)
 	{
 		Write("bad.oxs", "stream 4\nreg a stream 0 floot = 1\nreg b stream 1 float\nadd b, a, b\nmul b, a, a\nreg b stream 2 float\nsub b, b, b\n");

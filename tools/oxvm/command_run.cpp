@@ -24,6 +24,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include <fmt/format.h>
 
@@ -137,9 +138,31 @@ namespace OxVm
 			return true;
 		}
 
+		// The registers' memory, counted and asked for at once before any of it is touched
+		// (allocating zero-fills, register after register): a run that cannot have it
+		// stops here, not after seconds of filling gigabytes. --compare runs the low path
+		// on a copy, so it needs twice as much.
+		bool MemoryAvailable(const SRun &run)
+		{
+			const u64 bytes = CRegisterFile::BytesNeeded(run.m_Program) * (run.m_Options.m_Compare ? 2 : 1);
+			const u64 available = AvailableMemory();
+			const bool fits = bytes <= available && bytes < (u64(1) << 47);
+			// Not touched, so not paid for: the allocation only asks whether the address
+			// space (a ulimit, the kernel's overcommit rule) has room.
+			std::unique_ptr<char[]> probe(fits ? new (std::nothrow) char[std::size_t(bytes)] : nullptr);
+			if (probe != nullptr || bytes == 0)
+				return true;
+			fmt::print(stderr, "oxvm: error: out of memory: the registers need {} for {} elements{}{}\n", Bytes(double(bytes)), run.m_Elements,
+					   run.m_Options.m_Compare ? " (twice: --compare runs a copy)" : "",
+					   available != ~u64(0) && bytes > available ? fmt::format(", the machine has {} available", Bytes(double(available))) : std::string());
+			return false;
+		}
+
 		// Allocates and initialises the registers.
 		bool SetUp(SRun &run, CProgress &progress)
 		{
+			if (!MemoryAvailable(run))
+				return false;
 			std::string error;
 			progress.Begin("set-up: initialising registers", false);
 			const bool built = run.m_File.Build(run.m_Program, run.m_Elements, run.m_Options.m_Seed, error, [&progress](u64 done, u64 total) { progress.Update(done, total); });
@@ -287,7 +310,7 @@ namespace OxVm
 
 		// --compare: both paths from the same inputs (and batched against whole-stream);
 		// a difference outside the documented ones fails the run. False when the copies
-		// of the register file cannot be allocated.
+		// of the register file cannot be allocated (out of memory).
 		bool Compare(SRun &run)
 		{
 			CRegisterFile low, batched;
@@ -408,7 +431,7 @@ namespace OxVm
 		asserts.Attribute(run.m_Program, run.m_Bytecode);
 		CProgress progress(ProgressMode(options.m_Progress));
 		if (!SetUp(run, progress))
-			return Exit_RunFailed;
+			return Exit_BadInput;
 		if (!Verify(run) || !Plan(run))
 			return Exit_BadInput;
 		if (!options.m_Quiet)
@@ -417,7 +440,7 @@ namespace OxVm
 		if (options.m_Compare)
 		{
 			if (!Compare(run))
-				return Exit_RunFailed;
+				return Exit_BadInput;
 		}
 		else
 			run.m_Failed = !Execute(run, progress);

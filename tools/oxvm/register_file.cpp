@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <random>
 
@@ -83,14 +84,14 @@ namespace OxVm
 			slots = std::max(slots, decl.Slot() + 1);
 		if (!m_Storage.Reset(slots))
 		{
-			error = fmt::format("cannot allocate a register table of {} slots", slots);
+			error = fmt::format("out of memory: cannot allocate a register table of {} slots", slots);
 			return false;
 		}
 		for (const SRegisterDecl &decl : program.m_Registers)
 		{
 			if (!m_Storage.AllocateElements(CVMRegID{s32(decl.m_Bits)}, decl.m_Count))
 			{
-				error = fmt::format("cannot allocate {} elements of {} for register '{}'", decl.m_Count, BaseTypeName(decl.Type()),
+				error = fmt::format("out of memory: cannot allocate {} elements of {} for register '{}'", decl.m_Count, BaseTypeName(decl.Type()),
 									program.RegisterText(program.FindByBits(decl.m_Bits)));
 				return false;
 			}
@@ -120,6 +121,29 @@ namespace OxVm
 		if (progress)
 			progress(done, 2 * words);
 		return true;
+	}
+
+	u64 CRegisterFile::BytesNeeded(const SProgram &program)
+	{
+		u64 bytes = 0;
+		for (const SRegisterDecl &decl : program.m_Registers)
+			bytes += CRegisterStorage::CapacityFor(ElementSize(decl.Type()) * decl.m_Count);
+		return bytes;
+	}
+
+	u64 AvailableMemory()
+	{
+		u64 available = ~u64(0);
+		if (std::FILE *info = std::fopen("/proc/meminfo", "r"))
+		{
+			char line[256];
+			unsigned long long kb = 0;
+			while (std::fgets(line, sizeof(line), info) != nullptr)
+				if (std::sscanf(line, "MemAvailable: %llu kB", &kb) == 1)
+					available = u64(kb) * 1024;
+			std::fclose(info);
+		}
+		return available;
 	}
 
 	bool CRegisterFile::CopyFrom(const SProgram &program, const CRegisterFile &other, std::string &error)

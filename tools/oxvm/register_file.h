@@ -25,6 +25,11 @@ namespace OxVm
 		// Same registers and contents as 'other' (for running a second path).
 		bool CopyFrom(const SProgram &program, const CRegisterFile &other, std::string &error);
 
+		// Bytes the registers of a checked program take once allocated (padding and
+		// alignment included), known before any is allocated. (The checker has refused a
+		// register larger than a register can be.)
+		static u64 BytesNeeded(const SProgram &program);
+
 		CRegisterStorage &Storage() { return m_Storage; }
 		const CRegisterStorage &Storage() const { return m_Storage; }
 		// The register's words (count x components of them).
@@ -36,4 +41,8 @@ namespace OxVm
 
 		CRegisterStorage m_Storage;
 	};
+
+	// The memory the machine can still give (MemAvailable of /proc/meminfo); ~0 when not
+	// known. (An address-space limit shows when the memory is asked for.)
+	u64 AvailableMemory();
 }
