@@ -274,10 +274,48 @@ namespace
 		EXPECT_EQ(LineStarting(readFirst.m_Out, "batching"), "batching   none: whole stream: instruction 3 (offset 39) 'add' reads the scratch stream.0:float3 before the program writes it");
 		const SOxvmResult dumped = Oxvm("run --batch 96 --scratch tmp --dump tmp");
 		EXPECT_EQ(dumped.m_Status, 2);
-		EXPECT_NE(dumped.m_Err.find("oxvm: error: --dump: 'tmp' is a --scratch register: a batched run does not keep its values"), std::string::npos) << dumped.m_Err;
+		EXPECT_NE(dumped.m_Err.find("oxvm: error: --dump: 'tmp' is a --scratch register: its values are not kept"), std::string::npos) << dumped.m_Err;
 		const SOxvmResult unknown = Oxvm("run --scratch nosuch");
 		EXPECT_EQ(unknown.m_Status, 2);
 		EXPECT_NE(unknown.m_Err.find("oxvm: error: --scratch: no register named 'nosuch'"), std::string::npos);
+	}
+
+	// The options are decided against the program before the set-up: refusals come at
+	// once (nothing on standard output), options that do nothing or are changed say so.
+	TEST_F(OxvmRun, OptionsAreDecidedBeforeTheSetUp)
+	{
+		// A scratch register dumped: refused whatever the size, batched or not.
+		for (const char *elements : {"10", "100000"})
+		{
+			const SOxvmResult dumped = Oxvm(std::string("run --scratch tmp --dump tmp --elements ") + elements);
+			EXPECT_EQ(dumped.m_Status, 2) << elements;
+			EXPECT_EQ(dumped.m_Err, "oxvm: error: --dump: 'tmp' is a --scratch register: its values are not kept (leave it out of --scratch to dump it)\n");
+			EXPECT_EQ(dumped.m_Out, "");
+		}
+		const SOxvmResult oneElement = Oxvm("run --scratch gdt");
+		EXPECT_EQ(oneElement.m_Status, 2);
+		EXPECT_EQ(oneElement.m_Err, "oxvm: error: --scratch: 'gdt' is a one-element register: only instance and stream registers can be scratch\n");
+		EXPECT_EQ(oneElement.m_Out, "");
+
+		const SOxvmResult lowIsa = Oxvm("run --path low --isa sse2");
+		EXPECT_EQ(lowIsa.m_Status, 0) << lowIsa.m_Err;
+		EXPECT_EQ(lowIsa.m_Err, "oxvm: warning: --isa sse2 does nothing with --path low: kernel sets are the standard path's\n");
+		const SOxvmResult wholeThreads = Oxvm("run --batch 0 --threads 2");
+		EXPECT_EQ(wholeThreads.m_Status, 0) << wholeThreads.m_Err;
+		EXPECT_EQ(wholeThreads.m_Err, "oxvm: warning: --threads 2 does nothing with --batch 0: a whole-stream run runs on one thread\n");
+		EXPECT_EQ(Oxvm("run --batch 0").m_Err, "");	// the default thread count is no choice made
+
+		const SOxvmResult rounded = Oxvm("run --batch 47 --elements 1000");
+		EXPECT_EQ(rounded.m_Status, 0) << rounded.m_Err;
+		EXPECT_EQ(rounded.m_Err, "oxvm: note: --batch 47 is rounded up to 48: batches are multiples of 48 elements\n");
+		EXPECT_NE(LineStarting(rounded.m_Out, "batching").find("batches of 48 elements (21 batches"), std::string::npos) << rounded.m_Out;
+		// 97 elements in batches of 48: the 97th joins the second batch.
+		const SOxvmResult leftover = Oxvm("run --batch 48 --elements 97");
+		EXPECT_EQ(leftover.m_Status, 0) << leftover.m_Err;
+		const std::string line = LineStarting(leftover.m_Out, "batching");
+		EXPECT_NE(line.find("batches of 48 elements (2 batches"), std::string::npos) << line;
+		EXPECT_NE(line.find("; the one element left over joins the last batch (49 elements)"), std::string::npos) << line;
+		EXPECT_EQ(LineStarting(Oxvm("run --batch 48 --elements 98").m_Out, "batching").find("left over"), std::string::npos);
 	}
 
 	// --isa: the kernel set named on the "kernels" line, the same results from every set

@@ -11,6 +11,7 @@
 #include "program_loader.h"
 #include "register_file.h"
 #include "results.h"
+#include "run_options.h"
 #include "run_report.h"
 #include "runner.h"
 #include "source_file.h"
@@ -61,25 +62,6 @@ namespace OxVm
 			bool m_Failed = false;
 		};
 
-		// --dump or --scratch names -> registers; false after reporting an unknown one.
-		bool FindRegisters(const SProgram &program, const char *option, const std::vector<std::string> &names, std::vector<s32> &registers)
-		{
-			for (const std::string &name : names)
-			{
-				s32 index = program.FindByName(name);
-				for (std::size_t i = 0; index < 0 && i < program.m_Registers.size(); ++i)
-					if (InlineRegisterText(program.m_Registers[i].m_Bits) == name)
-						index = s32(i);
-				if (index < 0)
-				{
-					fmt::print(stderr, "oxvm: error: {}: no register named '{}'\n", option, name);
-					return false;
-				}
-				registers.push_back(index);
-			}
-			return true;
-		}
-
 		// The kernel set: checked before anything is loaded or run.
 		bool ChooseKernels(SRun &run)
 		{
@@ -117,7 +99,7 @@ namespace OxVm
 			run.m_Path = options.m_Path == "low" ? CBVM::ExecPath_Low : CBVM::ExecPath_Standard;
 			if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, run.m_Program, run.m_StandardPathRuns))
 				return false;
-			if (!FindRegisters(run.m_Program, "--dump", options.m_Dump, run.m_Dumped) || !FindRegisters(run.m_Program, "--scratch", options.m_Scratch, run.m_Scratch))
+			if (!ResolveRunOptions(options, run.m_Program, run.m_Dumped, run.m_Scratch))
 				return false;
 			for (s32 index : run.m_Scratch)
 				run.m_ScratchIds.push_back(CVMRegID{s32(run.m_Program.m_Registers[std::size_t(index)].m_Bits)});
@@ -206,23 +188,16 @@ namespace OxVm
 		}
 
 		// Batches: planned on the file as it is, on every core the parallel-for has.
-		bool Plan(SRun &run)
+		void Plan(SRun &run)
 		{
 			run.m_Plan.Build(run.m_Bytecode.data(), u32(run.m_Bytecode.size()), run.m_File.Storage(), run.m_Options.m_Batch, run.m_ScratchIds.data(), u32(run.m_ScratchIds.size()));
 			// A batched run keeps no value of a scratch register: it is left out of the
 			// results (a whole-stream run writes it as usual).
 			if (run.m_Plan.Batched() && run.m_Plan.ScratchRegisters() != 0)
 				run.m_Dropped = run.m_Scratch;
-			for (s32 index : run.m_Dumped)
-				if (IsIn(run.m_Dropped, index))
-				{
-					fmt::print(stderr, "oxvm: error: --dump: '{}' is a --scratch register: a batched run does not keep its values\n", run.m_Program.RegisterText(index));
-					return false;
-				}
 			run.m_Kept = WrittenRegisters(run.m_Program);
 			run.m_Kept.erase(std::remove_if(run.m_Kept.begin(), run.m_Kept.end(), [&](s32 index) { return IsIn(run.m_Dropped, index); }), run.m_Kept.end());
 			ChooseThreads(run);
-			return true;
 		}
 
 		void PrintBatching(const SRun &run)
@@ -232,8 +207,13 @@ namespace OxVm
 #else
 			const char *noThreads = run.m_Options.m_Threads != 1 ? " (built without oneTBB: one thread)" : "";
 #endif
+			const u32 batch = run.m_Plan.BatchElements();
+			// (The plan gives a lone last element to the batch before it.)
+			const std::string leftover = run.m_Plan.Batched() && run.m_Elements % batch == 1
+											 ? fmt::format("; the one element left over joins the last batch ({} elements)", batch + 1)
+											 : std::string();
 			if (run.m_Plan.Batched())
-				fmt::print("batching   {}, on {} thread{}{}\n", run.m_Plan.Reason(), run.m_Threads, run.m_Threads == 1 ? "" : "s", noThreads);
+				fmt::print("batching   {}, on {} thread{}{}{}\n", run.m_Plan.Reason(), run.m_Threads, run.m_Threads == 1 ? "" : "s", noThreads, leftover);
 			else
 				fmt::print("batching   none: {}\n", run.m_Plan.Reason());
 			// Prepared calls run the standard path only (the Low path has its own entry points).
@@ -432,8 +412,9 @@ namespace OxVm
 		CProgress progress(ProgressMode(options.m_Progress));
 		if (!SetUp(run, progress))
 			return Exit_BadInput;
-		if (!Verify(run) || !Plan(run))
+		if (!Verify(run))
 			return Exit_BadInput;
+		Plan(run);
 		if (!options.m_Quiet)
 			PrintHeader(run);
 		run.m_RunStarted = Clock::now();

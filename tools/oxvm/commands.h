@@ -44,6 +44,7 @@ namespace OxVm
 		bool m_Strict = false;
 		Orvex::u32 m_Batch = ~0u;		// elements per batch; ~0u: the plan's; 0: whole stream
 		Orvex::u32 m_Threads = 0;		// 0: every core
+		bool m_ThreadsGiven = false;	// --threads was on the command line (a warning when it does nothing)
 		bool m_Verbose = false;			// VM assertion reports also name the VM's check and its source line
 		std::string m_Progress = "auto";	// progress bar: auto (a terminal, when long), always, never
 		bool m_Quiet = false;			// only what was asked for on standard output (--csv -, --dump): no listing, no statistics

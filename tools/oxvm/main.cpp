@@ -106,16 +106,16 @@ namespace
 		compare->excludes(runCommand->get_option("--path"));
 		runCommand->add_option("--batch", run.m_Batch,
 			"elements per batch: the program runs over one batch of elements at a time, every instruction, so that the batch stays in the cache "
-			"(a multiple of 48; default: from the program's bytes per element; 0: the whole stream, instruction after instruction). "
+			"(rounded up to a multiple of 48, with a note; a lone last element joins the last batch; default: from the program's bytes per element; 0: the whole stream, instruction after instruction). "
 			"A program batching could change refuses and runs whole-stream: the output says why. "
 			"On the standard path a program the verifier accepts runs as prepared direct kernel calls, batched or not: the 'calls' line says so, or why not")
 			->check(WholeNumber(0, OxVm::kMaxElements));
 		runCommand->add_option("--scratch", run.m_Scratch,
-			"a temporary of the program (a per-element register it writes before it reads): a batched run keeps it in a per-thread buffer of one batch, "
+			"a temporary of the program (an instance or stream register it writes before it reads; never one --dump names): a batched run keeps it in a per-thread buffer of one batch, "
 			"in the cache, and does not keep its values (no statistics, dump or CSV column for it); repeat --scratch, or give a comma list")
 			->allow_extra_args(false)
 			->delimiter(',');
-		runCommand->add_option("--threads", run.m_Threads, "threads the batches are spread over (0: every core)")->check(WholeNumber(0, 1024))->capture_default_str();
+		runCommand->add_option("--threads", run.m_Threads, "threads the batches are spread over (0: every core; a whole-stream run, --batch 0, runs on one)")->check(WholeNumber(0, 1024))->capture_default_str();
 		runCommand->add_flag("--strict", run.m_Strict, "fail (exit 1) when the VM reports any assertion");
 		runCommand->add_flag("--verbose", run.m_Verbose,
 			"with each VM assertion report (printed at the program line of the instruction that raised it), also print the VM's check: its expression and its source file and line");
@@ -173,7 +173,10 @@ namespace
 			return CommandDisasm(disasmPath, formats.at(disasmInput));
 		}
 		if (runCommand->parsed())
+		{
+			run.m_ThreadsGiven = runCommand->count("--threads") != 0;
 			return CommandRun(run);
+		}
 		return CommandExample();
 	}
 
