@@ -52,6 +52,32 @@ namespace Orvex
 				std::size_t m_Size = 0;
 			};
 			thread_local CThreadWorkspace t_Workspace;
+			// The run whose calls this thread's workspace holds bound (a run's number, the area
+			// they are bound to): a thread binds once per run, however many ranges of batches
+			// the parallel-for hands it.
+			std::atomic<u64> g_RunNumbers{0};
+			thread_local u64 t_BoundRun = 0;
+			thread_local const u8 *t_BoundArea = nullptr;
+
+			// The integer calls' set-up of the runs this thread starts (CPreparedCalls::Refresh).
+			class CRunSetups
+			{
+			public:
+				MathOp::SIntSetup *Reserve(std::size_t calls)
+				{
+					if (calls > m_Size)
+					{
+						m_Setups.reset(new MathOp::SIntSetup[calls]);
+						m_Size = calls;
+					}
+					return m_Setups.get();
+				}
+
+			private:
+				std::unique_ptr<MathOp::SIntSetup[]> m_Setups;
+				std::size_t m_Size = 0;
+			};
+			thread_local CRunSetups t_Setups;
 
 			// One bit per batch of the run the calling thread starts: which batches the
 			// parallel-for ran. Kept apart from the workspace, which the caller's own
@@ -123,6 +149,8 @@ namespace Orvex
 				const CBytecodeExecContext *m_Context;
 				EExecPath m_Path;
 				const SPreparedProgram *m_Prepared;	// null: through the entry points
+				const MathOp::SIntSetup *m_Setups;	// the prepared calls' set-up for this run
+				u64 m_Number;						// this run's (g_RunNumbers)
 				std::thread::id m_Caller;
 				std::atomic<u32> m_Hazards[Profiler::CHazards::__MaxHazards];	// counted on other threads
 				// The parallel-for's bookkeeping: a bit per batch run, and the batches run
@@ -194,8 +222,14 @@ namespace Orvex
 			SRegister *table = reinterpret_cast<SRegister *>(area + plan.m_ScratchBytes);
 			MathOp::SPreparedCall *bound = reinterpret_cast<MathOp::SPreparedCall *>(area + plan.m_ScratchBytes);
 			static_assert(CBatchPlan::kScratchAlign % alignof(MathOp::SPreparedCall) == 0 && CBatchPlan::kScratchAlign % alignof(SRegister) == 0, "the tables follow the aligned scratch area");
-			if (prepared != nullptr)
-				MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, scratch, bound);
+			if (prepared != nullptr && (t_BoundRun != run.m_Number || t_BoundArea != area))
+			{
+				MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, scratch, run.m_Setups, bound);
+				t_BoundRun = run.m_Number;
+				t_BoundArea = area;
+			}
+			else if (prepared == nullptr)
+				t_BoundRun = 0;	// the batches' tables overwrite whatever calls were bound here
 
 			const CCBCPUMetaRegisters &whole = run.m_Context->m_Registers;
 			CCBCPUMetaRegisters registers = whole;
@@ -298,7 +332,13 @@ namespace Orvex
 				return out;
 			}
 			RunCode(context, plan.m_Hoisted, plan.m_HoistedOffsets, path);
-			SBatches run{&plan, &context, path, prepared, std::this_thread::get_id(), {}, t_Marks.Clear(plan.m_BatchCount)};
+			MathOp::SIntSetup *setups = nullptr;
+			if (prepared != nullptr)
+			{
+				setups = t_Setups.Reserve(prepared->m_Batch.size());
+				MathOp::CPreparedCalls::Refresh(prepared->m_Batch.data(), u32(prepared->m_Batch.size()), setups);
+			}
+			SBatches run{&plan, &context, path, prepared, setups, g_RunNumbers.fetch_add(1, std::memory_order_relaxed) + 1, std::this_thread::get_id(), {}, t_Marks.Clear(plan.m_BatchCount)};
 			if (parallel.m_For != nullptr)
 				parallel.m_For(parallel.m_Host, plan.m_BatchCount, &CBatchRunnerAccess::RunBatches, &run);
 			else

@@ -10,6 +10,7 @@
 // _Prechecked: the shift count is known to be at most 31, so the shift needs no check
 // (the wide vectors have only that form; Float4 also reports a count past 31).
 
+#include "cbvm_math_op_kernel_sets.h"
 #include "cbvm_math_op_lanes.h"
 #include "mt_integer_tools.h"
 
@@ -92,6 +93,18 @@ namespace Orvex
 			return shifts - 1;
 		}
 
+		// A divisor's multiplier, shift and dividend correction (SMagicDivisor), computed once
+		// per divisor: a prepared call keeps them for a whole run (cbvm_prepared_call.h).
+		static inline SMagicDivisor _MagicDivisorOf(s32 divisor)
+		{
+			// +-1 have no multiplier; the sign trick handles them before we get here.
+			const IntegerTools::SMulDivisor md = IntegerTools::ComputeMul32Divisor(divisor);
+			const bool addDividend = divisor > 0 && md.m_Multiplier < 0;	// the addMask of the formula
+			const bool subDividend = divisor < 0 && md.m_Multiplier > 0;	// the subMask
+			const bool negativeMultiplier = md.m_Multiplier < 0;		// the signed high half's correction
+			return {md.m_Multiplier, md.m_Shifter, int(addDividend) - int(subDividend) - int(negativeMultiplier) != 0};
+		}
+
 		// Signed magic-number division (see mt_integer_tools.h for how M and s are
 		// chosen; DivideByMul32 there is the same sequence on one scalar):
 		//   t = mulhi(a, M) + (a & addMask) - (a & subMask);  t >>= s;  q = t + (t >>> 31)
@@ -112,16 +125,10 @@ namespace Orvex
 		class TMagicDivisor
 		{
 		public:
-			explicit TMagicDivisor(s32 divisor)
+			explicit TMagicDivisor(s32 divisor) : TMagicDivisor(_MagicDivisorOf(divisor)) {}
+			explicit TMagicDivisor(const SMagicDivisor &magic)
+			: m_Multiplier(_Vector::SplatInt(magic.m_Multiplier)), m_SubtractDividend(magic.m_SubtractDividend), m_Shift(magic.m_Shift)
 			{
-				// +-1 have no multiplier; the sign trick handles them before we get here.
-				const IntegerTools::SMulDivisor md = IntegerTools::ComputeMul32Divisor(divisor);
-				const bool addDividend = divisor > 0 && md.m_Multiplier < 0;	// the addMask of the formula
-				const bool subDividend = divisor < 0 && md.m_Multiplier > 0;	// the subMask
-				const bool negativeMultiplier = md.m_Multiplier < 0;		// the signed high half's correction
-				m_Multiplier = _Vector::SplatInt(md.m_Multiplier);
-				m_SubtractDividend = int(addDividend) - int(subDividend) - int(negativeMultiplier) != 0;
-				m_Shift = md.m_Shifter;
 			}
 
 			// At most 31 by construction; a loop checks it once with this.

@@ -57,6 +57,47 @@ namespace Orvex
 		extern const FnIntPacked g_IntKernelAvx2;
 		extern const FnIntPacked g_IntKernelAvx512;
 
+		// A uniform divisor's multiplier, shift and dividend correction
+		// (cbvm_math_op_int_uniform.h computes them: _MagicDivisorOf).
+		struct SMagicDivisor
+		{
+			s32 m_Multiplier;
+			u32 m_Shift;
+			bool m_SubtractDividend;
+		};
+
+		// The operand shapes of an integer call, as bits.
+		enum EIntShape : u32
+		{
+			IntShape_Stream0 = 1,	// source 0 is a stream (else a constant's 12-integer block)
+			IntShape_Stream1 = 2,	// source 1 is a stream (else its block, or none)
+			IntShape_Source1 = 4,	// there is a source 1 (not for neg and not)
+		};
+
+		// A wide set's kernel for one operator and shape, with what its block kernel would
+		// derive from the operands on every call derived once (SIntRoute): the operator's
+		// choice, the test of a uniform right operand, the division, modulo or shift path and
+		// its divisor's magic numbers. A prepared call routes once per run (its constants are
+		// fixed while its batches run) and then calls m_Run. A constant source is given as its
+		// 12-integer block (TBroadcaster<N>::Broadcast12), a stream as its first integer.
+		struct SIntRoute;
+		using FnIntRouted = void (*)(const SIntRoute &route, s32 *dst, const s32 *dstStop, const s32 *src0, const s32 *src1);
+		struct SIntRoute
+		{
+			FnIntRouted m_Run = nullptr;	// null: the call keeps the block kernel (see FnIntRoute)
+			s32 m_Divisor = 0;				// a uniform right operand
+			u32 m_Shift = 0;				// a shift count, or log2 of a power-of-two divisor
+			SMagicDivisor m_Magic = {0, 0, false};
+		};
+		// The route of 'op' over 'shape' (EIntShape bits); 'constant1': source 1's block when
+		// it is a constant, else null. No route (m_Run null) for what the block kernel does
+		// per lane or reports: a division, modulo or shift by a stream or by a constant of
+		// unequal components, a shift count past 31, a modulo by +-1, an operator without
+		// its operand.
+		using FnIntRoute = SIntRoute (*)(Compiler::IR::SOp_MathOp::EOp op, u32 shape, const s32 *constant1);
+		extern const FnIntRoute g_IntRouteAvx2;
+		extern const FnIntRoute g_IntRouteAvx512;
+
 		// One kernel set: everything the standard path's selectors (and a prepared
 		// program) look up, in one row, so that a change of set is one pointer store and a
 		// call never mixes one set's float kernels with another's integer kernel.
@@ -69,6 +110,7 @@ namespace Orvex
 			// SSE2 kernel directly, which spares small calls a hop (0 for SSE2; three
 			// vectors of the set otherwise).
 			u32 m_IntMinInts;
+			FnIntRoute m_IntRoute;			// the set's routed kernels; null: none (SSE2)
 			CBVM::EKernelIsa m_Isa;
 			const char *m_Name;				// "sse2", "avx2", "avx512"
 		};

@@ -10,5 +10,6 @@ namespace Orvex
 	{
 		const FloatKernelTable g_FloatKernelsAvx2 = BuildWideFloatKernelTable<SIMD_AVX2::Float8>();
 		const FnIntPacked g_IntKernelAvx2 = &TWideIntKernel<SIMD_AVX2::Float8>::Run;
+		const FnIntRoute g_IntRouteAvx2 = &TWideIntKernel<SIMD_AVX2::Float8>::Route;
 	}
 }

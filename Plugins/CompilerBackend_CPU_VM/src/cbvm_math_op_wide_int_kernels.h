@@ -18,6 +18,11 @@
 // other call goes to the SSE2 kernel whole, so those paths, hazards and reports are its
 // own. The vector forms are the SSE2 kernel's where it has them (TIntLanes,
 // cbvm_math_op_int_uniform.h), on every lane alike.
+//
+// The choice of a block path is one function, Route: Run routes on every call, a
+// prepared call once per run (its constants cannot change while its batches run), and
+// both then call the same small routed kernel for the operator, operand shape and path,
+// whose loop has its constants in registers and nothing left to test.
 
 #include "cbvm_math_op_int_uniform.h"
 #include "cbvm_math_op_kernel_sets.h"
@@ -47,27 +52,39 @@ namespace Orvex
 				const std::ptrdiff_t ints = dstStop - dst;
 				const std::uintptr_t any = reinterpret_cast<std::uintptr_t>(dst) | reinterpret_cast<std::uintptr_t>(src0) | reinterpret_cast<std::uintptr_t>(src1);
 				const SOp_MathOp::EIntKernel kind = u32(op) < SOp_MathOp::__MaxOps ? kIntKernels[op] : SOp_MathOp::IntKernel_Lanes;
-				std::ptrdiff_t done = 0;
 				const std::size_t span = std::size_t(ints) * 4;
 				const bool ahead = (stride0 != 0 && DestinationAheadInSource(dst, src0, span)) || (stride1 != 0 && src1 != nullptr && DestinationAheadInSource(dst, src1, span));
-				const std::ptrdiff_t whole = ints / kBlockInts * kBlockInts;
-				auto rest = [&](std::ptrdiff_t from) { return std::make_pair(stride0 != 0 ? src0 + from : src0, stride1 != 0 && src1 != nullptr ? src1 + from : src1); };
 				if (ints >= kBlockInts && (any & 15) == 0 && src0 != nullptr && !ahead)
 				{
-					const SSources s(src0, stride0, src1, stride1);
 					const bool perLaneKind = kind == SOp_MathOp::IntKernel_Div || kind == SOp_MathOp::IntKernel_Mod || kind == SOp_MathOp::IntKernel_Shift;
-					if (perLaneKind && src1 != nullptr && !s.UniformRight())
+					const s32 *constant1 = stride1 == 0 ? src1 : nullptr;
+					if (perLaneKind && src1 != nullptr && !_UniformBlock(constant1))
 					{
 						// A stream or a constant of several divisors or counts: per lane, the rest
 						// and the hazard the SSE2 kernel's (FinishPerLane).
-						done = _PerLaneOf(u32(op), dst, whole, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
-						FinishPerLane(op, ints, dst + done, dstStop, rest(done).first, stride0, rest(done).second, stride1);
+						const std::ptrdiff_t whole = ints / kBlockInts * kBlockInts;
+						const std::ptrdiff_t done = _PerLaneOf(u32(op), dst, whole, SSources(src0, stride0, src1, stride1), std::make_index_sequence<SOp_MathOp::__MaxOps>());
+						FinishPerLane(op, ints, dst + done, dstStop, stride0 != 0 ? src0 + done : src0, stride0, stride1 != 0 ? src1 + done : src1, stride1);
 						return;
 					}
-					done = _RunOperatorOf(u32(op), dst, whole, s, std::make_index_sequence<SOp_MathOp::__MaxOps>());
+					const SIntRoute route = Route(op, _ShapeOf(stride0, src1, stride1), constant1);
+					if (route.m_Run != nullptr)
+					{
+						route.m_Run(route, dst, dstStop, src0, src1);
+						return;
+					}
 				}
-				if (done != ints)
-					g_IntKernelSse2(op, dst + done, dstStop, rest(done).first, stride0, rest(done).second, stride1);
+				g_IntKernelSse2(op, dst, dstStop, src0, stride0, src1, stride1);
+			}
+
+			// The routed kernels (FnIntRoute, cbvm_math_op_kernel_sets.h). Each takes what Run
+			// takes past its tests, which a prepared batched call meets by construction: 16-byte
+			// aligned operands, no destination ahead inside a source.
+			static SIntRoute Route(SOp_MathOp::EOp op, u32 shape, const s32 *constant1)
+			{
+				SIntRoute route;
+				(void)_RouteOf(u32(op), shape, constant1, route, std::make_index_sequence<SOp_MathOp::__MaxOps>());
+				return route;
 			}
 
 		private:
@@ -106,11 +123,7 @@ namespace Orvex
 			struct SSources
 			{
 				SSource m_A, m_B;
-				const s32 *m_Constant1;	// source 1's 12-integer block, or null
-				SSources(const s32 *src0, u32 stride0, const s32 *src1, u32 stride1) : m_A(src0, stride0), m_B(src1, stride1), m_Constant1(stride1 == 0 ? src1 : nullptr) {}
-				// A uniform constant right operand: the four integers of its first vector equal
-				// (the test of the SSE2 kernel's block paths).
-				bool UniformRight() const { return m_Constant1 != nullptr && m_Constant1[0] == m_Constant1[1] && m_Constant1[0] == m_Constant1[2] && m_Constant1[0] == m_Constant1[3]; }
+				SSources(const s32 *src0, u32 stride0, const s32 *src1, u32 stride1) : m_A(src0, stride0), m_B(src1, stride1) {}
 			};
 
 			// dst over 'ints' integers (whole wide blocks): vector v of the block at i is at(i, v).
@@ -145,55 +158,137 @@ namespace Orvex
 				return _Loop(dst, ints, [&](std::ptrdiff_t, int v) OX_KERNEL_LAMBDA { return fn(ca[v], cb[v]); });
 			}
 
-			// Division by a uniform constant: the SSE2 kernel's block forms, divisor by divisor.
-			template <typename _FnOfQuotient>
-			static __attribute__((always_inline)) std::ptrdiff_t _ByUniform(s32 *dst, std::ptrdiff_t ints, const SSources &s, s32 divisor, bool remainder, const _FnOfQuotient &fn)
+			// Source 1 a constant whose four first integers are equal (the test of the SSE2
+			// kernel's block paths); null is not.
+			static bool _UniformBlock(const s32 *constant1)
 			{
-				if (divisor == 1 || divisor == -1)
-				{
-					const _Vector sign = _Vector::SplatInt(divisor >> 31);
-					return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _SignQuotient(a, sign); });
-				}
-				if (_IsPowerOfTwo(divisor))
-				{
-					const _Vector lowBits = _Vector::SplatInt(s32(u32(divisor) - 1u));
-					if (remainder)
-						return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _PowerOfTwoRemainder<true>(a, lowBits); });
-					const u32 k = _Log2OfPowerOfTwo(divisor);
-					return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _PowerOfTwoQuotient<true>(a, lowBits, k); });
-				}
-				const TMagicDivisor<_Vector> magic(divisor);
-				if (magic.SubtractsDividend())
-					return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return fn(a, magic.template Quotient<true, true>(a)); });
-				return _Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return fn(a, magic.template Quotient<true, false>(a)); });
+				return constant1 != nullptr && constant1[0] == constant1[1] && constant1[0] == constant1[2] && constant1[0] == constant1[3];
 			}
 
-			// The integers of [dst, dst + ints) the operator's wide form computed: all of
-			// them, or none (the SSE2 kernel takes the call).
-			template <u32 _Op>
-			static __attribute__((always_inline)) std::ptrdiff_t _RunOperator(s32 *dst, std::ptrdiff_t ints, const SSources &s)
+			static u32 _ShapeOf(u32 stride0, const s32 *src1, u32 stride1)
 			{
-				constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
-				if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Lanes)
-					return s.m_B.m_Stream == nullptr && s.m_Constant1 == nullptr ? 0 : _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return TIntLanes<_Op>::Vector(a, b); });
-				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Unary)
-					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return TIntLanes<_Op>::Vector(a); });
-				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Div)
-					return s.UniformRight() ? _ByUniform(dst, ints, s, s.m_Constant1[0], false, [](const _Vector &, const _Vector &q) OX_KERNEL_LAMBDA { return q; }) : 0;
-				else if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Mod)
+				return (stride0 != 0 ? IntShape_Stream0 : 0u) | (src1 != nullptr ? IntShape_Source1 : 0u) | (src1 != nullptr && stride1 != 0 ? IntShape_Stream1 : 0u);
+			}
+
+			// How a routed kernel computes its blocks.
+			enum ERoute : u32
+			{
+				Route_Lanes,		// the lanewise and unary operators
+				Route_Sign,			// division by +-1
+				Route_PowerOfTwo,	// division or modulo by +-2^k
+				Route_Magic,		// division or modulo by a magic multiplier
+				Route_MagicSubtract,	// ... whose formula subtracts the dividend
+				Route_Shift,		// a shift by one count, at most 31
+			};
+
+			// Whole wide blocks of 'ints' integers by the route, then the rest (fewer than one
+			// wide block: only a run's last batch has one) to the SSE2 kernel, as Run ends a call.
+			template <u32 _Op, u32 _Shape, u32 _Route>
+			static void _Routed(const SIntRoute &route, s32 *dst, const s32 *dstStop, const s32 *src0, const s32 *src1)
+			{
+				constexpr u32 kStride0 = (_Shape & IntShape_Stream0) != 0 ? 48u : 0u;
+				constexpr u32 kStride1 = (_Shape & IntShape_Stream1) != 0 ? 48u : 0u;
+				const s32 *b = (_Shape & IntShape_Source1) != 0 ? src1 : nullptr;
+				const std::ptrdiff_t ints = dstStop - dst, whole = ints / kBlockInts * kBlockInts;
+				if (whole != 0)
+					_RouteBlocks<_Op, _Route>(dst, whole, SSources(src0, kStride0, b, kStride1), route);
+				if (whole != ints)
+					g_IntKernelSse2(SOp_MathOp::EOp(_Op), dst + whole, dstStop, kStride0 != 0 ? src0 + whole : src0, kStride0, kStride1 != 0 ? b + whole : b, kStride1);
+			}
+
+			template <u32 _Op, u32 _Route>
+			static __attribute__((always_inline)) void _RouteBlocks(s32 *dst, std::ptrdiff_t ints, const SSources &s, const SIntRoute &route)
+			{
+				constexpr SOp_MathOp::EIntKernel kKind = SOp_MathOp::kTraits[_Op].m_IntKernel;
+				if constexpr (kKind == SOp_MathOp::IntKernel_Lanes)
+					_Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return TIntLanes<_Op>::Vector(a, b); });
+				else if constexpr (kKind == SOp_MathOp::IntKernel_Unary)
+					_Blocks(dst, ints, s, [](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return TIntLanes<_Op>::Vector(a); });
+				else if constexpr (_Route == Route_Shift)
+					_Blocks(dst, ints, s, [bits = route.m_Shift](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _Shift<TIntLanes<_Op>::kShift, true>(a, bits); });
+				else if constexpr (_Route == Route_Sign)
 				{
-					if (!s.UniformRight() || s.m_Constant1[0] == 1 || s.m_Constant1[0] == -1)
-						return 0;
-					const _Vector d = _Vector::SplatInt(s.m_Constant1[0]);
-					return _ByUniform(dst, ints, s, s.m_Constant1[0], true, [&d](const _Vector &a, const _Vector &q) OX_KERNEL_LAMBDA { return a.SubInt32(q.MulLoInt32(d)); });
+					const _Vector sign = _Vector::SplatInt(route.m_Divisor >> 31);
+					_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _SignQuotient(a, sign); });
+				}
+				else if constexpr (_Route == Route_PowerOfTwo)
+				{
+					const _Vector lowBits = _Vector::SplatInt(s32(u32(route.m_Divisor) - 1u));
+					if constexpr (kKind == SOp_MathOp::IntKernel_Mod)
+						_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _PowerOfTwoRemainder<true>(a, lowBits); });
+					else
+						_Blocks(dst, ints, s, [&, k = route.m_Shift](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _PowerOfTwoQuotient<true>(a, lowBits, k); });
 				}
 				else
 				{
-					const u32 bits = s.m_Constant1 != nullptr ? u32(s.m_Constant1[0]) : 32u;
-					if (!s.UniformRight() || bits > 31)
-						return 0;	// the SSE2 kernel: per lane, or a count it reports
-					return _Blocks(dst, ints, s, [bits](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _Shift<TIntLanes<_Op>::kShift, true>(a, bits); });
+					// r = a - q d, wrapping, for the modulo.
+					const TMagicDivisor<_Vector> magic(route.m_Magic);
+					const _Vector d = _Vector::SplatInt(route.m_Divisor);
+					_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA {
+						const _Vector q = magic.template Quotient<true, _Route == Route_MagicSubtract>(a);
+						if constexpr (kKind == SOp_MathOp::IntKernel_Mod)
+							return a.SubInt32(q.MulLoInt32(d));
+						else
+							return q;
+					});
 				}
+			}
+
+			// Route _Route of operator _Op for the shape, one of _Shapes (none else).
+			template <u32 _Op, u32 _Route, u32... _Shapes>
+			static void _Take(u32 shape, SIntRoute &route)
+			{
+				(void)((shape == _Shapes ? (route.m_Run = &_Routed<_Op, _Shapes, _Route>, true) : false) || ...);
+			}
+
+			// The route of operator _Op, as Run would choose its path on every call.
+			template <u32 _Op>
+			static void _RouteOp(u32 shape, const s32 *constant1, SIntRoute &route)
+			{
+				constexpr SOp_MathOp::EIntKernel kKind = SOp_MathOp::kTraits[_Op].m_IntKernel;
+				constexpr u32 S0 = IntShape_Stream0, S1 = IntShape_Stream1, B = IntShape_Source1;
+				if constexpr (kKind == SOp_MathOp::IntKernel_Lanes)
+					_Take<_Op, Route_Lanes, B, S0 | B, S1 | B, S0 | S1 | B>(shape, route);	// without source 1: the SSE2 kernel reports
+				else if constexpr (kKind == SOp_MathOp::IntKernel_Unary)
+					_Take<_Op, Route_Lanes, 0, S0, B, S0 | B, S1 | B, S0 | S1 | B>(shape, route);	// source 1 unread
+				else
+				{
+					// By a uniform constant (shape S0 | B or B), from a stream or from a constant.
+					if (!_UniformBlock(constant1))
+						return;
+					const s32 d = constant1[0];
+					route.m_Divisor = d;
+					if constexpr (kKind == SOp_MathOp::IntKernel_Shift)
+					{
+						route.m_Shift = u32(d);
+						if (u32(d) <= 31)	// past 31, the SSE2 kernel reports the count
+							_Take<_Op, Route_Shift, S0 | B, B>(shape, route);
+					}
+					else if (d == 1 || d == -1)
+					{
+						if constexpr (kKind == SOp_MathOp::IntKernel_Div)	// (a modulo: the SSE2 kernel clears the call in one go)
+							_Take<_Op, Route_Sign, S0 | B, B>(shape, route);
+					}
+					else if (_IsPowerOfTwo(d))
+					{
+						route.m_Shift = _Log2OfPowerOfTwo(d);
+						_Take<_Op, Route_PowerOfTwo, S0 | B, B>(shape, route);
+					}
+					else
+					{
+						route.m_Magic = _MagicDivisorOf(d);
+						if (route.m_Magic.m_SubtractDividend)
+							_Take<_Op, Route_MagicSubtract, S0 | B, B>(shape, route);
+						else
+							_Take<_Op, Route_Magic, S0 | B, B>(shape, route);
+					}
+				}
+			}
+
+			template <std::size_t... _Ops>
+			static bool _RouteOf(u32 op, u32 shape, const s32 *constant1, SIntRoute &route, std::index_sequence<_Ops...>)
+			{
+				return ((op == _Ops ? (_RouteOp<_Ops>(shape, constant1, route), true) : false) || ...);
 			}
 
 			// The per-lane forms: division and modulo through double precision (as the SSE2
@@ -221,13 +316,6 @@ namespace Orvex
 				return done;
 			}
 
-			template <std::size_t... _Ops>
-			static __attribute__((always_inline)) std::ptrdiff_t _RunOperatorOf(u32 op, s32 *dst, std::ptrdiff_t ints, const SSources &s, std::index_sequence<_Ops...>)
-			{
-				std::ptrdiff_t done = 0;
-				(void)((op == _Ops ? (done = _RunOperator<_Ops>(dst, ints, s), true) : false) || ...);
-				return done;	// 0 past the operator set: the SSE2 kernel reports it
-			}
 		};
 	}
 }

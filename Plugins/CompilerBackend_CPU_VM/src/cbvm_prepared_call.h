@@ -14,11 +14,17 @@
 //   - integers and booleans: the active set's block kernel (SSE2's below the set's
 //     block, as the integer selector chooses), constants as 12-integer blocks;
 //   - one-element destinations: the entry point itself (they run once per run).
-// Everything value-dependent stays in the kernels (a uniform shift count, division by a
-// uniform constant, the float modulo's reciprocal), so a prepared call gives the words,
-// reports, hazard counts and once-only warnings of the entry point on the same
-// operands, and records the entry point's profiler scope (one flag test when the
-// profiler is off).
+// What depends on register values is derived where the entry point derives it, so a
+// prepared call gives the words, reports, hazard counts and once-only warnings of the
+// entry point on the same operands, and records the entry point's profiler scope (one
+// flag test when the profiler is off). In a batched run the constants cannot change
+// while the batches run (every one-element instruction ran before them), so the run
+// starts with Refresh, which does an integer call's value-dependent set-up once for all
+// its batches: each constant operand as its 12-integer block, and, for a wide set, the
+// route its block kernel would take on every call (the uniform-constant test, the
+// division, modulo or shift path, the divisor's magic numbers: SIntRoute). A
+// whole-stream run calls each instruction once and keeps the per-call set-up (its
+// one-element instructions may write a constant between two calls).
 //
 // A prepared call holds raw pointers into the register file it was prepared on: the
 // plan that owns it checks, before each run, that the file is still that one.
@@ -56,6 +62,13 @@ namespace Orvex
 		// point records and a prepared call standing for it records too.
 		const Profiler::SNodeDescriptor &EntryProfilerNode(u8 opcode);
 
+		// An integer call's set-up for one batched run (CPreparedCalls::Refresh).
+		struct SIntSetup
+		{
+			alignas(16) s32 m_Blocks[2][12];	// each constant source as its 12-integer block
+			SIntRoute m_Route;				// the set's routed kernel, or none
+		};
+
 		struct SPreparedCall;
 		// An integer call (one per component count): constants as blocks, then the block kernel.
 		using FnPreparedInt = void (*)(const SPreparedCall &call, void *dst, u32 count, const void *src0, const void *src1);
@@ -65,6 +78,9 @@ namespace Orvex
 			FnOp2Stream m_Float = nullptr;		// a float kernel, or null
 			FnPreparedInt m_Int = nullptr;		// an integer call, or null
 			const SKernelSet *m_Set = nullptr;	// an integer call's kernel set
+			const SIntSetup *m_Setup = nullptr;	// ... and its set-up for the run (bound batched calls)
+			u8 m_Components = 0;				// an integer call's N
+			u8 m_Shape = 0;						// ... and its EIntShape bits
 			CBVM::FnExecBytecode m_Entry = nullptr;	// a one-element instruction: its entry point
 			const u8 *m_Bytecode = nullptr;		// ... and its bytes (in the plan's copy)
 			const Profiler::SNodeDescriptor *m_Node = nullptr;	// its entry point's profiler node
@@ -83,20 +99,13 @@ namespace Orvex
 			// One-element destinations get their entry point (standard path).
 			static SPreparedCall Prepare(const u8 *bytecode, u32 offset, const CCBCPUMetaRegisters &registers, const SKernelSet &set);
 
-			// A thread's copy of 'count' calls for its scratch area 'scratch'.
-			static void Bind(const SPreparedCall *calls, u32 count, u8 *scratch, SPreparedCall *bound)
-			{
-				for (u32 c = 0; c < count; ++c)
-				{
-					bound[c] = calls[c];
-					for (SPreparedOperand *operand : {&bound[c].m_Dst, &bound[c].m_Src0, &bound[c].m_Src1})
-						if (operand->m_Scratch != SPreparedOperand::kNotScratch)
-						{
-							operand->m_Base = scratch + operand->m_Scratch;
-							operand->m_Step = 0;
-						}
-				}
-			}
+			// An integer call's set-up for a batched run of 'count' calls, into 'setups' (one
+			// per call): the constants' blocks as the registers hold them now, and the routes.
+			static void Refresh(const SPreparedCall *calls, u32 count, SIntSetup *setups);
+
+			// A thread's copy of 'count' calls for its scratch area 'scratch', and, with
+			// 'setups' (Refresh's), each integer call on its set-up.
+			static void Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SIntSetup *setups, SPreparedCall *bound);
 
 			// Runs 'call' (bound, or without scratch operands) over elements [first, first +
 			// count); 'context' is the file for an entry point (one-element instructions
