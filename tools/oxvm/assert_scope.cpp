@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <set>
+#include <tuple>
 #include <string>
 
 namespace OxVm
@@ -29,7 +31,14 @@ namespace OxVm
 			std::vector<u32> m_Offsets;
 			CBVM::EExecPath m_Path = CBVM::ExecPath_Standard;
 			const CCBCPUMetaRegisters *m_Registers = nullptr;
-			std::vector<std::string> m_Printed;	// lines printed so far (a repeat is counted, not printed)
+			std::vector<std::string> m_Printed;	// reports printed so far
+			// Sites that reported: a site answered "ignore" stops reporting, but batches
+			// on other threads may have passed its (relaxed) flag already and report it
+			// again; counted once, the count is the same from run to run.
+			// A site is its file, line, function and check (a template's instantiations are
+			// sites of their own, and so are two checks on one line).
+			std::set<std::tuple<const char *, int, const char *, const char *>> m_Sites;
+			u64 m_Repeats = 0;	// reports that read as a line already printed (counted, not printed)
 			bool m_NoteGiven = false;
 			bool m_Describing = false;	// a report raised while describing one is only counted
 		};
@@ -71,13 +80,17 @@ namespace OxVm
 		// Batches report from several threads: one report is described and printed at a time.
 		std::mutex g_Lock;
 
+		// A report is counted once per site; what is not printed (a line already printed,
+		// reports past kPrinted) is counted apart, so that the summary can say so.
 		int Counted(const Orvex::Assert::SReport &report)
 		{
-			g_Counted.fetch_add(1);
 			const std::lock_guard<std::mutex> lock(g_Lock);
 			SAttribution &at = g_Attribution;
 			if (at.m_Describing)
 				return Orvex::Assert::Answer_Continue;
+			if (!at.m_Sites.insert({report.m_File, report.m_Line, report.m_Function, report.m_Expression}).second)
+				return Orvex::Assert::Answer_Ignore;
+			g_Counted.fetch_add(1);
 			at.m_Describing = true;
 			std::string text = Describe(report);
 			at.m_Describing = false;
@@ -85,7 +98,10 @@ namespace OxVm
 				text += fmt::format("\n    VM check '{}'{}{} at {}:{}", report.m_Expression, std::strcmp(report.m_Message, report.m_Expression) != 0 ? ": " : "",
 									std::strcmp(report.m_Message, report.m_Expression) != 0 ? report.m_Message : "", report.m_File, report.m_Line);
 			if (std::find(at.m_Printed.begin(), at.m_Printed.end(), text) != at.m_Printed.end())
+			{
+				++at.m_Repeats;
 				return Orvex::Assert::Answer_Ignore;
+			}
 			if (at.m_Printed.size() < CCountedAsserts::kPrinted)
 			{
 				std::fprintf(stderr, "%s\n", text.c_str());
@@ -117,6 +133,22 @@ namespace OxVm
 	}
 
 	std::uint64_t CCountedAsserts::Count() const { return g_Counted.load(); }
+
+	std::string CCountedAsserts::Summary() const
+	{
+		const std::lock_guard<std::mutex> lock(g_Lock);
+		const SAttribution &at = g_Attribution;
+		const u64 counted = g_Counted.load(), printed = at.m_Printed.size(), unlisted = counted - printed - at.m_Repeats;
+		std::string text = fmt::format("{} VM assertion report{} during the run", counted, counted == 1 ? "" : "s");
+		if (printed == counted)
+			return text;
+		text += fmt::format(" ({} printed", printed);
+		if (at.m_Repeats != 0)
+			text += fmt::format("; {} read as a line printed already", at.m_Repeats);
+		if (unlisted != 0)
+			text += fmt::format("; {} past the first {}", unlisted, kPrinted);
+		return text + ")";
+	}
 
 	void CCountedAsserts::Attribute(const SProgram &program, const std::vector<u8> &bytecode)
 	{

@@ -6,6 +6,7 @@
 #include "program.h"
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace OxVm
@@ -46,7 +47,12 @@ namespace OxVm
 		CCountedAsserts(const CCountedAsserts &) = delete;
 		CCountedAsserts &operator=(const CCountedAsserts &) = delete;
 
+		// Reports counted: one per reporting site (a site that several batch threads
+		// trip at once is counted once), printed or not.
 		std::uint64_t Count() const;
+		// "3 VM assertion reports during the run", with how many were printed when that
+		// is fewer (repeats of a printed line, reports past kPrinted).
+		std::string Summary() const;
 
 		// The program whose 'bytecode' runs from now on (both outlive this object).
 		void Attribute(const SProgram &program, const std::vector<u8> &bytecode);

@@ -380,7 +380,7 @@ namespace OxVm
 			const u64 reports = asserts.Count();
 			const bool strict = run.m_Options.m_Strict;
 			if (reports != 0)
-				fmt::print(stderr, "oxvm: {} VM assertion report{} during the run{}\n", reports, reports == 1 ? "" : "s", strict ? " (--strict: failing)" : "");
+				fmt::print(stderr, "oxvm: {}{}\n", asserts.Summary(), strict ? " (--strict: failing)" : "");
 			run.m_Failed = run.m_Failed || (strict && reports != 0);
 			const bool written = WriteOutputs(run);
 			PrintTotal(run);
