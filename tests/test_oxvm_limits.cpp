@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
 namespace
@@ -103,6 +104,16 @@ namespace
 		const SOxvmResult compared = OxvmWithMemoryLimit("run --elements 20000000 --compare", kBaseKb + 256 * 1024);
 		EXPECT_EQ(compared.m_Status, 2);
 		EXPECT_NE(compared.m_Err.find("(twice: --compare runs a copy)"), std::string::npos) << compared.m_Err;
+	}
+
+	// A regular file over the input limit is refused by its size, before a byte of it is
+	// read: in a few MB of address space, where reading it up to the limit would need 256.
+	TEST_F(OxvmLimits, AFileOverTheLimitIsRefusedUnread)
+	{
+		ASSERT_EQ(std::system(("truncate -s 300M '" + Path("sparse.oxs") + "'").c_str()), 0);
+		const SOxvmResult result = OxvmWithMemoryLimit("run sparse.oxs", kBaseKb + 16 * 1024);
+		EXPECT_EQ(result.m_Status, 2);
+		EXPECT_EQ(result.m_Err, "oxvm: error: 'sparse.oxs' is larger than 256 MiB, the largest input oxvm reads\n");
 	}
 
 	TEST_F(OxvmLimits, AFailedDeclarationIsReportedOnce)

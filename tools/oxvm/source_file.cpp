@@ -23,13 +23,15 @@ namespace OxVm
 			return false;
 		}
 		bytes.clear();
-		// A regular file's size is known: one allocation of the right size.
+		// A regular file's size is known: one allocation of the right size, and a file
+		// over the limit is refused before a byte of it is read.
 		struct stat info;
-		if (fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode) && u64(info.st_size) <= limit)
+		const bool regular = fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
+		bool tooLarge = regular && u64(info.st_size) > limit;
+		if (regular && !tooLarge)
 			bytes.reserve(std::size_t(info.st_size));
 		char chunk[1 << 16];
-		bool tooLarge = false;
-		for (;;)
+		while (!tooLarge)
 		{
 			const std::size_t got = std::fread(chunk, 1, sizeof(chunk), file);
 			if (got == 0)

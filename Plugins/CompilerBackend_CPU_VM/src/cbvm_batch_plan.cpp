@@ -210,6 +210,9 @@ namespace Orvex
 		{
 			CMathOpWalker walk(bytecode, size);
 			SMathOpInstruction decoded;
+			// At most one instruction per 13 bytes: reserved once, a program of a million
+			// instructions is not copied as it grows (nor held at twice its size).
+			program.reserve(size / 13);
 			while (walk.Next(decoded))
 			{
 				const u32 offset = decoded.m_Offset;
@@ -518,6 +521,12 @@ namespace Orvex
 			}
 			auto prepared = std::make_unique<SPreparedProgram>();
 			prepared->m_Set = &MathOp::ActiveKernelSet();
+			// One call per instruction (and one per per-element instruction in a batch),
+			// reserved: grown by doubling, the calls of a long program took up to three
+			// times their size while they were copied.
+			prepared->m_Whole.reserve(program.size());
+			if (m_Batched)
+				prepared->m_Batch.reserve(program.size());
 			for (const SInstruction &ins : program)
 			{
 				const MathOp::SPreparedCall call = MathOp::CPreparedCalls::Prepare(m_Whole.data() + ins.m_Offset, ins.m_Offset, registers, *prepared->m_Set);
