@@ -31,7 +31,7 @@ namespace
 		"  stream 4096                                  elements per stream\n"
 		"  reg pos stream 0 float3 = random(-10, 10)    name bank slot type [[count]] [= initialiser]\n"
 		"  add pos, pos, vel                            operator destination, source0[, source1]\n"
-		"See the README section 'The oxvm tool' for the whole format.\n";
+		"See docs/oxvm.md for the whole format.\n";
 
 	// A whole number lo..hi, and a message that gives the range whatever is wrong with
 	// the text (a suffix, a sign, too many digits).
