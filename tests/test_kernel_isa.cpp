@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -38,8 +39,25 @@ namespace
 		EKernelIsa isa = CBVM::KernelIsa_SSE2;
 		EXPECT_TRUE(CBVM::KernelIsaFromName("avx512", isa));
 		EXPECT_EQ(isa, CBVM::KernelIsa_AVX512);
-		for (const char *bad : {"AVX2", "", "avx", "sse2 ", "auto"})
+		// Any letter case names the same set.
+		const struct
+		{
+			const char *m_Text;
+			EKernelIsa m_Isa;
+		} kSpellings[] = {{"AVX2", CBVM::KernelIsa_AVX2}, {"Avx512", CBVM::KernelIsa_AVX512}, {"SSE2", CBVM::KernelIsa_SSE2},
+						  {"sSe2", CBVM::KernelIsa_SSE2}, {"aVX2", CBVM::KernelIsa_AVX2}, {"AVX512", CBVM::KernelIsa_AVX512}};
+		for (const auto &spelling : kSpellings)
+		{
+			isa = EKernelIsa(7);
+			EXPECT_TRUE(CBVM::KernelIsaFromName(spelling.m_Text, isa)) << spelling.m_Text;
+			EXPECT_EQ(isa, spelling.m_Isa) << spelling.m_Text;
+		}
+		isa = CBVM::KernelIsa_AVX2;
+		for (const char *bad : {"", "avx", "AVX", "sse2 ", " SSE2", "auto", "AUTO", "avx5122", "AVX2X", "avx51"})
+		{
 			EXPECT_FALSE(CBVM::KernelIsaFromName(bad, isa)) << bad;
+			EXPECT_EQ(isa, CBVM::KernelIsa_AVX2) << "a refused name leaves the set alone: " << bad;
+		}
 		EXPECT_FALSE(CBVM::KernelIsaFromName(nullptr, isa));
 
 		EXPECT_TRUE(CBVM::KernelIsaSupported(CBVM::KernelIsa_SSE2));
@@ -59,6 +77,30 @@ namespace
 		EXPECT_FALSE(CBVM::SetKernelIsa(EKernelIsa(7)));
 		EXPECT_TRUE(CBVM::SetKernelIsa(before));
 		std::printf("kernel sets: widest %s, active %s\n", CBVM::KernelIsaName(widest), CBVM::KernelIsaName(before));
+	}
+
+	// The set chosen at first use from OX_CBVM_ISA, run by CTest (tests/CMakeLists.txt)
+	// with the variable spelled in mixed case and OX_TEST_EXPECTED_ISA naming the set it
+	// must give ("widest": the widest this machine runs). Run alone, so that nothing else
+	// has used the kernel sets before it: the choice is made once per process.
+	TEST(KernelIsa, EnvironmentChoice)
+	{
+		const char *expected = std::getenv("OX_TEST_EXPECTED_ISA");
+		if (expected == nullptr)
+			GTEST_SKIP() << "run by CTest with OX_CBVM_ISA and OX_TEST_EXPECTED_ISA set";
+		EKernelIsa want = CBVM::WidestKernelIsa();
+		if (std::strcmp(expected, "widest") != 0)
+		{
+			ASSERT_TRUE(CBVM::KernelIsaFromName(expected, want)) << expected;
+			if (!CBVM::KernelIsaSupported(want))
+				GTEST_SKIP() << "this machine does not run " << expected;
+		}
+		testing::internal::CaptureStderr();
+		const EKernelIsa chosen = CBVM::ActiveKernelIsa();
+		const std::string err = testing::internal::GetCapturedStderr();
+		EXPECT_EQ(chosen, want) << "OX_CBVM_ISA=" << std::getenv("OX_CBVM_ISA");
+		// A name read as unknown would also end on the widest set, with this line.
+		EXPECT_EQ(err, "") << "OX_CBVM_ISA=" << std::getenv("OX_CBVM_ISA");
 	}
 
 	// A word of one of the kinds that tell kernels apart.

@@ -6,11 +6,12 @@
 // set does not widen runs the SSE2 one.
 //
 // At first use (not during static initialisation) the library picks the widest set
-// that the processor and the operating system support (CPUID, and XGETBV for the register state the system saves). The
-// environment variable OX_CBVM_ISA (auto, sse2, avx2, avx512), read at that moment,
-// overrides the choice; a set the machine lacks, or an unknown name, falls back to auto
-// with one line on stderr. SetKernelIsa changes it at any time (refusing a set the
-// machine lacks); a call that is running keeps the kernel it started with. The choice
+// that the processor and the operating system support (CPUID, and XGETBV for the
+// register state the system saves). The environment variable OX_CBVM_ISA (auto, sse2,
+// avx2, avx512, in any letter case: AVX2 and Avx512 too), read at that moment, overrides
+// the choice; a set the machine lacks, or an unknown name, falls back to auto with one
+// line on stderr. SetKernelIsa changes it at any time (refusing a set the machine
+// lacks); a call that is running keeps the kernel it started with. The choice
 // costs nothing per instruction beyond the kernel-table lookup the path always does.
 
 #include "kr_base_types.h"
@@ -29,7 +30,8 @@ namespace Orvex
 
 		// "sse2", "avx2", "avx512"; "?" outside the enumeration.
 		const char *KernelIsaName(EKernelIsa isa);
-		// The set named 'name' ("sse2", "avx2", "avx512"); false for any other text.
+		// The set named 'name' ("sse2", "avx2", "avx512", ASCII letters in any case, so
+		// "AVX2" too); false for any other text.
 		bool KernelIsaFromName(const char *name, EKernelIsa &isa);
 
 		// Whether this processor and operating system run the set (SSE2: always).

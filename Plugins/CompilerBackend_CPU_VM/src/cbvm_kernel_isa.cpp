@@ -26,6 +26,19 @@ namespace Orvex
 			constexpr const char *kIsaNames[] = {"sse2", "avx2", "avx512"};
 			static_assert(sizeof(kIsaNames) / sizeof(kIsaNames[0]) == __MaxKernelIsas, "a name for every kernel set");
 
+			// Names are compared without regard to ASCII case: people write AVX2 and Avx512
+			// as often as avx2 (strcasecmp would follow the locale).
+			bool SameName(const char *text, const char *name)
+			{
+				for (; *text != '\0' && *name != '\0'; ++text, ++name)
+				{
+					const char c = *text >= 'A' && *text <= 'Z' ? char(*text - 'A' + 'a') : *text;
+					if (c != *name)
+						return false;
+				}
+				return *text == *name;
+			}
+
 			// XCR0: the register state the operating system saves on a context switch.
 			u64 EnabledState()
 			{
@@ -84,7 +97,7 @@ namespace Orvex
 			{
 				EKernelIsa isa = Widest();
 				const char *asked = std::getenv("OX_CBVM_ISA");
-				if (asked != nullptr && asked[0] != '\0' && std::strcmp(asked, "auto") != 0)
+				if (asked != nullptr && asked[0] != '\0' && !SameName(asked, "auto"))
 				{
 					EKernelIsa named = KernelIsa_SSE2;
 					if (!KernelIsaFromName(asked, named))
@@ -106,7 +119,7 @@ namespace Orvex
 		bool KernelIsaFromName(const char *name, EKernelIsa &isa)
 		{
 			for (u32 i = 0; name != nullptr && i < __MaxKernelIsas; ++i)
-				if (std::strcmp(name, kIsaNames[i]) == 0)
+				if (SameName(name, kIsaNames[i]))
 				{
 					isa = EKernelIsa(i);
 					return true;
