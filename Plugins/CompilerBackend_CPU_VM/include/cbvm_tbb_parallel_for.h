@@ -20,12 +20,15 @@ namespace Orvex
 		class CTbbParallelFor
 		{
 		public:
-			// 'threads' 0: every core the process may use.
+			// 'threads' 0: every core the process may use. More threads than oneTBB runs in
+			// all (those cores, or the limit a host set with a tbb::global_control) are not
+			// asked for: the arena gets that many.
 			explicit CTbbParallelFor(u32 threads = 0);
 			~CTbbParallelFor();
 			CTbbParallelFor(const CTbbParallelFor &) = delete;
 			CTbbParallelFor &operator=(const CTbbParallelFor &) = delete;
 
+			// The threads that run the batches: 4 asked for on a 2-core machine gives 2.
 			u32 Threads() const { return m_Threads; }
 			// Valid while this object lives.
 			SParallelFor ParallelFor() { return SParallelFor{&CTbbParallelFor::_For, this}; }
