@@ -169,10 +169,8 @@ TEST(Assert, DefaultHandlerPrintsOneLineAndSilences)
 	const std::string err = testing::internal::GetCapturedStderr();
 	Assert::SetHandler(previous);
 	EXPECT_EQ(Assert::ReportCount() - before, 1u) << "the default handler answers 'ignore'";
-	EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-	EXPECT_NE(err.find(std::string(__FILE__) + ":"), std::string::npos) << err;
-	EXPECT_NE(err.find("SiteForDefaultHandler"), std::string::npos) << err;
-	EXPECT_NE(err.find("1 + 1 == 3"), std::string::npos) << err;
+	// The check's text only: the site's file and function mean nothing to a host's user.
+	EXPECT_EQ(err, "orvex cbvm: assertion failed: 1 + 1 == 3\n");
 }
 
 TEST(Assert, DefaultHandlerPrintsTheMessageWhenThereIsOne)
@@ -181,7 +179,7 @@ TEST(Assert, DefaultHandlerPrintsTheMessageWhenThereIsOne)
 	const int answer = Assert::DefaultHandler({"file.cpp", "void f()", 12, "p != null", "pointer was null"});
 	const std::string err = testing::internal::GetCapturedStderr();
 	EXPECT_EQ(answer, Assert::Answer_Ignore);
-	EXPECT_EQ(err, "file.cpp:12: assertion failed in 'void f()': p != null: pointer was null\n");
+	EXPECT_EQ(err, "orvex cbvm: assertion failed: p != null: pointer was null\n");
 }
 
 TEST(Assert, SetHandlerReturnsThePreviousOne)

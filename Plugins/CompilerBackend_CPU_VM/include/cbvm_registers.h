@@ -29,6 +29,9 @@ namespace Orvex
 		u8 *m_ScratchBuffer = nullptr;
 		SRegister *m_Registers = nullptr;
 		u32 m_StreamDimensions = 0;		// elements evaluated for an Instance or Stream destination
+		// The offset of the instruction running, in its program's bytecode: the interpreter
+		// and the batch runner set it before each call (a host calling an entry point
+		// itself sets it the same way). Assertion reports name the instruction by it.
 		u32 m_InstructionPointer = 0;
 
 		// Byte size of one element of each type, indexed by type + 1 (BaseType_Evolved first):

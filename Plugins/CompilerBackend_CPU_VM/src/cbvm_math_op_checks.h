@@ -59,19 +59,29 @@ namespace Orvex
 		// A type of known size: what DataSizeInBytes asserts.
 		struct SCheck_DstTypeSize { static constexpr const char *kText[2] = {"size != 0 || typeID == BaseType_Evolved", "size != 0 || typeID == BaseType_Evolved"}; };
 		struct SCheck_SrcTypeSize { static constexpr const char *kText[2] = {"size != 0 || typeID == BaseType_Evolved", "size != 0 || typeID == BaseType_Evolved"}; };
+		// The register-size checks name their operand in a report's context.
 		struct SCheck_DstSize
 		{
+			static constexpr const char *kOperand = "destination";
 			static constexpr const char *kText[2] = {"reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && mt < Compiler::MetaType_Instance)",
 													 "reg.m_Size >= registers.m_StreamDimensions * dstStride || (reg.m_Size >= dstStride && mt < Compiler::MetaType_Instance)"};
 		};
-		struct SCheck_Src0Size { static constexpr const char *kText[2] = {"reg0.m_Size >= evalCount * stride0", "reg0.m_Size >= evalCount * stride0"}; };
+		struct SCheck_Src0Size
+		{
+			static constexpr const char *kOperand = "source 0";
+			static constexpr const char *kText[2] = {"reg0.m_Size >= evalCount * stride0", "reg0.m_Size >= evalCount * stride0"};
+		};
 		struct SCheck_OperandCount
 		{
 			static constexpr const char *kText[2] = {"m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1)",
 													 "m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1)"};
 		};
 		struct SCheck_SourceTypes { static constexpr const char *kText[2] = {"m_SrcReg1.ToType() == m_SrcType0", "m_SrcReg1.ToType() == m_SrcType"}; };
-		struct SCheck_Src1Size { static constexpr const char *kText[2] = {"reg1.m_Size >= evalCount * stride1", "reg1.m_Size >= evalCount * stride1"}; };
+		struct SCheck_Src1Size
+		{
+			static constexpr const char *kOperand = "source 1";
+			static constexpr const char *kText[2] = {"reg1.m_Size >= evalCount * stride1", "reg1.m_Size >= evalCount * stride1"};
+		};
 
 		//--------------------------------------------------------------------------------
 		// The selectors' and kernels' checks on the standard path, as predicates. The
@@ -122,7 +132,28 @@ namespace Orvex
 		};
 
 		//--------------------------------------------------------------------------------
+		// What a report made while an instruction is checked and run on the reporting way
+		// says of it (its Assert::CReportContext): the instruction's offset, which is the
+		// register file's m_InstructionPointer (the interpreter and the batch runner set it
+		// before each call; a host calling an entry point itself sets it the same way), and
+		// while a register-size check reports, the register and its sizes.
+		struct SInstructionReport
+		{
+			const CCBCPUMetaRegisters *m_Registers = nullptr;
+			const char *m_Operand = nullptr;	// set while a register-size check reports
+			u32 m_RegisterBits = 0;
+			u64 m_Size = 0;
+			u64 m_Needed = 0;
+		};
+		// "instruction at offset 24, source 0 stream.1:float3 holds 64 bytes, needs 12000"
+		// (an Assert::FnDescribe; cbvm_math_op_report_context.cpp).
+		u32 DescribeInstruction(const void *report, char *text, u32 capacity);
+
+		//--------------------------------------------------------------------------------
 		// Policies.
+		//
+		// CheckSize is Check for the register-size checks: the register's bits, its size and
+		// the size the instruction needs come along for a report.
 
 		// The accessors' checks are reported by the accessors themselves (their sites are
 		// shared by every caller); the policy's own sites are one per path and check.
@@ -132,6 +163,10 @@ namespace Orvex
 			static constexpr bool kStopAtFirst = false;
 			static constexpr bool kAccessorsReport = true;
 			static constexpr bool kResolvesRegisters = true;
+
+			// Every report made while the policy lives (the accessors' and the kernels' too)
+			// names the instruction at the registers' instruction pointer.
+			explicit TReportPolicy(const CCBCPUMetaRegisters &registers) : m_Report{&registers}, m_Context(&DescribeInstruction, &m_Report) {}
 
 			// 'holds' is evaluated only while the site is not silenced, as OX_ASSERT does.
 			template <typename _Check, typename _FnHolds>
@@ -143,6 +178,22 @@ namespace Orvex
 				Assert::_Conclude(s_Site, Assert::EvalAssert(__FILE__, OX_FUNCTION, __LINE__, _Check::kText[_Path], _Check::kText[_Path], _Check::kText[_Path]));
 				return false;
 			}
+
+			template <typename _Check, typename _FnHolds>
+			bool CheckSize(const _FnHolds &holds, u32 registerBits, u64 size, u64 needed)
+			{
+				m_Report.m_Operand = _Check::kOperand;
+				m_Report.m_RegisterBits = registerBits;
+				m_Report.m_Size = size;
+				m_Report.m_Needed = needed;
+				const bool ok = Check<_Check>(holds);
+				m_Report.m_Operand = nullptr;
+				return ok;
+			}
+
+		private:
+			SInstructionReport m_Report;
+			Assert::CReportContext m_Context;
 		};
 
 		struct SProbePolicy
@@ -153,6 +204,8 @@ namespace Orvex
 
 			template <typename _Check, typename _FnHolds>
 			__attribute__((always_inline)) bool Check(const _FnHolds &holds) { return holds(); }
+			template <typename _Check, typename _FnHolds>
+			__attribute__((always_inline)) bool CheckSize(const _FnHolds &holds, u32, u64, u64) { return holds(); }
 		};
 
 		// Collects the failing checks by type: Failed<SCheck_DstSize>() and so on.
@@ -173,6 +226,8 @@ namespace Orvex
 					m_Failed |= _Bit<_Check>();
 				return ok;
 			}
+			template <typename _Check, typename _FnHolds>
+			bool CheckSize(const _FnHolds &holds, u32, u64, u64) { return Check<_Check>(holds); }
 
 			template <typename _Check>
 			bool Failed() const { return (m_Failed & _Bit<_Check>()) != 0; }
@@ -248,6 +303,12 @@ namespace Orvex
 		if (!policy.template Check<_CheckType>([&]() __attribute__((always_inline)) -> bool { return (__VA_ARGS__); }) && _Policy::kStopAtFirst) \
 			return false; \
 	} while (0)
+#define OX_MATHOP_SIZE_CHECK(_CheckType, _RegisterBits, _Size, _Needed, ...) \
+	do { \
+		if (!policy.template CheckSize<_CheckType>([&]() __attribute__((always_inline)) -> bool { return (__VA_ARGS__); }, (_RegisterBits), (_Size), (_Needed)) && \
+			_Policy::kStopAtFirst) \
+			return false; \
+	} while (0)
 
 		// Resolves the operands at bytecode + wb for 'op' on '_Path'. With a stopping policy
 		// it returns false at the first failing check; otherwise it always returns true and
@@ -317,8 +378,11 @@ namespace Orvex
 
 			if constexpr (_Policy::kResolvesRegisters)
 			{
-				OX_MATHOP_CHECK(SCheck_DstSize, reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && mt < Compiler::MetaType_Instance));
-				OX_MATHOP_CHECK(SCheck_Src0Size, reg0.m_Size >= evalCount * stride0);
+				// (A Constant or Normal destination needs one element, or none for an empty stream.)
+				const u64 dstNeeded = registers.m_StreamDimensions * stride;
+				OX_MATHOP_SIZE_CHECK(SCheck_DstSize, ids.m_Dst, reg.m_Size, mt < Compiler::MetaType_Instance && stride < dstNeeded ? stride : dstNeeded,
+									 reg.m_Size >= registers.m_StreamDimensions * stride || (reg.m_Size >= stride && mt < Compiler::MetaType_Instance));
+				OX_MATHOP_SIZE_CHECK(SCheck_Src0Size, ids.m_Src0, reg0.m_Size, evalCount * stride0, reg0.m_Size >= evalCount * stride0);
 			}
 			OX_MATHOP_CHECK(SCheck_OperandCount, m_SrcReg1.Valid() == (Compiler::IR::SOp_MathOp::OperatorTraits(op).m_ParameterCount > 1));
 
@@ -334,7 +398,7 @@ namespace Orvex
 				// (The standard path does not read the bank of a one-element evaluation.)
 				stride1 = ((_Path == Path_Standard && evalCount == 1) || Ids::Bank(m_SrcReg1) >= Compiler::MetaType_Instance) ? typeSize : 0;
 				if constexpr (_Policy::kResolvesRegisters)
-					OX_MATHOP_CHECK(SCheck_Src1Size, reg1.m_Size >= evalCount * stride1);
+					OX_MATHOP_SIZE_CHECK(SCheck_Src1Size, ids.m_Src1, reg1.m_Size, evalCount * stride1, reg1.m_Size >= evalCount * stride1);
 				data1 = reg1.m_RawData;
 			}
 			out = {reg.m_RawData, u32(stride), evalCount, reg0.m_RawData, u32(stride0), data1, u32(stride1), m_SrcType0};
@@ -428,5 +492,6 @@ namespace Orvex
 		}
 
 #undef OX_MATHOP_CHECK
+#undef OX_MATHOP_SIZE_CHECK
 	}
 }

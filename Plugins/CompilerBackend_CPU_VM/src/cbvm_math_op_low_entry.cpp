@@ -37,7 +37,7 @@ namespace Orvex
 		// source is re-read (stride 0) even when only one element is evaluated.
 		void _MetaOp_MathOp_ExecBytecode_Low_Impl(const CBytecodeExecContext &context, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
 		{
-			MathOp::TReportPolicy<MathOp::Path_Low> report;
+			MathOp::TReportPolicy<MathOp::Path_Low> report(context.m_Registers);
 			MathOp::SResolvedMathOp r;
 			MathOp::ResolveOperands<MathOp::Path_Low>(report, context.m_Registers, bytecode, wb, op, r);
 			if (!MathOp::RunRowSelector<SLowSelectors>(MathOp::_KernelRowOfType(r.m_SrcType0), op, r))

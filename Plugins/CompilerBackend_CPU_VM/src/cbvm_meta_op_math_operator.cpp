@@ -51,7 +51,7 @@ namespace Orvex
 		// come here.
 		__attribute__((noinline, cold)) void _ExecChecked(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
 		{
-			MathOp::TReportPolicy<MathOp::Path_Standard> report;
+			MathOp::TReportPolicy<MathOp::Path_Standard> report(registers);
 			SResolvedMathOp checked;
 			MathOp::ResolveOperands<MathOp::Path_Standard>(report, registers, bytecode, wb, op, checked);
 			_Dispatch(op, checked);

@@ -13,7 +13,16 @@
 // verification (OX_VERIFY_OR_RETURN) leaves the enclosing function.
 //
 // Hosts and test suites plug their own reporter in with SetHandler; the default
-// handler prints one line to stderr and answers 1 (report each site once).
+// handler prints one short line to stderr and answers 1 (report each site once):
+//
+//   orvex cbvm: assertion failed: reg0.m_Size >= evalCount * stride0 (instruction at
+//   offset 24, source 0 stream.1:float3 holds 64 bytes, needs 12000)
+//
+// (on one line): the check's text, its message when it has one, and what the work
+// running on this thread says about itself (CReportContext: the VM names the
+// instruction). The site's source file, line and function are in the SReport for a
+// handler that wants them; the default one leaves them out, since a host's user can do
+// nothing with the library's build paths and template signatures.
 
 #include "kr_base_types.h"
 
@@ -48,6 +57,31 @@ namespace Orvex
 
 		// The handler used when none is installed: one line on stderr, answers Answer_Ignore.
 		int DefaultHandler(const SReport &report);
+
+		// What the work running on this thread adds to its reports, as one short clause
+		// ("instruction at offset 24"), written by 'describe' from 'state' when a report is
+		// made, while the CReportContext lives. Contexts nest (the innermost one speaks) and
+		// are per thread; they cost nothing until a report. The VM's reporting paths set
+		// one for the instruction they check.
+		using FnDescribe = u32 (*)(const void *state, char *text, u32 capacity);
+
+		class CReportContext
+		{
+		public:
+			CReportContext(FnDescribe describe, const void *state) noexcept;
+			~CReportContext();
+			CReportContext(const CReportContext &) = delete;
+			CReportContext &operator=(const CReportContext &) = delete;
+
+			// Writes this thread's innermost context into 'text' (always terminated; "" when
+			// there is none) and returns its length. Any handler may call it.
+			static u32 Describe(char *text, u32 capacity);
+
+		private:
+			FnDescribe m_Describe;
+			const void *m_State;
+			const CReportContext *m_Outer;
+		};
 
 		// Number of reports made since process start (silenced sites do not report).
 		u64 ReportCount();

@@ -13,6 +13,7 @@ namespace Orvex
 		{
 			std::atomic<FnHandler> g_Handler{nullptr};
 			std::atomic<u64> g_ReportCount{0};
+			thread_local const CReportContext *t_Context = nullptr;
 
 			int _Report(const char *file, const char *function, int line, const char *expr, const char *message)
 			{
@@ -30,12 +31,37 @@ namespace Orvex
 
 		int DefaultHandler(const SReport &report)
 		{
+			// Stack buffers, no heap: reports come from any thread, in the middle of a run.
+			char context[192];
+			CReportContext::Describe(context, sizeof(context));
+			const bool ownMessage = std::strcmp(report.m_Message, report.m_Expression) != 0;
 			// One fprintf call so that reports from several threads do not interleave.
-			if (std::strcmp(report.m_Message, report.m_Expression) == 0)
-				std::fprintf(stderr, "%s:%d: assertion failed in '%s': %s\n", report.m_File, report.m_Line, report.m_Function, report.m_Expression);
-			else
-				std::fprintf(stderr, "%s:%d: assertion failed in '%s': %s: %s\n", report.m_File, report.m_Line, report.m_Function, report.m_Expression, report.m_Message);
+			std::fprintf(stderr, "orvex cbvm: assertion failed: %s%s%s%s%s%s\n", report.m_Expression, ownMessage ? ": " : "", ownMessage ? report.m_Message : "",
+						 context[0] != '\0' ? " (" : "", context, context[0] != '\0' ? ")" : "");
 			return Answer_Ignore;
+		}
+
+		CReportContext::CReportContext(FnDescribe describe, const void *state) noexcept : m_Describe(describe), m_State(state), m_Outer(t_Context)
+		{
+			t_Context = this;
+		}
+
+		CReportContext::~CReportContext()
+		{
+			t_Context = m_Outer;
+		}
+
+		u32 CReportContext::Describe(char *text, u32 capacity)
+		{
+			if (capacity == 0)
+				return 0;
+			text[0] = '\0';
+			const CReportContext *context = t_Context;
+			if (context == nullptr || context->m_Describe == nullptr)
+				return 0;
+			const u32 length = context->m_Describe(context->m_State, text, capacity);
+			text[capacity - 1] = '\0';
+			return length < capacity ? length : capacity - 1;
 		}
 
 		u64 ReportCount()
