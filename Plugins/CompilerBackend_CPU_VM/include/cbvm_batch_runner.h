@@ -27,7 +27,7 @@
 // The parallel-for: m_For(m_Host, count, body, bodyContext) must call body(bodyContext,
 // begin, end) over ranges that cover [0, count) exactly once, on any threads, and
 // return when all have returned. A host brings its own job system this way; the
-// optional library ox_cbvm_tbb (cbvm_tbb_parallel_for.h) gives one on oneTBB.
+// optional library Orvex::cbvm_tbb (cbvm_tbb_parallel_for.h) gives one on oneTBB.
 // Assertion reports, profiler scopes and once-only warnings work on any thread. The
 // hazard counters are per thread: the run adds what the batches counted on other
 // threads to the calling thread's counters, so that they read as after a run on one

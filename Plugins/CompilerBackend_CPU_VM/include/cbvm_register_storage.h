@@ -4,10 +4,11 @@
 // It holds the register table of a CCBCPUMetaRegisters (four entries per slot) and
 // one heap block per allocated register, with the guarantees the math-operator
 // kernels rely on:
-//   - every block starts on a 32-byte boundary;
+//   - every block starts on a 64-byte boundary (kAlignment, a cache line; the
+//     instruction checks ask for 32);
 //   - every block is followed by at least 32 readable bytes (kPadding) and is rounded
-//     up to a multiple of 32, so a kernel may read whole 16-byte vectors past the
-//     last element (the values read there never reach a destination);
+//     up to a multiple of 64 (kAlignment), so a kernel may read whole 16-byte vectors
+//     past the last element (the values read there never reach a destination);
 //   - blocks are zero-filled, padding included.
 // Allocation happens here, at setup; the execution path never allocates.
 //
