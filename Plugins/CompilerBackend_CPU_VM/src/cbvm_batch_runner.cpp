@@ -63,18 +63,18 @@ namespace Orvex
 			class CRunSetups
 			{
 			public:
-				MathOp::SIntSetup *Reserve(std::size_t calls)
+				MathOp::SCallSetup *Reserve(std::size_t calls)
 				{
 					if (calls > m_Size)
 					{
-						m_Setups.reset(new MathOp::SIntSetup[calls]);
+						m_Setups.reset(new MathOp::SCallSetup[calls]);
 						m_Size = calls;
 					}
 					return m_Setups.get();
 				}
 
 			private:
-				std::unique_ptr<MathOp::SIntSetup[]> m_Setups;
+				std::unique_ptr<MathOp::SCallSetup[]> m_Setups;
 				std::size_t m_Size = 0;
 			};
 			thread_local CRunSetups t_Setups;
@@ -149,7 +149,7 @@ namespace Orvex
 				const CBytecodeExecContext *m_Context;
 				EExecPath m_Path;
 				const SPreparedProgram *m_Prepared;	// null: through the entry points
-				const MathOp::SIntSetup *m_Setups;	// the prepared calls' set-up for this run
+				const MathOp::SCallSetup *m_Setups;	// the prepared calls' set-up for this run
 				u64 m_Number;						// this run's (g_RunNumbers)
 				std::thread::id m_Caller;
 				std::atomic<u32> m_Hazards[Profiler::CHazards::__MaxHazards];	// counted on other threads
@@ -332,7 +332,7 @@ namespace Orvex
 				return out;
 			}
 			RunCode(context, plan.m_Hoisted, plan.m_HoistedOffsets, path);
-			MathOp::SIntSetup *setups = nullptr;
+			MathOp::SCallSetup *setups = nullptr;
 			if (prepared != nullptr)
 			{
 				setups = t_Setups.Reserve(prepared->m_Batch.size());

@@ -84,9 +84,9 @@ namespace Orvex
 			{
 				// The wide integer kernels' block: three vectors of 8 or 16 integers.
 				static const MathOp::SKernelSet s_Rows[] = {
-					{MathOp::g_FloatKernelsSse2, MathOp::g_IntKernelSse2, 0, nullptr, KernelIsa_SSE2, kIsaNames[KernelIsa_SSE2]},
-					{Merged(MathOp::g_FloatKernelsAvx2), MathOp::g_IntKernelAvx2, 24, MathOp::g_IntRouteAvx2, KernelIsa_AVX2, kIsaNames[KernelIsa_AVX2]},
-					{Merged(MathOp::g_FloatKernelsAvx512), MathOp::g_IntKernelAvx512, 48, MathOp::g_IntRouteAvx512, KernelIsa_AVX512, kIsaNames[KernelIsa_AVX512]},
+					{MathOp::g_FloatKernelsSse2, MathOp::g_IntKernelSse2, 0, nullptr, {}, KernelIsa_SSE2, kIsaNames[KernelIsa_SSE2]},
+					{Merged(MathOp::g_FloatKernelsAvx2), MathOp::g_IntKernelAvx2, 24, MathOp::g_IntRouteAvx2, MathOp::g_FloatModByConstantAvx2, KernelIsa_AVX2, kIsaNames[KernelIsa_AVX2]},
+					{Merged(MathOp::g_FloatKernelsAvx512), MathOp::g_IntKernelAvx512, 48, MathOp::g_IntRouteAvx512, MathOp::g_FloatModByConstantAvx512, KernelIsa_AVX512, kIsaNames[KernelIsa_AVX512]},
 				};
 				static_assert(sizeof(s_Rows) / sizeof(s_Rows[0]) == __MaxKernelIsas, "a row for every kernel set");
 				return s_Rows[isa];

@@ -57,6 +57,15 @@ namespace Orvex
 		extern const FnIntPacked g_IntKernelAvx2;
 		extern const FnIntPacked g_IntKernelAvx512;
 
+		// A float modulo of a stream by a constant (N = 1 to 4) whose divisor laid out over 12
+		// floats (as Broadcast12 lays an element out) and its reciprocal, 1 / divisor per
+		// float, were made once (a prepared batched call); 'constant' is the divisor's
+		// register. The words of the set's Mod kernel on the same operands.
+		using FnFloatModByConstant = void (*)(const float *divisor12, const float *reciprocal12, void *dst, u32 count, const void *src0, const void *constant);
+		using FloatModByConstantRow = std::array<FnFloatModByConstant, 4>;
+		extern const FloatModByConstantRow g_FloatModByConstantAvx2;
+		extern const FloatModByConstantRow g_FloatModByConstantAvx512;
+
 		// A uniform divisor's multiplier, shift and dividend correction
 		// (cbvm_math_op_int_uniform.h computes them: _MagicDivisorOf).
 		struct SMagicDivisor
@@ -111,6 +120,7 @@ namespace Orvex
 			// vectors of the set otherwise).
 			u32 m_IntMinInts;
 			FnIntRoute m_IntRoute;			// the set's routed kernels; null: none (SSE2)
+			FloatModByConstantRow m_FloatModByConstant;	// nulls: none (SSE2)
 			CBVM::EKernelIsa m_Isa;
 			const char *m_Name;				// "sse2", "avx2", "avx512"
 		};

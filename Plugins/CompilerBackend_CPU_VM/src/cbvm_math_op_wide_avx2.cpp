@@ -11,5 +11,6 @@ namespace Orvex
 		const FloatKernelTable g_FloatKernelsAvx2 = BuildWideFloatKernelTable<SIMD_AVX2::Float8>();
 		const FnIntPacked g_IntKernelAvx2 = &TWideIntKernel<SIMD_AVX2::Float8>::Run;
 		const FnIntRoute g_IntRouteAvx2 = &TWideIntKernel<SIMD_AVX2::Float8>::Route;
+		const FloatModByConstantRow g_FloatModByConstantAvx2 = BuildWideModByConstantRow<SIMD_AVX2::Float8>();
 	}
 }

@@ -11,5 +11,6 @@ namespace Orvex
 		const FloatKernelTable g_FloatKernelsAvx512 = BuildWideFloatKernelTable<SIMD_AVX512::Float16>();
 		const FnIntPacked g_IntKernelAvx512 = &TWideIntKernel<SIMD_AVX512::Float16>::Run;
 		const FnIntRoute g_IntRouteAvx512 = &TWideIntKernel<SIMD_AVX512::Float16>::Route;
+		const FloatModByConstantRow g_FloatModByConstantAvx512 = BuildWideModByConstantRow<SIMD_AVX512::Float16>();
 	}
 }

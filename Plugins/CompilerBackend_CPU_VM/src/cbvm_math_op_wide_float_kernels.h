@@ -89,10 +89,25 @@ namespace Orvex
 						_Period(b, c);
 						for (int k = 0; k < kVectors; ++k)
 							r[k] = _Vector(1.0f) / c[k];
-						_Periods(d, floats, [&](std::size_t i, int k) OX_KERNEL_LAMBDA { return truncFrac(_Vector::Load(a + i) * r[k]) * c[k]; });
+						_ByReciprocal(d, a, floats, c, r);
 					}
 					else
 						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) OX_KERNEL_LAMBDA { return truncFrac(c / y) * y; });	// a constant dividend
+				});
+			}
+
+			// Mod by a constant divisor whose layout over 12 floats and reciprocal were made
+			// once (a prepared batched call, CPreparedCalls::Refresh): Mod's constant-divisor
+			// loop, with nothing divided per call. 'constant' is the divisor's register, for
+			// the calls and the rest that go to the SSE2 kernel, as Mod hands them.
+			template <u32 _Slot>
+			static void ModByConstant(const float *divisor12, const float *reciprocal12, void *dst, u32 count, const void *src0, const void *constant)
+			{
+				_Widened<_Slot>(dst, kElementBytes, count, src0, kElementBytes, constant, 0, [&](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_KERNEL_LAMBDA {
+					_Vector c[kVectors], r[kVectors];
+					_Repeat(_Quarters(divisor12), c);
+					_Repeat(_Quarters(reciprocal12), r);
+					_ByReciprocal(d, a, floats, c, r);
 				});
 			}
 
@@ -200,12 +215,38 @@ namespace Orvex
 				_Periods(d, floats, [&](std::size_t i, int) OX_KERNEL_LAMBDA { return op(_Vector::Load(a + i), _Vector::Load(b + i)); });
 			}
 
+			// d = frac(a / c) c over whole periods, the quotient as a * r (r = 1 / c, made by the caller).
+			static __attribute__((always_inline)) void _ByReciprocal(float *d, const float *a, std::size_t floats, const _Vector (&c)[kVectors], const _Vector (&r)[kVectors])
+			{
+				const TTruncFrac<_Vector> truncFrac;
+				_Periods(d, floats, [&](std::size_t i, int k) OX_KERNEL_LAMBDA { return truncFrac(_Vector::Load(a + i) * r[k]) * c[k]; });
+			}
+
+			struct SQuarters
+			{
+				__m128 m_Q[3];
+			};
+
+			// A 12-float block as three SSE vectors.
+			static __attribute__((always_inline)) SQuarters _Quarters(const float *block12)
+			{
+				return {{_mm_loadu_ps(block12), _mm_loadu_ps(block12 + 4), _mm_loadu_ps(block12 + 8)}};
+			}
+
+			// A 12-float block repeated over one period.
+			static __attribute__((always_inline)) void _Repeat(const SQuarters &block, _Vector (&c)[kVectors])
+			{
+				for (int k = 0; k < kVectors; ++k)
+					c[k] = _Vector::Repeat12(block.m_Q, k * kLanes / 4);
+			}
+
 			// A constant element laid out over one period, as kVectors vectors: the element
 			// over 12 floats (three SSE vectors, in registers), then that block repeated. A
 			// three-component element reads 16 bytes: the register file pads every element.
 			static __attribute__((always_inline)) void _Period(const float *constant, _Vector (&c)[kVectors])
 			{
-				__m128 q[3];
+				SQuarters block;
+				__m128 (&q)[3] = block.m_Q;
 				if (_Dimension == 1)
 					q[0] = _mm_set1_ps(constant[0]);
 				else if (_Dimension == 2)
@@ -216,8 +257,7 @@ namespace Orvex
 				q[2] = _Dimension == 3 ? _mm_shuffle_ps(q[0], q[0], _MM_SHUFFLE(2, 1, 0, 2)) : q[0];	// c2 c0 c1 c2
 				if (_Dimension == 3)
 					q[0] = _mm_shuffle_ps(q[0], q[0], _MM_SHUFFLE(0, 2, 1, 0));	// c0 c1 c2 c0
-				for (int k = 0; k < kVectors; ++k)
-					c[k] = _Vector::Repeat12(q, k * kLanes / 4);
+				_Repeat(block, c);
 			}
 
 			// d = op(s, c) over whole periods: s a stream, c the constant over one period.
@@ -256,6 +296,15 @@ namespace Orvex
 			  table[_Ops * 4 + 2] = _WideFloatKernelOf<_Vector, 3, _Ops>(), table[_Ops * 4 + 3] = _WideFloatKernelOf<_Vector, 4, _Ops>()),
 			 ...);
 			return table;
+		}
+
+		// A set's ModByConstant for N = 1 to 4.
+		template <typename _Vector>
+		constexpr FloatModByConstantRow BuildWideModByConstantRow()
+		{
+			constexpr u32 kMod = Compiler::IR::SOp_MathOp::Op_Mod * 4;
+			return {{&TWideFloatKernels<_Vector, 1>::template ModByConstant<kMod + 0>, &TWideFloatKernels<_Vector, 2>::template ModByConstant<kMod + 1>,
+					 &TWideFloatKernels<_Vector, 3>::template ModByConstant<kMod + 2>, &TWideFloatKernels<_Vector, 4>::template ModByConstant<kMod + 3>}};
 		}
 
 		template <typename _Vector>

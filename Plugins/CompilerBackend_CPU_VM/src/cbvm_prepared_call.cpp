@@ -73,26 +73,40 @@ namespace Orvex
 			call.m_Src0 = _Operand(const_cast<void *>(r.m_Data0), r.m_Stride0);
 			call.m_Src1 = _Operand(const_cast<void *>(r.m_Data1), r.m_Stride1);
 			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);
+			call.m_Components = u8(type.m_Components);
 			if (type.m_Kind == ElementKind_Float)
+			{
 				call.m_Float = set.m_Float[u32(call.m_Op) * 4 + (type.m_Components - 1)];
+				if (call.m_Op == Compiler::IR::SOp_MathOp::Op_Mod && r.m_Stride0 != 0 && r.m_Stride1 == 0)
+					call.m_FloatMod = set.m_FloatModByConstant[type.m_Components - 1];
+			}
 			else
 			{
 				call.m_Int = kIntCalls[type.m_Components - 1];
 				call.m_Set = &set;
-				call.m_Components = u8(type.m_Components);
 				call.m_Shape = u8((r.m_Stride0 != 0 ? IntShape_Stream0 : 0u) | (r.m_Data1 != nullptr ? IntShape_Source1 : 0u) | (r.m_Stride1 != 0 ? IntShape_Stream1 : 0u));
 			}
 			return call;
 		}
 
-		void CPreparedCalls::Refresh(const SPreparedCall *calls, u32 count, SIntSetup *setups)
+		void CPreparedCalls::Refresh(const SPreparedCall *calls, u32 count, SCallSetup *setups)
 		{
 			for (u32 c = 0; c < count; ++c)
 			{
 				const SPreparedCall &call = calls[c];
+				SCallSetup &setup = setups[c];
+				if (call.m_FloatMod != nullptr)
+				{
+					// The reciprocal as Mod divides it, float by float (IEEE division: the same
+					// bits at any width).
+					kBroadcasts[call.m_Components - 1](call.m_Src1.m_Base, setup.m_Blocks[1]);
+					const float *divisor = reinterpret_cast<const float *>(setup.m_Blocks[1]);
+					for (u32 f = 0; f < 12; ++f)
+						setup.m_Reciprocal[f] = 1.0f / divisor[f];
+					continue;
+				}
 				if (call.m_Int == nullptr)
 					continue;
-				SIntSetup &setup = setups[c];
 				const bool constant0 = (call.m_Shape & IntShape_Stream0) == 0;
 				const bool constant1 = (call.m_Shape & (IntShape_Source1 | IntShape_Stream1)) == IntShape_Source1;
 				if (constant0)
@@ -103,7 +117,7 @@ namespace Orvex
 			}
 		}
 
-		void CPreparedCalls::Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SIntSetup *setups, SPreparedCall *bound)
+		void CPreparedCalls::Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SCallSetup *setups, SPreparedCall *bound)
 		{
 			for (u32 c = 0; c < count; ++c)
 			{
@@ -115,10 +129,15 @@ namespace Orvex
 						operand->m_Base = scratch + operand->m_Scratch;
 						operand->m_Step = 0;
 					}
-				if (call.m_Int == nullptr || setups == nullptr)
+				if (setups == nullptr || (call.m_Int == nullptr && call.m_FloatMod == nullptr))
 					continue;
-				const SIntSetup &setup = setups[c];
+				const SCallSetup &setup = setups[c];
 				call.m_Setup = &setup;
+				if (call.m_FloatMod != nullptr)
+				{
+					call.m_Float = nullptr;	// Run takes m_FloatMod
+					continue;
+				}
 				if ((call.m_Shape & IntShape_Stream0) == 0)
 					call.m_Src0.m_Base = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[0]));
 				if ((call.m_Shape & (IntShape_Source1 | IntShape_Stream1)) == IntShape_Source1)

@@ -19,10 +19,11 @@
 // entry point on the same operands, and records the entry point's profiler scope (one
 // flag test when the profiler is off). In a batched run the constants cannot change
 // while the batches run (every one-element instruction ran before them), so the run
-// starts with Refresh, which does an integer call's value-dependent set-up once for all
-// its batches: each constant operand as its 12-integer block, and, for a wide set, the
+// starts with Refresh, which does the value-dependent set-up once for all its batches:
+// an integer call's constant operands as 12-integer blocks and, for a wide set, the
 // route its block kernel would take on every call (the uniform-constant test, the
-// division, modulo or shift path, the divisor's magic numbers: SIntRoute). A
+// division, modulo or shift path, the divisor's magic numbers: SIntRoute); a float
+// modulo by a constant on a wide set, the divisor's reciprocal (FnFloatModByConstant). A
 // whole-stream run calls each instruction once and keeps the per-call set-up (its
 // one-element instructions may write a constant between two calls).
 //
@@ -62,11 +63,12 @@ namespace Orvex
 		// point records and a prepared call standing for it records too.
 		const Profiler::SNodeDescriptor &EntryProfilerNode(u8 opcode);
 
-		// An integer call's set-up for one batched run (CPreparedCalls::Refresh).
-		struct SIntSetup
+		// A call's set-up for one batched run (CPreparedCalls::Refresh).
+		struct SCallSetup
 		{
-			alignas(16) s32 m_Blocks[2][12];	// each constant source as its 12-integer block
-			SIntRoute m_Route;				// the set's routed kernel, or none
+			alignas(16) s32 m_Blocks[2][12];	// each constant source over 12 words (Broadcast12)
+			SIntRoute m_Route;				// an integer call: the set's routed kernel, or none
+			alignas(16) float m_Reciprocal[12];	// a float modulo by a constant: 1 / m_Blocks[1], per float
 		};
 
 		struct SPreparedCall;
@@ -77,10 +79,13 @@ namespace Orvex
 		{
 			FnOp2Stream m_Float = nullptr;		// a float kernel, or null
 			FnPreparedInt m_Int = nullptr;		// an integer call, or null
+			// A float modulo by a constant on a wide set: its kernel with the divisor's
+			// reciprocal made once per run. A bound batched call runs it instead of m_Float.
+			FnFloatModByConstant m_FloatMod = nullptr;
 			const SKernelSet *m_Set = nullptr;	// an integer call's kernel set
-			const SIntSetup *m_Setup = nullptr;	// ... and its set-up for the run (bound batched calls)
-			u8 m_Components = 0;				// an integer call's N
-			u8 m_Shape = 0;						// ... and its EIntShape bits
+			const SCallSetup *m_Setup = nullptr;	// its set-up for the run (bound batched calls)
+			u8 m_Components = 0;				// an integer call's N, and a float modulo's
+			u8 m_Shape = 0;						// an integer call's EIntShape bits
 			CBVM::FnExecBytecode m_Entry = nullptr;	// a one-element instruction: its entry point
 			const u8 *m_Bytecode = nullptr;		// ... and its bytes (in the plan's copy)
 			const Profiler::SNodeDescriptor *m_Node = nullptr;	// its entry point's profiler node
@@ -99,13 +104,14 @@ namespace Orvex
 			// One-element destinations get their entry point (standard path).
 			static SPreparedCall Prepare(const u8 *bytecode, u32 offset, const CCBCPUMetaRegisters &registers, const SKernelSet &set);
 
-			// An integer call's set-up for a batched run of 'count' calls, into 'setups' (one
-			// per call): the constants' blocks as the registers hold them now, and the routes.
-			static void Refresh(const SPreparedCall *calls, u32 count, SIntSetup *setups);
+			// The set-up of a batched run of 'count' calls, into 'setups' (one per call): an
+			// integer call's constant blocks as the registers hold them now and its route, a
+			// float modulo's divisor and reciprocal.
+			static void Refresh(const SPreparedCall *calls, u32 count, SCallSetup *setups);
 
 			// A thread's copy of 'count' calls for its scratch area 'scratch', and, with
-			// 'setups' (Refresh's), each integer call on its set-up.
-			static void Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SIntSetup *setups, SPreparedCall *bound);
+			// 'setups' (Refresh's), each call on its set-up.
+			static void Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SCallSetup *setups, SPreparedCall *bound);
 
 			// Runs 'call' (bound, or without scratch operands) over elements [first, first +
 			// count); 'context' is the file for an entry point (one-element instructions
@@ -118,6 +124,11 @@ namespace Orvex
 				{
 					const TScope<_Profiled> scope(*call.m_Node);
 					call.m_Float(call.m_Dst.At(first), call.m_Stride, count, call.m_Src0.At(first), call.m_Stride0, call.m_Src1.At(first), call.m_Stride1);
+				}
+				else if (call.m_FloatMod != nullptr && call.m_Setup != nullptr)
+				{
+					const TScope<_Profiled> scope(*call.m_Node);
+					call.m_FloatMod(reinterpret_cast<const float *>(call.m_Setup->m_Blocks[1]), call.m_Setup->m_Reciprocal, call.m_Dst.At(first), count, call.m_Src0.At(first), call.m_Src1.m_Base);
 				}
 				else if (call.m_Int != nullptr)
 				{
