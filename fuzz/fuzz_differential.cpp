@@ -5,7 +5,7 @@
 // Input: operator, type, the three banks, in-place flag, stream size, then the words of
 // the registers (all of every block, padding included; the input repeats when short).
 // The Low path must give the model's words and report nothing. The standard path must
-// give them too, except for its documented shortcuts (cbvm_math_op_paths.h), where it
+// give them too, except for its documented shortcuts (cbvm_path_difference.h), where it
 // must give the documented result and only the documented reports. The library's
 // classification (StandardPathDifference) and the verifier must agree with this reading:
 // the verifier refuses exactly the three forms that report. The standard path runs with

@@ -30,7 +30,7 @@
 
 #include "bytecode_builder.h"
 #include "cbvm_interpreter.h"
-#include "cbvm_math_op_single_kernels.h"
+#include "cbvm_math_op_one_element_kernels.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"
 #include "cbvm_registers.h"

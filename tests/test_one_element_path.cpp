@@ -4,7 +4,7 @@
 // instructions and register files; and what they accept runs with no report, no hazard
 // and the stream kernels' bits.
 
-#include "cbvm_math_op_single_kernels.h"
+#include "cbvm_math_op_one_element_kernels.h"
 #include "cbvm_meta_ops.h"
 #include "bytecode_builder.h"
 #include "cbvm_register_storage.h"

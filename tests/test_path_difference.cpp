@@ -4,7 +4,7 @@
 // names both cases.
 
 #include "bytecode_builder.h"
-#include "cbvm_math_op_paths.h"
+#include "cbvm_path_difference.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_register_storage.h"
 #include "test_support.h"

@@ -8,7 +8,7 @@
 //
 // The Low path must give the model's words and report nothing. The standard path may
 // differ from the model only where it trades exactness for speed, by design
-// (cbvm_math_op_paths.h):
+// (cbvm_path_difference.h):
 //   - float modulo by a constant divisor (a reciprocal multiply: frac(a * (1/c)) * c);
 //   - a uniform integer shift count above 31 on whole 12-integer blocks (0, or the sign
 //     fill, instead of count & 31; the assertion "bits <= 31" reports it);
@@ -22,7 +22,7 @@
 
 #include "cbvm_interpreter.h"
 #include "cbvm_kernel_isa.h"
-#include "cbvm_math_op_paths.h"
+#include "cbvm_path_difference.h"
 #include "cbvm_register_storage.h"
 #include "cbvm_verifier.h"
 #include "cp_ir_details.h"

@@ -1,7 +1,7 @@
 #include "assert_scope.h"
 
 #include "cbvm_batch_runner.h"
-#include "cbvm_math_op_paths.h"
+#include "cbvm_path_difference.h"
 #include "runner.h"
 #include "verification.h"
 

@@ -2,7 +2,7 @@
 
 #include "assert_scope.h"
 #include "cbvm_interpreter.h"
-#include "cbvm_math_op_paths.h"
+#include "cbvm_path_difference.h"
 #include "numbers.h"
 #include "runner.h"
 

@@ -31,7 +31,7 @@
 // padding that CRegisterStorage provides (at least 32 readable bytes after each
 // register: the kernels read whole 16-byte vectors past the last element).
 //
-// Three legal forms make the standard path report (see cbvm_math_op_paths.h). By
+// Three legal forms make the standard path report (see cbvm_path_difference.h). By
 // default they are errors; with VerifyFlag_AllowReportedForms they are warnings (for
 // tools that show the paths' documented differences):
 //   - float neg of a Constant or Normal source into a per-element destination

@@ -1,13 +1,13 @@
 // The math-operator meta-op's standard entry points: operand resolution and dispatch to
 // the SIMD stream kernels (cbvm_math_op_float_kernels.h, cbvm_math_op_int_selector.h) or,
-// for one element, the one-element kernels (cbvm_math_op_single_kernels.h).
+// for one element, the one-element kernels (cbvm_math_op_one_element_kernels.h).
 
 #include "cbvm_math_op_checks.h"
 #include "cbvm_prepared_call.h"
 #include "cbvm_math_op_float_kernels.h"
 #include "cbvm_math_op_int_selector.h"
 #include "cbvm_math_op_rows.h"
-#include "cbvm_math_op_single_kernels.h"
+#include "cbvm_math_op_one_element_kernels.h"
 #include "cbvm_meta_ops.h"
 #include "cbvm_registers.h"
 #include "kr_profiler.h"

@@ -276,7 +276,7 @@ namespace Orvex
 					return m_Result.m_Errors == errors;
 				}
 
-				// The legal forms that the standard path reports (cbvm_math_op_paths.h): the
+				// The legal forms that the standard path reports (cbvm_path_difference.h): the
 				// kernels' checks that fail for operands the register file accepts.
 				void _ReportForms(const SMathOpInstruction &ins, const MathOp::SCollectPolicy &checks, MathOp::ECountKnowledge count)
 				{

@@ -1,4 +1,4 @@
-#include "cbvm_math_op_paths.h"
+#include "cbvm_path_difference.h"
 
 #include "cbvm_math_op_checks.h"
 
