@@ -217,7 +217,7 @@ namespace
 							  "mod m, k, d\n");
 		const char *const kNeg = "prog.oxs:10:1: warning: float 'neg' of a constant into a stream is refused by the standard path";
 		const char *const kMod = "prog.oxs:13:1: warning: float 'mod' of two constants into a stream is reported by the standard path";
-		const char *const kShift = "prog.oxs:7:11: warning: uniform 'shl' count 40 in constant.1:i32 is above 31: ";
+		const char *const kShift = "prog.oxs:7:11: warning: uniform 'shl' count 40 in 'c' is above 31: ";
 
 		const SOxvmResult low = Oxvm("run prog.oxs --path low");
 		EXPECT_EQ(low.m_Status, 0) << low.m_Err;
@@ -244,11 +244,32 @@ namespace
 						  "  shl   y, x,  c\n");
 		const SOxvmResult result = Oxvm("run prog.oxs");
 		EXPECT_EQ(result.m_Status, 0) << result.m_Err;
-		EXPECT_EQ(result.m_Err, "prog.oxs:6:16: warning: 'shl' count register constant.1:i32 is written by this program: its value at run time is not checked here "
+		EXPECT_EQ(result.m_Err, "prog.oxs:6:16: warning: 'shl' count register 'c' is written by this program: its value at run time is not checked here "
 								"(a uniform count above 31 is reported by the standard path)\n");
 		EXPECT_EQ(result.m_Err.find("offset"), std::string::npos);
 		// It concerns the standard path only.
 		EXPECT_EQ(Oxvm("run prog.oxs --path low").m_Err, "");
+	}
+
+	// The shift-count warning of bytecode, which has no names, keeps the register's id;
+	// the "calls" line names the program's line and register, not an offset and an id.
+	TEST_F(OxvmReports, ShiftCountWarningsNameTheRegisterWhenTheProgramDoes)
+	{
+		Write("prog.oxs", "stream 16\n"
+						  "reg x stream 0 i32 = ramp(1, 1)\n"
+						  "reg c constant 1 i32 = 4\n"
+						  "reg y stream 2 i32\n"
+						  "add c, c, c\n"
+						  "shl y, x, c\n");
+		const SOxvmResult text = Oxvm("run prog.oxs");
+		EXPECT_EQ(text.m_Status, 0) << text.m_Err;
+		EXPECT_NE(text.m_Out.find("calls      not prepared: the verifier reports 1 problem (line 6: 'shl' count register 'c' is written"), std::string::npos) << text.m_Out;
+		ASSERT_EQ(Oxvm("asm prog.oxs -o prog.oxb").m_Status, 0);
+		const SOxvmResult bytecode = Oxvm("run prog.oxb --elements 16");
+		EXPECT_EQ(bytecode.m_Status, 0) << bytecode.m_Err;
+		EXPECT_EQ(bytecode.m_Err, "prog.oxb (listed by oxvm disasm):4: warning: 'shl' count register constant.1:i32 is written by this program: its value at run time is not "
+								  "checked here (a uniform count above 31 is reported by the standard path)\n");
+		EXPECT_NE(bytecode.m_Out.find("(offset 13: 'shl' count register constant.1:i32 is written"), std::string::npos) << bytecode.m_Out;
 	}
 
 	TEST_F(OxvmReports, ProfileOfALowPathRunSaysWhyItIsEmpty)

@@ -218,7 +218,7 @@ namespace
 	{
 		const SOxvmResult standard = Oxvm("run --frames 2 --isa sse2");
 		ASSERT_EQ(standard.m_Status, 0) << standard.m_Err;
-		EXPECT_EQ(LineStarting(standard.m_Out, "calls"), "calls      prepared: 9 direct calls, sse2 kernels");
+		EXPECT_EQ(LineStarting(standard.m_Out, "calls"), "calls      prepared: 8 direct calls a batch, sse2 kernels");
 		const SOxvmResult low = Oxvm("run --frames 2 --path low");
 		ASSERT_EQ(low.m_Status, 0) << low.m_Err;
 		EXPECT_EQ(LineStarting(low.m_Out, "calls"), "calls      not prepared: the Low path runs through its entry points");
@@ -271,13 +271,45 @@ namespace
 
 		const SOxvmResult readFirst = Oxvm("run --batch 96 --scratch pos");
 		ASSERT_EQ(readFirst.m_Status, 0) << readFirst.m_Err;
-		EXPECT_EQ(LineStarting(readFirst.m_Out, "batching"), "batching   none: whole stream: instruction 3 (offset 39) 'add' reads the scratch stream.0:float3 before the program writes it");
+		EXPECT_EQ(LineStarting(readFirst.m_Out, "batching"), "batching   none: whole stream: line 27 'add' reads the scratch 'pos' before the program writes it");
 		const SOxvmResult dumped = Oxvm("run --batch 96 --scratch tmp --dump tmp");
 		EXPECT_EQ(dumped.m_Status, 2);
 		EXPECT_NE(dumped.m_Err.find("oxvm: error: --dump: 'tmp' is a --scratch register: its values are not kept"), std::string::npos) << dumped.m_Err;
 		const SOxvmResult unknown = Oxvm("run --scratch nosuch");
 		EXPECT_EQ(unknown.m_Status, 2);
 		EXPECT_NE(unknown.m_Err.find("oxvm: error: --scratch: no register named 'nosuch'"), std::string::npos);
+	}
+
+	// A refusal to batch names the program's registers and lines, as written; bytecode,
+	// which has neither, keeps the register ids and offsets.
+	TEST_F(OxvmRun, BatchingRefusalsNameRegistersAndLines)
+	{
+		Write("one.oxs",
+			  "stream 1000\n"
+			  "reg vel stream 1 float3 = 1\n"
+			  "reg dt constant 4 float3 = 0.016\n"
+			  "reg gdt constant 5 float3\n"
+			  "\n"
+			  "add vel, vel, dt\n"
+			  "mul gdt, vel, dt\n");
+		const SOxvmResult text = Oxvm("run one.oxs --batch 96");
+		ASSERT_EQ(text.m_Status, 0) << text.m_Err;
+		EXPECT_EQ(LineStarting(text.m_Out, "batching"),
+				  "batching   none: whole stream: line 7 'mul' writes the one-element 'gdt' from the per-element 'vel': it reads element 0 of the whole stream");
+		ASSERT_EQ(Oxvm("asm one.oxs -o one.oxb").m_Status, 0);
+		const SOxvmResult bytecode = Oxvm("run one.oxb --elements 1000 --batch 96");
+		ASSERT_EQ(bytecode.m_Status, 0) << bytecode.m_Err;
+		EXPECT_EQ(LineStarting(bytecode.m_Out, "batching"),
+				  "batching   none: whole stream: instruction 1 (offset 13) 'mul' writes the one-element constant.5:float3 from the per-element stream.1:float3: "
+				  "it reads element 0 of the whole stream");
+		// An inline register keeps its id (it is its name); a name only replaces a whole id.
+		Write("scratch.oxs",
+			  "stream 1000\n"
+			  "reg vel stream 1 float3 = 1\n"
+			  "add vel, stream.3:float3, vel\n");
+		const SOxvmResult inlined = Oxvm("run scratch.oxs --batch 96 --scratch stream.3:float3");
+		ASSERT_EQ(inlined.m_Status, 0) << inlined.m_Err;
+		EXPECT_EQ(LineStarting(inlined.m_Out, "batching"), "batching   none: whole stream: line 3 'add' reads the scratch stream.3:float3 before the program writes it");
 	}
 
 	// The options are decided against the program before the set-up: refusals come at

@@ -176,6 +176,7 @@ namespace OxVm
 	{
 		*program.m_File = name;
 		program.m_Folder = ".";
+		program.m_FromBytecode = true;
 		u32 line = 3;	// after the listing's stream line and blank line
 		for (u32 offset = 0; offset < size; ++line)
 		{

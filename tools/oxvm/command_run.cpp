@@ -9,6 +9,7 @@
 #include "kr_profiler.h"
 #include "output_file.h"
 #include "program_loader.h"
+#include "program_terms.h"
 #include "register_file.h"
 #include "results.h"
 #include "run_options.h"
@@ -207,6 +208,8 @@ namespace OxVm
 #else
 			const char *noThreads = run.m_Options.m_Threads != 1 ? " (built without oneTBB: one thread)" : "";
 #endif
+			const std::vector<u32> offsets = InstructionOffsets(run.m_Bytecode);
+			const CProgramTerms terms(run.m_Program, offsets);
 			const u32 batch = run.m_Plan.BatchElements();
 			// (The plan gives a lone last element to the batch before it.)
 			const std::string leftover = run.m_Plan.Batched() && run.m_Elements % batch == 1
@@ -215,9 +218,9 @@ namespace OxVm
 			if (run.m_Plan.Batched())
 				fmt::print("batching   {}, on {} thread{}{}{}\n", run.m_Plan.Reason(), run.m_Threads, run.m_Threads == 1 ? "" : "s", noThreads, leftover);
 			else
-				fmt::print("batching   none: {}\n", run.m_Plan.Reason());
+				fmt::print("batching   none: {}\n", terms.Say(run.m_Plan.Reason()));
 			// Prepared calls run the standard path only (the Low path has its own entry points).
-			fmt::print("calls      {}\n", run.m_Path == CBVM::ExecPath_Standard ? run.m_Plan.PreparedReason() : "not prepared: the Low path runs through its entry points");
+			fmt::print("calls      {}\n", run.m_Path == CBVM::ExecPath_Standard ? terms.Say(run.m_Plan.PreparedReason()) : "not prepared: the Low path runs through its entry points");
 			if (run.m_Dropped.empty())
 				return;
 			std::string names;

@@ -95,6 +95,7 @@ namespace OxVm
 		std::string m_Folder;		// where CSV paths are looked up
 		u32 m_Stream = 0;
 		SLocation m_StreamWhere;
+		bool m_FromBytecode = false;	// read back from bytecode: no names, its lines are its listing's
 		// Deques: they grow without moving what they hold, so a long program never needs
 		// twice its memory at once, and the name lookup can view the names in place.
 		std::deque<SRegisterDecl> m_Registers;

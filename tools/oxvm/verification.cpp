@@ -1,6 +1,7 @@
 #include "verification.h"
 
 #include "cbvm_verifier.h"
+#include "program_terms.h"
 #include "runner.h"
 
 #include <fmt/format.h>
@@ -63,6 +64,7 @@ namespace OxVm
 		CBVM::SVerifyProblem problems[kShown];
 		const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(bytecode.data(), u32(bytecode.size()), registers, problems, kShown, CBVM::VerifyFlag_AllowReportedForms);
 		const std::vector<u32> offsets = InstructionOffsets(bytecode);
+		const CProgramTerms terms(program, offsets);
 		u32 shown = 0;
 		for (u32 i = 0; i < result.Problems() && i < kShown; ++i, ++shown)
 		{
@@ -71,7 +73,7 @@ namespace OxVm
 			const bool warnedByChecker = problem.m_Code == CBVM::VerifyError_FloatNegOfConstant || problem.m_Code == CBVM::VerifyError_FloatModOfConstants;
 			if (!error && (warnedByChecker || (!standardPathRuns && AboutStandardPath(problem.m_Code))))
 				continue;
-			fmt::print(stderr, "{}\n", InstructionMessage(program, offsets, problem.m_Offset, error ? "error" : "warning", problem.m_Message, OperandOf(problem.m_Code)));
+			fmt::print(stderr, "{}\n", InstructionMessage(program, offsets, problem.m_Offset, error ? "error" : "warning", terms.Say(problem.m_Message), OperandOf(problem.m_Code)));
 		}
 		PrintMore(result, shown);
 		return result.Accepted();
