@@ -47,6 +47,26 @@ namespace
 		ExpectError("add a, a, c\n", "bad.oxs:5:11: error: undeclared register 'c'");
 	}
 
+	// A number where a register goes: the operators read registers only, so the message
+	// says how to hold the value in a constant (of the operands' type, in a free slot).
+	TEST_F(OxvmErrors, LiteralOperandSaysHowToDeclareAConstant)
+	{
+		ExpectError("mul a, a, 0.5\n",
+					"bad.oxs:5:11: error: '0.5' is a literal: operands are registers, not literals; declare a constant register that holds it "
+					"('reg k constant 0 float3 = 0.5') and name it here");
+		ExpectError("add i, -3, i\n",
+					"bad.oxs:5:8: error: '-3' is a literal: operands are registers, not literals; declare a constant register that holds it "
+					"('reg k constant 0 i32 = -3') and name it here");
+		// No operand to take a type from: the number's form decides; slot 0 is taken.
+		ExpectError("reg c constant 0 float = 1\ncmplt stream.5:bool, 7, 1.5e3\n",
+					"bad.oxs:6:22: error: '7' is a literal: operands are registers, not literals; declare a constant register that holds it "
+					"('reg k constant 1 i32 = 7') and name it here\n"
+					"bad.oxs:6:25: error: '1.5e3' is a literal: operands are registers, not literals; declare a constant register that holds it "
+					"('reg k constant 1 float = 1.5e3') and name it here");
+		// A name that starts with a letter is still an undeclared register.
+		ExpectError("add a, a, e3\n", "bad.oxs:5:11: error: undeclared register 'e3'");
+	}
+
 	TEST_F(OxvmErrors, MistypedRegisterType)
 	{
 		ExpectError("reg c stream 3 flaot3\n", "bad.oxs:5:16: error: unknown type 'flaot3'");

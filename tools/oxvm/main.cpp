@@ -31,6 +31,7 @@ namespace
 		"  stream 4096                                  elements per stream\n"
 		"  reg pos stream 0 float3 = random(-10, 10)    name bank slot type [[count]] [= initialiser]\n"
 		"  add pos, pos, vel                            operator destination, source0[, source1]\n"
+		"  reg half constant 7 float = 0.5              operands are registers: a value goes in a constant\n"
 		"See docs/oxvm.md for the whole format.\n";
 
 	// A whole number lo..hi, and a message that gives the range whatever is wrong with

@@ -6,6 +6,7 @@
 #include "cbvm_math_op_decoder.h"
 #include "cbvm_meta_ops.h"
 #include "line_lexer.h"
+#include "literal_operand.h"
 #include "numbers.h"
 #include "program.h"
 
@@ -476,7 +477,8 @@ namespace OxVm
 				const std::size_t errorsBefore = m_Diagnostics.ErrorCount();
 				if (!_ParseInline(word, operand.m_Column, bits))
 				{
-					m_Diagnostics.Error(m_Program.At(instruction, operand), fmt::format("undeclared register {}", Shown(word)));
+					const std::string literal = LiteralOperandMessage(word, m_Program, _OperandType(instruction));
+					m_Diagnostics.Error(m_Program.At(instruction, operand), literal.empty() ? fmt::format("undeclared register {}", Shown(word)) : literal);
 					return;
 				}
 				if (m_Diagnostics.ErrorCount() != errorsBefore)
@@ -488,6 +490,17 @@ namespace OxVm
 				decl.m_Bits = bits;
 				decl.m_Where = m_Program.At(instruction, operand);
 				operand.m_Register = _Declare(std::move(decl));
+			}
+
+			// The type an instruction's operands have, from those resolved so far (a
+			// comparison's destination is a mask: only its sources say); Void when none is.
+			EBaseTypeID _OperandType(const SInstruction &instruction) const
+			{
+				const bool comparison = std::string_view(SOp_MathOp::OperatorTraits(instruction.m_Op).m_Name).compare(0, 3, "cmp") == 0;
+				for (u32 i = 0; i < instruction.m_SourceCount; ++i)
+					if (instruction.m_Src[i].m_Register >= 0)
+						return m_Program.m_Registers[std::size_t(instruction.m_Src[i].m_Register)].Type();
+				return instruction.m_Dst.m_Register >= 0 && !comparison ? m_Program.m_Registers[std::size_t(instruction.m_Dst.m_Register)].Type() : BaseType_Void;
 			}
 
 			SProgram &m_Program;
