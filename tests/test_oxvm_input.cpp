@@ -68,7 +68,31 @@ namespace
 		EXPECT_NE(help.m_Out.find("Usage: oxvm"), std::string::npos);
 		const SOxvmResult both = Oxvm("run --compare --path low");
 		EXPECT_EQ(both.m_Status, 2);
-		EXPECT_NE(both.m_Err.find("--path excludes --compare"), std::string::npos) << both.m_Err;
+		EXPECT_EQ(both.m_Err, "oxvm: error: --path excludes --compare (oxvm run --help)\n");
+	}
+
+	// The command line's own mistakes read like the tool's other errors, and point to the
+	// help of the command that was given.
+	TEST_F(OxvmInput, CommandLineErrorsHaveTheToolsPrefix)
+	{
+		const struct
+		{
+			const char *m_Args;
+			const char *m_Error;
+		} cases[] = {
+			{"run --frames 0", "oxvm: error: --frames: '0' is not a whole number from 1 to 1000000000 (oxvm run --help)\n"},
+			{"run --bogus", "oxvm: error: The following argument was not expected: --bogus (oxvm run --help)\n"},
+			{"disasm", "oxvm: error: file is required (oxvm disasm --help)\n"},
+			{"disasm x --input binary", "oxvm: error: --input: binary not in {auto,text,bytecode} (oxvm disasm --help)\n"},
+			{"", "oxvm: error: A subcommand is required (oxvm --help)\n"},
+		};
+		for (const auto &c : cases)
+		{
+			const SOxvmResult result = Oxvm(c.m_Args);
+			EXPECT_EQ(result.m_Status, 2) << c.m_Args;
+			EXPECT_EQ(result.m_Err, c.m_Error) << c.m_Args;
+			EXPECT_EQ(result.m_Out, "") << c.m_Args;
+		}
 	}
 
 	// A number option gives its range whatever is wrong with the text.
@@ -125,6 +149,48 @@ namespace
 		EXPECT_EQ(listed.m_Out, Oxvm("disasm t.bin").m_Out);
 		Write("bad.oxs", "stream 2\nadd a, a, a\n");
 		EXPECT_NE(OxvmReading("asm - -o x.bin", "bad.oxs").m_Err.find("<stdin>:2:5: error: undeclared register 'a'"), std::string::npos);
+	}
+
+	// run --input says what the file is, as disasm's does: text is parsed whatever bytes
+	// it holds, bytecode is decoded even when its bytes look like text.
+	TEST_F(OxvmInput, RunInputSaysWhatTheFileIs)
+	{
+		Write("t.oxs", kProgram);
+		ASSERT_EQ(Oxvm("asm t.oxs -o t.bin").m_Status, 0);
+		const SOxvmResult asText = Oxvm("run t.bin --input text --elements 3");
+		EXPECT_EQ(asText.m_Status, 2);
+		EXPECT_EQ(asText.m_Err.rfind("t.bin:1:1: error: unknown operator", 0), 0u) << asText.m_Err;
+		EXPECT_EQ(asText.m_Out, "");
+		const SOxvmResult asBytecode = Oxvm("run t.oxs --input bytecode --elements 3");
+		EXPECT_EQ(asBytecode.m_Status, 2);
+		EXPECT_EQ(asBytecode.m_Err.rfind("t.oxs: error: offset 0: ", 0), 0u) << asBytecode.m_Err;
+		// The choice that auto makes anyway runs as before.
+		EXPECT_EQ(Oxvm("run t.oxs --input text").m_Status, 0);
+		EXPECT_EQ(Oxvm("run t.bin --input bytecode --elements 3").m_Status, 0);
+		const SOxvmResult bundled = Oxvm("run --input bytecode");
+		EXPECT_EQ(bundled.m_Status, 2);
+		EXPECT_EQ(bundled.m_Err, "oxvm: error: --input bytecode: the bundled example is a program text (give a bytecode file)\n");
+	}
+
+	// disasm --elements: the size a program is checked for and the listing's stream line.
+	TEST_F(OxvmInput, DisasmElementsSetsTheStreamLine)
+	{
+		Write("t.oxs", "reg a stream 0 float = ramp(1, 1)\nreg b stream 1 float\nadd b, a, a\n");
+		EXPECT_EQ(Oxvm("disasm t.oxs").m_Status, 2);
+		const SOxvmResult text = Oxvm("disasm t.oxs --elements 8");
+		ASSERT_EQ(text.m_Status, 0) << text.m_Err;
+		EXPECT_EQ(text.m_Out.rfind("stream 8\nreg a stream 0 float = ramp(1, 1)\n", 0), 0u) << text.m_Out;
+		Write("small.oxs", "stream 4\nreg a stream 0 float [4]\nreg b stream 1 float\nadd b, a, a\n");
+		const SOxvmResult tooSmall = Oxvm("disasm small.oxs --elements 8");
+		EXPECT_EQ(tooSmall.m_Status, 2);
+		EXPECT_NE(tooSmall.m_Err.find("small.oxs:"), std::string::npos) << tooSmall.m_Err;
+		Write("whole.oxs", kProgram);
+		ASSERT_EQ(Oxvm("asm whole.oxs -o t.bin").m_Status, 0);
+		const SOxvmResult bytecode = Oxvm("disasm t.bin --elements 1000");
+		ASSERT_EQ(bytecode.m_Status, 0) << bytecode.m_Err;
+		EXPECT_EQ(bytecode.m_Out.rfind("stream 1000\n\n", 0), 0u) << bytecode.m_Out;
+		EXPECT_EQ(Oxvm("disasm t.bin").m_Out.rfind("stream 16    ; bytecode carries no stream size", 0), 0u);
+		EXPECT_EQ(Oxvm("disasm t.bin --elements 0").m_Status, 2);
 	}
 
 	// A program without a 'stream' line runs with --elements, and says what is missing without.

@@ -128,7 +128,7 @@ namespace OxVm
 		return out;
 	}
 
-	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program, const FnListingSink &sink)
+	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program, const FnListingSink &sink, u32 stream)
 	{
 		SDisassembly out;
 		std::string text;
@@ -139,6 +139,8 @@ namespace OxVm
 				if (!decl.m_Name.empty())
 					text += decl.m_Text + "\n";
 		}
+		else if (stream != 0)
+			text += fmt::format("stream {}\n", stream);
 		else
 			text += "stream 16    ; bytecode carries no stream size: set the one to run with\n";
 		text += "\n";

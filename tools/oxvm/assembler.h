@@ -39,9 +39,11 @@ namespace OxVm
 	// listing is ten times its bytecode): first the head (stream line, declarations,
 	// blank line) with firstOffset == endOffset == 0, then whole lines of the
 	// instructions in [firstOffset, endOffset), at most kListingPiece at a time.
+	// 'stream': the stream line of a listing without a program (0: bytecode carries
+	// none, the line says so and gives 16).
 	using FnListingSink = std::function<void(std::string_view text, u32 firstOffset, u32 endOffset)>;
 	constexpr u32 kListingPiece = 65536;
-	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program, const FnListingSink &sink);
+	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program, const FnListingSink &sink, u32 stream = 0);
 
 	// Bytecode -> the program its listing gives: every register inline, zero-filled, no
 	// stream size; instruction i at line i + 3 of the listing, as 'oxvm disasm' prints it.

@@ -61,7 +61,7 @@ namespace OxVm
 		return Exit_Ok;
 	}
 
-	int CommandDisasm(const std::string &path, EInputFormat format)
+	int CommandDisasm(const std::string &path, EInputFormat format, u32 elements)
 	{
 		std::string bytes;
 		if (!ReadInput(path, bytes))
@@ -76,8 +76,10 @@ namespace OxVm
 		if (text)
 		{
 			SProgram program;
-			if (!LoadProgramText(std::move(bytes), name, 0, program))
+			if (!LoadProgramText(std::move(bytes), name, elements, program))
 				return Exit_BadInput;
+			if (elements != 0)
+				program.m_Stream = elements;	// the listing runs as checked
 			const std::vector<u8> bytecode = Assemble(program);
 			Disassemble(bytecode.data(), u32(bytecode.size()), &program, [](std::string_view text, u32, u32) { std::fwrite(text.data(), 1, text.size(), stdout); });
 			std::fflush(stdout);
@@ -93,7 +95,7 @@ namespace OxVm
 				head = std::string(text);
 			else if (problem.empty())
 				problem = RoundTripProblem(head, text, data + first, end - first);
-		});
+		}, elements);
 		std::fflush(stdout);
 		// What the VM would refuse in the bytes decoded so far (the listing's own stop is reported below).
 		const bool verified = VerifyForListing(name, data, u32(bytes.size()), listing.m_Ok ? u32(bytes.size()) : listing.m_ErrorOffset);

@@ -98,7 +98,7 @@ namespace OxVm
 			const SRunCommand &options = run.m_Options;
 			run.m_StandardPathRuns = options.m_Compare || options.m_Path != "low";
 			run.m_Path = options.m_Path == "low" ? CBVM::ExecPath_Low : CBVM::ExecPath_Standard;
-			if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, run.m_Program, run.m_StandardPathRuns))
+			if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, run.m_Program, run.m_StandardPathRuns, options.m_Format))
 				return false;
 			if (!ResolveRunOptions(options, run.m_Program, run.m_Dumped, run.m_Scratch))
 				return false;

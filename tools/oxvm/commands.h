@@ -24,12 +24,14 @@ namespace OxVm
 	};
 
 	int CommandAsm(const std::string &programPath, const std::string &outputPath);
-	int CommandDisasm(const std::string &path, EInputFormat format);
+	// 'elements' 0: the program's stream size.
+	int CommandDisasm(const std::string &path, EInputFormat format, Orvex::u32 elements);
 	int CommandExample();
 
 	struct SRunCommand
 	{
 		std::string m_Program;			// empty: the bundled example
+		EInputFormat m_Format = Input_Auto;	// what the program file is (--input)
 		Orvex::u32 m_Elements = 0;		// 0: the program's stream size
 		Orvex::u32 m_Frames = 1;
 		std::string m_Path = "standard";

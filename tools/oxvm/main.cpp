@@ -49,10 +49,23 @@ namespace
 			"whole number " + range);
 	}
 
+	// A command-line mistake reads like the tool's other errors, and says where the
+	// options are explained (the command's own --help when a command was given).
+	std::string FailureMessage(const CLI::App *app, const CLI::Error &error)
+	{
+		const std::vector<CLI::App *> commands = app->get_subcommands();
+		const std::string help = commands.empty() ? "oxvm --help" : "oxvm " + commands.back()->get_name() + " --help";
+		return std::string("oxvm: error: ") + error.what() + " (" + help + ")\n";
+	}
+
+	const std::map<std::string, OxVm::EInputFormat> kInputFormats = {{"auto", OxVm::Input_Auto}, {"text", OxVm::Input_Text}, {"bytecode", OxVm::Input_Bytecode}};
+
 	int Main(int argc, char **argv)
 	{
 		using namespace OxVm;
 		CLI::App app{"oxvm: assemble, disassemble and run math-op programs of the CPU bytecode VM.", "oxvm"};
+		// (Before the commands are added: each copies its parent's formatter.)
+		app.failure_message(FailureMessage);
 		app.footer(kFormatHelp);
 		app.require_subcommand(1);
 		app.set_version_flag("--version", std::string("oxvm ") + OXVM_VERSION);
@@ -64,6 +77,7 @@ namespace
 		asmCommand->add_option("-o,--output", asmOutput, "bytecode file to write: a regular file is replaced whole or not at all, keeping its mode and links; a device or FIFO is written as it is; - is standard output")->required();
 
 		std::string disasmPath, disasmInput = "auto";
+		Orvex::u32 disasmElements = 0;
 		CLI::App *disasmCommand = app.add_subcommand("disasm",
 			"Decode bytecode (or a program, assembled first) with the VM's decoder and print it as assembler text: per instruction the mnemonic and "
 			"registers, then the byte offset, raw bytes, opcode, size and destination bank. The text assembles back to the same bytes. "
@@ -72,8 +86,13 @@ namespace
 		disasmCommand->add_option("--input", disasmInput, "what the file is: auto (text if it has no control bytes), text or bytecode")
 			->check(CLI::IsMember({"auto", "text", "bytecode"}))
 			->capture_default_str();
+		disasmCommand->add_option("--elements", disasmElements,
+			"elements per stream, as 'run --elements' takes them: a program is checked for that size (one without a 'stream' line needs it), "
+			"and the listing's 'stream' line says it (raw bytecode carries no stream size)")
+			->check(WholeNumber(1, OxVm::kMaxElements));
 
 		SRunCommand run;
+		std::string runInput = "auto";
 		CLI::App *runCommand = app.add_subcommand("run",
 			"Check and assemble a program, allocate its registers, run it through the VM's interpreter and print the disassembly, the time per "
 			"frame, the throughput and, for each register written, its first and last values, min, max, mean and checksum; then the wall time "
@@ -82,6 +101,9 @@ namespace
 		runCommand->add_option("program", run.m_Program,
 			"program text (.oxs), or bytecode as oxvm asm writes it (with --elements; its registers start at zero); - reads standard input; "
 			"default: the bundled example (see 'oxvm example')");
+		runCommand->add_option("--input", runInput, "what the program file is: auto (text if it has no control bytes), text or bytecode")
+			->check(CLI::IsMember({"auto", "text", "bytecode"}))
+			->capture_default_str();
 		runCommand->add_option("--elements", run.m_Elements, "elements per stream (default: the program's 'stream' line)")->check(WholeNumber(1, OxVm::kMaxElements));
 		runCommand->add_option("--frames", run.m_Frames, "run the program this many times, as simulation frames (progress bar on a terminal when long)")
 			->check(WholeNumber(1, 1000000000u))
@@ -169,13 +191,11 @@ namespace
 		if (asmCommand->parsed())
 			return CommandAsm(asmProgram, asmOutput);
 		if (disasmCommand->parsed())
-		{
-			const std::map<std::string, EInputFormat> formats = {{"auto", Input_Auto}, {"text", Input_Text}, {"bytecode", Input_Bytecode}};
-			return CommandDisasm(disasmPath, formats.at(disasmInput));
-		}
+			return CommandDisasm(disasmPath, kInputFormats.at(disasmInput), disasmElements);
 		if (runCommand->parsed())
 		{
 			run.m_ThreadsGiven = runCommand->count("--threads") != 0;
+			run.m_Format = kInputFormats.at(runInput);
 			return CommandRun(run);
 		}
 		return CommandExample();

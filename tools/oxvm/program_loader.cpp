@@ -62,15 +62,22 @@ namespace OxVm
 		return false;
 	}
 
-	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns)
+	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns, EInputFormat format)
 	{
+		if (path.empty() && format == Input_Bytecode)
+		{
+			fmt::print(stderr, "oxvm: error: --input bytecode: the bundled example is a program text (give a bytecode file)\n");
+			return false;
+		}
 		if (path.empty())
 			return LoadProgramText(kBundledExampleText, kBundledExampleName, elements, program, standardPathRuns);
 		std::string bytes;
 		if (!ReadInput(path, bytes))
 			return false;
 		const std::string name = InputName(path);
-		if (bytes.empty() || LooksLikeText(bytes))
+		if (format == Input_Bytecode && !bytes.empty())
+			return LoadBytecode(bytes, name, elements, program, standardPathRuns);
+		if (format == Input_Text || bytes.empty() || LooksLikeText(bytes))
 			return LoadProgramText(std::move(bytes), name, elements, program, standardPathRuns);
 		if (acceptBytecode)
 			return LoadBytecode(bytes, name, elements, program, standardPathRuns);

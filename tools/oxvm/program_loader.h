@@ -3,6 +3,7 @@
 // A program is text; 'oxvm run' also takes bytecode (the output of 'oxvm asm'), read
 // back through the VM's decoder into the program its disassembly gives.
 
+#include "commands.h"
 #include "program.h"
 
 #include <string>
@@ -11,9 +12,11 @@ namespace OxVm
 {
 	// 'path' empty: the bundled example; "-": standard input. 'elements' 0: the program's
 	// own stream size (bytecode has none: it needs 'elements'). Bytecode is refused
-	// unless 'acceptBytecode'. False after printing the errors (file:line:column: error: ...).
+	// unless 'acceptBytecode'; 'format' says what the file is (Input_Auto: text when it
+	// has no control bytes). False after printing the errors (file:line:column: error: ...).
 	// 'standardPathRuns' false leaves out the warnings about the standard path (CheckProgram).
-	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns = true);
+	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns = true,
+					 EInputFormat format = Input_Auto);
 
 	// The bytes of an input file ("-": standard input) up to kMaxInputBytes; false after
 	// printing why not.
