@@ -151,7 +151,8 @@ namespace Orvex
 			bool Built() const { return m_Built; }
 			// The standard path runs the prepared calls (see above).
 			bool Prepared() const { return m_Prepared != nullptr; }
-			// "prepared: 28 direct calls, avx512 kernels" or why not, in one sentence.
+			// "prepared: 28 direct calls a batch, avx512 kernels" (whole-stream: "prepared: 28 direct
+			// calls, ...") or why not, in one sentence.
 			const char *PreparedReason() const { return m_PreparedReason; }
 
 			// True when the run goes in batches; false when it runs whole-stream: refused

@@ -521,17 +521,22 @@ namespace Orvex
 			}
 			auto prepared = std::make_unique<SPreparedProgram>();
 			prepared->m_Set = &MathOp::ActiveKernelSet();
-			// One call per instruction (and one per per-element instruction in a batch),
-			// reserved: grown by doubling, the calls of a long program took up to three
-			// times their size while they were copied.
-			prepared->m_Whole.reserve(program.size());
-			if (m_Batched)
-				prepared->m_Batch.reserve(program.size());
+			// One call per instruction for a whole-stream run, or one per per-element
+			// instruction for the batches: a batched plan never runs the former (a run of it
+			// goes whole-stream only when the file changed, and then through the entry
+			// points). Reserved: grown by doubling, the calls of a long program took up to
+			// three times their size while they were copied.
+			(m_Batched ? prepared->m_Batch : prepared->m_Whole).reserve(program.size());
+			std::unordered_set<const u8 *> streams;
 			for (const SInstruction &ins : program)
 			{
 				const MathOp::SPreparedCall call = MathOp::CPreparedCalls::Prepare(m_Whole.data() + ins.m_Offset, ins.m_Offset, registers, *prepared->m_Set);
-				prepared->m_Whole.push_back(call);
-				if (!m_Batched || !ins.m_PerElement)
+				if (!m_Batched)
+				{
+					prepared->m_Whole.push_back(call);
+					continue;
+				}
+				if (!ins.m_PerElement)
 					continue;
 				// In a batch, a scratch operand lives in the running thread's area.
 				MathOp::SPreparedCall batch = call;
@@ -541,17 +546,14 @@ namespace Orvex
 							operand->m_Scratch = placed->m_Offset;
 				prepared->m_Batch.push_back(batch);
 				for (const MathOp::SPreparedOperand *operand : {&batch.m_Dst, &batch.m_Src0, &batch.m_Src1})
-				{
-					const auto same = [&](const MathOp::SPreparedOperand &known) { return known.m_Base == operand->m_Base; };
-					if (operand->m_Step != 0 && operand->m_Scratch == kNotScratch && std::none_of(prepared->m_Streams.begin(), prepared->m_Streams.end(), same))
+					if (operand->m_Step != 0 && operand->m_Scratch == kNotScratch && streams.insert(operand->m_Base).second)
 						prepared->m_Streams.push_back(*operand);
-				}
 			}
 			u64 streamBytes = 0;
 			for (const MathOp::SPreparedOperand &stream : prepared->m_Streams)
 				streamBytes += u64(stream.m_Step) * m_Stream;
 			prepared->m_Prefetch = streamBytes > kPrefetchFromBytes;
-			std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "prepared: %u direct calls, %s kernels%s", u32(prepared->m_Whole.size()), prepared->m_Set->m_Name,
+			std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "prepared: %u direct calls%s, %s kernels%s", u32(m_Batched ? prepared->m_Batch.size() : prepared->m_Whole.size()), m_Batched ? " a batch" : "", prepared->m_Set->m_Name,
 						  prepared->m_Prefetch ? ", batches prefetch the next" : "");
 			m_Prepared = std::move(prepared);
 		}
