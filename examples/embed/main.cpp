@@ -46,7 +46,7 @@ int main()
 	const CVMRegID floorY = CVMRegID::Build(5, Compiler::MetaType_Constant, BaseType_Float);
 	const CVMRegID hit = CVMRegID::Build(6, Compiler::MetaType_Stream, BaseType_Float);
 
-	// 2. Storage: 32-byte aligned and padded, as the kernels need.
+	// 2. Storage: 64-byte aligned and padded, as the kernels need.
 	CRegisterStorage storage(8);
 	bool ok = true;
 	for (CVMRegID id : {pos, vel, tmp, y, hit})
