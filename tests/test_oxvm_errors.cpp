@@ -213,6 +213,6 @@ namespace
 		EXPECT_EQ(assembled.m_Err, "code.bin: error: this is bytecode (or not text); a program is expected here\n");
 		const SOxvmResult result = Oxvm("run code.bin");
 		EXPECT_EQ(result.m_Status, 2);
-		EXPECT_EQ(result.m_Err, "code.bin: error: bytecode carries no stream size: give --elements N\n");
+		EXPECT_EQ(result.m_Err, "code.bin: error: bytecode carries no stream size: give --elements N (or --inputs PROGRAM)\n");
 	}
 }

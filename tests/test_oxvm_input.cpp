@@ -129,7 +129,7 @@ namespace
 		ASSERT_EQ(Oxvm("asm t.oxs -o t.bin").m_Status, 0);
 		const SOxvmResult noSize = Oxvm("run t.bin");
 		EXPECT_EQ(noSize.m_Status, 2);
-		EXPECT_EQ(noSize.m_Err, "t.bin: error: bytecode carries no stream size: give --elements N\n");
+		EXPECT_EQ(noSize.m_Err, "t.bin: error: bytecode carries no stream size: give --elements N (or --inputs PROGRAM)\n");
 		const SOxvmResult bytecode = Oxvm("run t.bin --elements 5 --dump stream.1:float");
 		ASSERT_EQ(bytecode.m_Status, 0) << bytecode.m_Err;
 		EXPECT_NE(bytecode.m_Out.find("add          stream.1:float, stream.0:float, stream.0:float"), std::string::npos) << bytecode.m_Out;
@@ -170,6 +170,41 @@ namespace
 		const SOxvmResult bundled = Oxvm("run --input bytecode");
 		EXPECT_EQ(bundled.m_Status, 2);
 		EXPECT_EQ(bundled.m_Err, "oxvm: error: --input bytecode: the bundled example is a program text (give a bytecode file)\n");
+	}
+
+	// run BYTECODE --inputs TEXT: the text's stream size, names, counts and initialisers
+	// (random() and csv() ones too), the bytecode's instructions: the text's results.
+	TEST_F(OxvmInput, BytecodeRunsWithTheInputsOfAProgramText)
+	{
+		for (const char *example : {"particles.oxs", "masks.oxs"})
+		{
+			const std::string text = OxTest::COxvmTest::Example(example);
+			ASSERT_EQ(Oxvm("asm '" + text + "' -o p.bin").m_Status, 0) << example;
+			const SOxvmResult fromText = Oxvm("run '" + text + "' --frames 2 --quiet --csv -");
+			const SOxvmResult fromBytecode = Oxvm("run p.bin --inputs '" + text + "' --frames 2 --quiet --csv -");
+			ASSERT_EQ(fromBytecode.m_Status, 0) << example << ": " << fromBytecode.m_Err;
+			EXPECT_EQ(fromBytecode.m_Out, fromText.m_Out) << example;
+			EXPECT_GT(OxTest::CountLines(fromBytecode.m_Out, ""), 10) << example;
+		}
+		// Names from the text: --dump takes them; --elements still decides the size.
+		Write("t.oxs", kProgram);
+		ASSERT_EQ(Oxvm("asm t.oxs -o t.bin").m_Status, 0);
+		const SOxvmResult named = Oxvm("run t.bin --inputs t.oxs --dump b");
+		ASSERT_EQ(named.m_Status, 0) << named.m_Err;
+		EXPECT_NE(named.m_Out.find("dump b (stream.1:float, 3 elements)\n  [0] 2\n  [1] 4\n  [2] 6\n"), std::string::npos) << named.m_Out;
+		EXPECT_NE(Oxvm("run t.bin --inputs t.oxs --elements 5 --dump b").m_Out.find("  [4] 10\n"), std::string::npos);
+		// A register of the text at the same place with another type, a text without a
+		// stream line and no --elements, text or bytecode on the wrong side: refused.
+		Write("wrong.oxs", "stream 3\nreg a stream 0 i32\n");
+		const SOxvmResult wrong = Oxvm("run t.bin --inputs wrong.oxs");
+		EXPECT_EQ(wrong.m_Status, 2);
+		EXPECT_EQ(wrong.m_Err, "t.bin: error: offset 0: register stream.0:float shares its place with a of another type (with the --inputs declarations)\n");
+		Write("nostream.oxs", "reg a stream 0 float = 1\n");
+		EXPECT_EQ(Oxvm("run t.bin --inputs nostream.oxs").m_Err, "t.bin: error: bytecode carries no stream size: give --elements N (the --inputs program has no 'stream' line)\n");
+		EXPECT_EQ(Oxvm("run t.oxs --inputs t.oxs").m_Err, "t.oxs: error: --inputs is for bytecode: a program text declares its own registers\n");
+		EXPECT_EQ(Oxvm("run t.bin --inputs t.bin").m_Err, "t.bin: error: --inputs takes a program text (its declarations), not bytecode or an empty file\n");
+		EXPECT_EQ(Oxvm("run t.bin --inputs t.oxs --csv t.oxs").m_Status, 2);
+		EXPECT_EQ(Read("t.oxs"), kProgram);
 	}
 
 	// disasm --elements: the size a program is checked for and the listing's stream line.

@@ -66,7 +66,7 @@ namespace
 		Write("noise.bin", noise);
 		const SOxvmResult run = Oxvm("run noise.bin");
 		EXPECT_EQ(run.m_Status, 2);
-		EXPECT_EQ(run.m_Err, "noise.bin: error: bytecode carries no stream size: give --elements N\n");
+		EXPECT_EQ(run.m_Err, "noise.bin: error: bytecode carries no stream size: give --elements N (or --inputs PROGRAM)\n");
 		const SOxvmResult sized = Oxvm("run noise.bin --elements 16");
 		EXPECT_EQ(sized.m_Status, 2);
 		EXPECT_NE(sized.m_Err.find("noise.bin: error: offset 0: unknown opcode"), std::string::npos) << sized.m_Err;

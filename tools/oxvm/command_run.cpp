@@ -84,6 +84,8 @@ namespace OxVm
 				return true;
 			if (!run.m_Options.m_Program.empty() && !OutputSparesInput("--csv", csv, run.m_Options.m_Program, "the program"))
 				return false;
+			if (!run.m_Options.m_Inputs.empty() && !OutputSparesInput("--csv", csv, run.m_Options.m_Inputs, "the --inputs program"))
+				return false;
 			for (const SRegisterDecl &decl : run.m_Program.m_Registers)
 				if (decl.Init().m_Kind == Init_Csv &&
 					!OutputSparesInput("--csv", csv, CsvFilePath(run.m_Program, decl.Init()), fmt::format("the csv() input of register '{}'", decl.m_Name)))
@@ -98,13 +100,13 @@ namespace OxVm
 			const SRunCommand &options = run.m_Options;
 			run.m_StandardPathRuns = options.m_Compare || options.m_Path != "low";
 			run.m_Path = options.m_Path == "low" ? CBVM::ExecPath_Low : CBVM::ExecPath_Standard;
-			if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, run.m_Program, run.m_StandardPathRuns, options.m_Format))
+			if (!LoadProgram(options.m_Program, options.m_Elements, /*acceptBytecode*/ true, run.m_Program, run.m_StandardPathRuns, options.m_Format, options.m_Inputs))
 				return false;
 			if (!ResolveRunOptions(options, run.m_Program, run.m_Dumped, run.m_Scratch))
 				return false;
 			for (s32 index : run.m_Scratch)
 				run.m_ScratchIds.push_back(CVMRegID{s32(run.m_Program.m_Registers[std::size_t(index)].m_Bits)});
-			run.m_Elements = options.m_Elements != 0 ? options.m_Elements : run.m_Program.m_Stream;
+			run.m_Elements = options.m_Elements != 0 ? options.m_Elements : run.m_Program.m_Stream;	// (--inputs: its stream line)
 			if (!ChooseKernels(run))
 				return false;
 			run.m_Bytecode = Assemble(run.m_Program);

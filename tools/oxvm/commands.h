@@ -32,6 +32,7 @@ namespace OxVm
 	{
 		std::string m_Program;			// empty: the bundled example
 		EInputFormat m_Format = Input_Auto;	// what the program file is (--input)
+		std::string m_Inputs;			// a bytecode run's declarations and initialisers: a program text (--inputs)
 		Orvex::u32 m_Elements = 0;		// 0: the program's stream size
 		Orvex::u32 m_Frames = 1;
 		std::string m_Path = "standard";

@@ -104,6 +104,9 @@ namespace
 		runCommand->add_option("--input", runInput, "what the program file is: auto (text if it has no control bytes), text or bytecode")
 			->check(CLI::IsMember({"auto", "text", "bytecode"}))
 			->capture_default_str();
+		runCommand->add_option("--inputs", run.m_Inputs,
+			"with a bytecode program: a program text (usually the one it was assembled from) whose stream line, register names, counts and "
+			"initialisers it runs with, instead of zeros; its instructions are ignored, the bytecode's run. Same results as running that text");
 		runCommand->add_option("--elements", run.m_Elements, "elements per stream (default: the program's 'stream' line)")->check(WholeNumber(1, OxVm::kMaxElements));
 		runCommand->add_option("--frames", run.m_Frames, "run the program this many times, as simulation frames (progress bar on a terminal when long)")
 			->check(WholeNumber(1, 1000000000u))

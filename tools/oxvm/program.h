@@ -96,6 +96,7 @@ namespace OxVm
 		u32 m_Stream = 0;
 		SLocation m_StreamWhere;
 		bool m_FromBytecode = false;	// read back from bytecode: no names, its lines are its listing's
+		std::unique_ptr<std::string> m_DeclarationsFile;	// run --inputs: the text the declarations' locations name
 		// Deques: they grow without moving what they hold, so a long program never needs
 		// twice its memory at once, and the name lookup can view the names in place.
 		std::deque<SRegisterDecl> m_Registers;

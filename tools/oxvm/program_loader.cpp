@@ -2,6 +2,7 @@
 
 #include "assembler.h"
 #include "bundled_example.h"
+#include "run_inputs.h"
 #include "source_file.h"
 
 #include <fmt/format.h>
@@ -12,19 +13,26 @@ namespace OxVm
 	{
 		// Bytecode -> the program of its disassembly: inline registers (zero-filled), no
 		// stream size. Messages about it name the listing's lines ('oxvm disasm' prints it).
+		// 'program' may hold declarations already (--inputs: ReadInputDeclarations), and
+		// then its stream size and its folder (where its csv() files are).
 		bool LoadBytecode(const std::string &bytes, const std::string &name, u32 elements, SProgram &program, bool standardPathRuns)
 		{
+			elements = elements != 0 ? elements : program.m_Stream;
 			if (elements == 0)
 			{
-				fmt::print(stderr, "{}: error: bytecode carries no stream size: give --elements N\n", Printable(name));
+				fmt::print(stderr, "{}: error: bytecode carries no stream size: give --elements N{}\n", Printable(name),
+						   program.m_DeclarationsFile != nullptr ? " (the --inputs program has no 'stream' line)" : " (or --inputs PROGRAM)");
 				return false;
 			}
+			const std::string folder = program.m_Folder;
 			std::string error;
 			if (!ProgramFromBytecode(reinterpret_cast<const u8 *>(bytes.data()), u32(bytes.size()), name + " (listed by oxvm disasm)", program, error))
 			{
-				fmt::print(stderr, "{}: error: {}\n", Printable(name), error);
+				fmt::print(stderr, "{}: error: {}{}\n", Printable(name), error, program.m_DeclarationsFile != nullptr ? " (with the --inputs declarations)" : "");
 				return false;
 			}
+			if (program.m_DeclarationsFile != nullptr)
+				program.m_Folder = folder;
 			CDiagnostics diagnostics;
 			if (!CheckProgram(program, elements, diagnostics, standardPathRuns))
 				return false;
@@ -62,11 +70,14 @@ namespace OxVm
 		return false;
 	}
 
-	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns, EInputFormat format)
+	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns, EInputFormat format,
+					 const std::string &inputs)
 	{
-		if (path.empty() && format == Input_Bytecode)
+		if (!inputs.empty() && !ReadInputDeclarations(inputs, program))
+			return false;
+		if (path.empty() && (format == Input_Bytecode || !inputs.empty()))
 		{
-			fmt::print(stderr, "oxvm: error: --input bytecode: the bundled example is a program text (give a bytecode file)\n");
+			fmt::print(stderr, "oxvm: error: {}: the bundled example is a program text (give a bytecode file)\n", inputs.empty() ? "--input bytecode" : "--inputs");
 			return false;
 		}
 		if (path.empty())
@@ -77,7 +88,13 @@ namespace OxVm
 		const std::string name = InputName(path);
 		if (format == Input_Bytecode && !bytes.empty())
 			return LoadBytecode(bytes, name, elements, program, standardPathRuns);
-		if (format == Input_Text || bytes.empty() || LooksLikeText(bytes))
+		const bool text = format == Input_Text || (format == Input_Auto && (bytes.empty() || LooksLikeText(bytes)));
+		if (text && !inputs.empty())
+		{
+			fmt::print(stderr, "{}: error: --inputs is for bytecode: a program text declares its own registers\n", Printable(name));
+			return false;
+		}
+		if (text)
 			return LoadProgramText(std::move(bytes), name, elements, program, standardPathRuns);
 		if (acceptBytecode)
 			return LoadBytecode(bytes, name, elements, program, standardPathRuns);

@@ -15,8 +15,10 @@ namespace OxVm
 	// unless 'acceptBytecode'; 'format' says what the file is (Input_Auto: text when it
 	// has no control bytes). False after printing the errors (file:line:column: error: ...).
 	// 'standardPathRuns' false leaves out the warnings about the standard path (CheckProgram).
+	// 'inputs' (bytecode only): a program text whose declarations the bytecode runs on
+	// (run_inputs.h).
 	bool LoadProgram(const std::string &path, u32 elements, bool acceptBytecode, SProgram &program, bool standardPathRuns = true,
-					 EInputFormat format = Input_Auto);
+					 EInputFormat format = Input_Auto, const std::string &inputs = std::string());
 
 	// The bytes of an input file ("-": standard input) up to kMaxInputBytes; false after
 	// printing why not.
