@@ -558,7 +558,8 @@ namespace
 		Alias(3, 1, 48);	// four elements on: element i of one is i + 4 of the other
 		const CBatchPlan &plan = Plan(code);
 		EXPECT_EQ(plan.Refusal(), CBVM::BatchRefusal_OverlappingStorage);
-		EXPECT_STREQ(plan.Reason(), "whole stream: stream.1:float3 of instruction 1 (offset 13) and stream.3:float3 of instruction 1 (offset 13) share storage other than exactly "
+		// Each register is named at the first instruction that names it.
+		EXPECT_STREQ(plan.Reason(), "whole stream: stream.1:float3 of instruction 0 (offset 0) and stream.3:float3 of instruction 1 (offset 13) share storage other than exactly "
 									"(12- and 12-byte elements)");
 	}
 

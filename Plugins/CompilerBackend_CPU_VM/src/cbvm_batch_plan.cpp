@@ -256,6 +256,9 @@ namespace Orvex
 				return SRange{begin, begin + std::uintptr_t(elements * elementSize), elementSize, EntryOf(bits), bits, instruction};
 			};
 			CIntervals readByPerElement;
+			// Each register once per element size, at the first instruction that names it so:
+			// the storage rules judge ranges, and a long program names few registers many times.
+			std::unordered_set<u64> seen;
 			for (u32 n = 0; n < program.size(); ++n)
 			{
 				const SInstruction &ins = program[n];
@@ -279,14 +282,12 @@ namespace Orvex
 				}
 				for (u32 i = 0; i < ins.m_Operands; ++i)
 				{
-					if (CVMRegID::PerElementOf(ins.m_Ids[i]))
-						perElement.push_back(rangeOf(ins.m_Ids[i], m_Stream, ins.m_ElementSize, n));
-					else
-					{
-						oneElement.push_back(rangeOf(ins.m_Ids[i], 1, ins.m_ElementSize, n));
-						if (ins.m_PerElement && i != 0)
-							readByPerElement.Add(oneElement.back().m_Begin, oneElement.back().m_End);
-					}
+					const bool perElementOperand = CVMRegID::PerElementOf(ins.m_Ids[i]);
+					const SRange range = rangeOf(ins.m_Ids[i], perElementOperand ? m_Stream : 1, ins.m_ElementSize, n);
+					if (!perElementOperand && ins.m_PerElement && i != 0)
+						readByPerElement.Add(range.m_Begin, range.m_End);
+					if (seen.insert(u64(ins.m_Ids[i]) << 32 | ins.m_ElementSize).second)
+						(perElementOperand ? perElement : oneElement).push_back(range);
 				}
 			}
 			return true;
