@@ -58,7 +58,9 @@ namespace
 	{
 		const SOxvmResult zero = Oxvm("run /dev/zero");
 		EXPECT_EQ(zero.m_Status, 2);
-		EXPECT_EQ(zero.m_Err, "oxvm: error: '/dev/zero' is larger than 256 MiB, the largest input oxvm reads\n");
+		// Refused by its first 64 KiB (neither text nor a first instruction), not after 256 MiB.
+		EXPECT_EQ(zero.m_Err, "oxvm: error: '/dev/zero' is neither a program text (it has control bytes) nor bytecode (offset 0: unknown opcode 0 "
+							  "(math-op opcodes are 113 to 117)); refused after its first 64 KiB\n");
 
 		std::string noise;
 		for (unsigned i = 0; i < 4096; ++i)

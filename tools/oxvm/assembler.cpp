@@ -120,6 +120,12 @@ namespace OxVm
 						   CBVM::OpcodeName(report.m_Opcode), report.m_InstructionSize, Compiler::MetaTypeName(report.m_MetaType));
 	}
 
+	std::string FirstInstructionProblem(const u8 *bytecode, u32 size)
+	{
+		CBVM::SMathOpInstruction decoded;
+		return DecodeProblem(bytecode, size, 0, decoded);
+	}
+
 	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program)
 	{
 		std::string text;

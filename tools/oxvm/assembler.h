@@ -35,6 +35,10 @@ namespace OxVm
 	// past 'size': sizes are checked before the decoder runs.
 	SDisassembly Disassemble(const u8 *bytecode, u32 size, const SProgram *program);
 
+	// Why the first instruction of 'bytecode' does not decode ("unknown opcode 0"); empty
+	// when it does.
+	std::string FirstInstructionProblem(const u8 *bytecode, u32 size);
+
 	// The same, handing the text to 'sink' a piece at a time instead of keeping it (a
 	// listing is ten times its bytecode): first the head (stream line, declarations,
 	// blank line) with firstOffset == endOffset == 0, then whole lines of the

@@ -64,7 +64,17 @@ namespace OxVm
 	bool ReadInput(const std::string &path, std::string &bytes)
 	{
 		std::string error;
-		if (ReadFile(path, kMaxInputBytes, bytes, error))
+		// A device or pipe may never end (/dev/zero): when its start is neither text nor a
+		// first instruction, the rest cannot make it a program, so it is not read.
+		const auto judge = [&path](std::string_view start) {
+			if (LooksLikeText(std::string(start)))
+				return std::string();
+			const std::string problem = FirstInstructionProblem(reinterpret_cast<const u8 *>(start.data()), u32(start.size()));
+			return problem.empty() ? problem
+								   : fmt::format("{} is neither a program text (it has control bytes) nor bytecode (offset 0: {}); refused after its first {} KiB",
+												 Shown(InputName(path)), problem, start.size() >> 10);
+		};
+		if (ReadFile(path, kMaxInputBytes, bytes, error, judge))
 			return true;
 		fmt::print(stderr, "oxvm: error: {}\n", error);
 		return false;

@@ -13,7 +13,7 @@
 
 namespace OxVm
 {
-	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error)
+	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error, const FnJudgeStart &judge)
 	{
 		const bool standardInput = path == "-";
 		std::FILE *file = standardInput ? stdin : std::fopen(path.c_str(), "rb");
@@ -42,16 +42,19 @@ namespace OxVm
 				break;
 			}
 			bytes.append(chunk, got);
+			if (!regular && judge && bytes.size() == sizeof(chunk) && !(error = judge(bytes)).empty())
+				break;
 		}
 		const bool failed = std::ferror(file) != 0;
 		const int readErrno = errno;
 		if (!standardInput)
 			std::fclose(file);
+		const bool judged = !error.empty();
 		if (tooLarge)
 			error = fmt::format("{} is larger than {} MiB, the largest input oxvm reads", Shown(InputName(path)), limit >> 20);
 		else if (failed)
 			error = fmt::format("cannot read {}: {}", Shown(InputName(path)), std::strerror(readErrno));
-		if (tooLarge || failed)
+		if (tooLarge || failed || judged)
 		{
 			std::string().swap(bytes);
 			return false;

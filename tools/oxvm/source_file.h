@@ -3,7 +3,9 @@
 
 #include "kr_base_types.h"
 
+#include <functional>
 #include <string>
+#include <string_view>
 
 namespace OxVm
 {
@@ -17,7 +19,10 @@ namespace OxVm
 	// The whole file ("-": standard input), at most 'limit' bytes; false with 'error' set
 	// ("cannot read 'x': No such file or directory", "'x' is larger than ..."). Reads
 	// devices and pipes too: an endless one stops at the limit.
-	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error);
+	// 'judge' (may be empty) sees the first 64 KiB of a device or pipe, whose size is not
+	// known, and may end the reading there: a message (non-empty) is the error.
+	using FnJudgeStart = std::function<std::string(std::string_view start)>;
+	bool ReadFile(const std::string &path, u64 limit, std::string &bytes, std::string &error, const FnJudgeStart &judge = FnJudgeStart());
 
 	// Whether writing 'output' would replace the input 'input' ("-": standard input, which
 	// may be a file redirected in): both are the same regular file, links followed (same
