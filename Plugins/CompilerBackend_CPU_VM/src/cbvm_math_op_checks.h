@@ -203,9 +203,9 @@ namespace Orvex
 			static constexpr bool kResolvesRegisters = true;
 
 			template <typename _Check, typename _FnHolds>
-			__attribute__((always_inline)) bool Check(const _FnHolds &holds) { return holds(); }
+			OX_ALWAYS_INLINE bool Check(const _FnHolds &holds) { return holds(); }
 			template <typename _Check, typename _FnHolds>
-			__attribute__((always_inline)) bool CheckSize(const _FnHolds &holds, u32, u64, u64) { return holds(); }
+			OX_ALWAYS_INLINE bool CheckSize(const _FnHolds &holds, u32, u64, u64) { return holds(); }
 		};
 
 		// Collects the failing checks by type: Failed<SCheck_DstSize>() and so on.
@@ -285,9 +285,9 @@ namespace Orvex
 		template <typename _Policy>
 		struct TIdReader
 		{
-			static __attribute__((always_inline)) EBaseTypeID Type(CVMRegID id) { return _Policy::kAccessorsReport ? id.ToType() : CVMRegID::TypeOf(id.Bits()); }
-			static __attribute__((always_inline)) Compiler::EMetaType Bank(CVMRegID id) { return _Policy::kAccessorsReport ? id.ToBank() : CVMRegID::BankOf(id.Bits()); }
-			static __attribute__((always_inline)) const RegisterEntry &Select(const CCBCPUMetaRegisters &registers, CVMRegID id)
+			static OX_ALWAYS_INLINE EBaseTypeID Type(CVMRegID id) { return _Policy::kAccessorsReport ? id.ToType() : CVMRegID::TypeOf(id.Bits()); }
+			static OX_ALWAYS_INLINE Compiler::EMetaType Bank(CVMRegID id) { return _Policy::kAccessorsReport ? id.ToBank() : CVMRegID::BankOf(id.Bits()); }
+			static OX_ALWAYS_INLINE const RegisterEntry &Select(const CCBCPUMetaRegisters &registers, CVMRegID id)
 			{
 				static constexpr RegisterEntry kNoRegister = {nullptr, 0};
 				if constexpr (!_Policy::kResolvesRegisters)
@@ -295,17 +295,17 @@ namespace Orvex
 				else
 					return _Policy::kAccessorsReport ? registers.SelectRegister(id) : registers.SelectWellFormed(id.Bits());
 			}
-			static __attribute__((always_inline)) u32 Size(EBaseTypeID type) { return _Policy::kAccessorsReport ? CCBCPUMetaRegisters::DataSizeInBytes(type) : BaseTypeInfo(type).m_Size; }
+			static OX_ALWAYS_INLINE u32 Size(EBaseTypeID type) { return _Policy::kAccessorsReport ? CCBCPUMetaRegisters::DataSizeInBytes(type) : BaseTypeInfo(type).m_Size; }
 		};
 
 #define OX_MATHOP_CHECK(_CheckType, ...) \
 	do { \
-		if (!policy.template Check<_CheckType>([&]() __attribute__((always_inline)) -> bool { return (__VA_ARGS__); }) && _Policy::kStopAtFirst) \
+		if (!policy.template Check<_CheckType>([&]() OX_ALWAYS_INLINE -> bool { return (__VA_ARGS__); }) && _Policy::kStopAtFirst) \
 			return false; \
 	} while (0)
 #define OX_MATHOP_SIZE_CHECK(_CheckType, _RegisterBits, _Size, _Needed, ...) \
 	do { \
-		if (!policy.template CheckSize<_CheckType>([&]() __attribute__((always_inline)) -> bool { return (__VA_ARGS__); }, (_RegisterBits), (_Size), (_Needed)) && \
+		if (!policy.template CheckSize<_CheckType>([&]() OX_ALWAYS_INLINE -> bool { return (__VA_ARGS__); }, (_RegisterBits), (_Size), (_Needed)) && \
 			_Policy::kStopAtFirst) \
 			return false; \
 	} while (0)
@@ -325,7 +325,7 @@ namespace Orvex
 		// which implies the type-size checks (a type with a kernel has a size, and the
 		// destination must have the source's): they are left to it.
 		template <EPath _Path, typename _Policy, bool _OneElement = false>
-		inline __attribute__((always_inline)) bool ResolveOperands(_Policy &policy, const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op, SResolvedMathOp &out)
+		inline OX_ALWAYS_INLINE bool ResolveOperands(_Policy &policy, const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op, SResolvedMathOp &out)
 		{
 			using Ids = TIdReader<_Policy>;
 			OX_MATHOP_CHECK(SCheck_Opcode, IsMathOpOpcode(bytecode[0]));
@@ -449,7 +449,7 @@ namespace Orvex
 		// selector, float modulo and negation report another one, and the other float
 		// kernels take their slow path for it (a hazard, not a report).
 		template <bool _OneElement, typename _Policy>
-		inline __attribute__((always_inline)) bool KernelChecks(_Policy &policy, SOp_MathOp::EOp op, const SResolvedMathOp &r, ECountKnowledge count = Count_Read)
+		inline OX_ALWAYS_INLINE bool KernelChecks(_Policy &policy, SOp_MathOp::EOp op, const SResolvedMathOp &r, ECountKnowledge count = Count_Read)
 		{
 			static_assert(!_Policy::kAccessorsReport, "the kernels report their own checks");
 			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);

@@ -460,7 +460,7 @@ namespace Orvex
 			// vector of each source and stored partially. That vector reads up to 12 bytes
 			// past the last element, into the stream's padding; only the last batch of a
 			// stream has such a tail. 'lastVector' is that vector (unused for N = 4).
-			static __attribute__((always_inline)) void _Tail(float *dstStream, const float *dstEnd, const Float4 &lastVector)
+			static OX_ALWAYS_INLINE void _Tail(float *dstStream, const float *dstEnd, const Float4 &lastVector)
 			{
 				if constexpr (_Dimension == 4)
 				{

@@ -376,14 +376,14 @@ namespace Orvex
 			// One kernel per operator, by the kind its row names.
 
 			template <u32 _Op>
-			inline __attribute__((always_inline)) void _ExecLanes(SPackedCursor &c, bool aligned)
+			inline OX_ALWAYS_INLINE void _ExecLanes(SPackedCursor &c, bool aligned)
 			{
 				_Lanewise<SOp_MathOp::kTraits[_Op].m_IntRule>(c, aligned, [](const Float4 &a, const Float4 &b) { return TIntLanes<_Op>::Vector(a, b); });
 			}
 
 			// Source 1 is never read (and is null from the entry points).
 			template <u32 _Op>
-			inline __attribute__((always_inline)) void _ExecUnary(SPackedCursor &c, bool aligned)
+			inline OX_ALWAYS_INLINE void _ExecUnary(SPackedCursor &c, bool aligned)
 			{
 				const s32 *srcPtr1 = c.m_Src1;
 				OX_ASSERT(srcPtr1 == null);
@@ -392,7 +392,7 @@ namespace Orvex
 
 			// The kernel of one operator, by the kind its row names.
 			template <u32 _Op>
-			inline __attribute__((always_inline)) void _ExecOperator(SPackedCursor &c, bool aligned)
+			inline OX_ALWAYS_INLINE void _ExecOperator(SPackedCursor &c, bool aligned)
 			{
 				constexpr const SOp_MathOp::STraits &traits = SOp_MathOp::kTraits[_Op];
 				if constexpr (traits.m_IntKernel == SOp_MathOp::IntKernel_Lanes)
@@ -410,7 +410,7 @@ namespace Orvex
 			// One case per operator of the table (the compiler turns the chain into one
 			// indexed jump); false for a value past the set.
 			template <std::size_t... _Ops>
-			inline __attribute__((always_inline)) bool _ExecOperatorOf(u32 op, SPackedCursor &c, bool aligned, std::index_sequence<_Ops...>)
+			inline OX_ALWAYS_INLINE bool _ExecOperatorOf(u32 op, SPackedCursor &c, bool aligned, std::index_sequence<_Ops...>)
 			{
 				return ((op == _Ops ? (_ExecOperator<_Ops>(c, aligned), true) : false) || ...);
 			}

@@ -58,7 +58,7 @@ namespace Orvex
 		// constant operand as a 12-integer block on the stack, then the block kernel of 'set'
 		// (cbvm_kernel_isa.h), or SSE2's for fewer integers than the set's block.
 		template <int _Dimension>
-		__attribute__((always_inline)) inline void _ExecIntBlocks(Compiler::IR::SOp_MathOp::EOp op, void *evalInto, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1, const SKernelSet &set)
+		OX_ALWAYS_INLINE inline void _ExecIntBlocks(Compiler::IR::SOp_MathOp::EOp op, void *evalInto, u32 count, const void *datasrc0, u32 stride0, const void *datasrc1, u32 stride1, const SKernelSet &set)
 		{
 			// One block per operand, so that two constant operands do not share a block.
 			alignas(16) s32 constantBlocks[2][12];

@@ -26,7 +26,7 @@ namespace Orvex
 		// b = -1 lane divides as it is. The remainder is a - q b with the lane's own b,
 		// wrapping (x % 0 = x, x % -1 = 0).
 		template <typename _Vector>
-		static inline __attribute__((always_inline)) _Vector _QuotientsThroughDouble(const _Vector &a, const _Vector &b)
+		static inline OX_ALWAYS_INLINE _Vector _QuotientsThroughDouble(const _Vector &a, const _Vector &b)
 		{
 			const _Vector zero = b.CmpEqInt32(_Vector::Zero());
 			const _Vector overflow = b.CmpEqInt32(_Vector::SplatInt(-1)) & a.CmpEqInt32(_Vector::SplatInt(s32(0x80000000u)));
@@ -37,7 +37,7 @@ namespace Orvex
 		// Each lane shifted by its own count's low five bits (ScalarOps' per-lane shifts).
 		// Wide vectors only: SSE2 has no per-lane shift.
 		template <EShiftKind _Kind, typename _Vector>
-		static inline __attribute__((always_inline)) _Vector _ShiftByLanes(const _Vector &a, const _Vector &counts)
+		static inline OX_ALWAYS_INLINE _Vector _ShiftByLanes(const _Vector &a, const _Vector &counts)
 		{
 			const _Vector bits = counts & _Vector::SplatInt(31);
 			if constexpr (_Kind == Shift_Left)
@@ -49,7 +49,7 @@ namespace Orvex
 		}
 
 		template <EShiftKind _Kind, bool _Prechecked, typename _Vector>
-		static inline __attribute__((always_inline)) _Vector _Shift(const _Vector &a, u32 bits)
+		static inline OX_ALWAYS_INLINE _Vector _Shift(const _Vector &a, u32 bits)
 		{
 			if constexpr (_Prechecked)
 			{
@@ -137,7 +137,7 @@ namespace Orvex
 
 			// _SubtractDividend: SubtractsDividend(), as a constant of the loop.
 			template <bool _Prechecked, bool _SubtractDividend>
-			__attribute__((always_inline)) _Vector Quotient(const _Vector &a) const
+			OX_ALWAYS_INLINE _Vector Quotient(const _Vector &a) const
 			{
 				const _Vector aNegative = a.ShiftRightArithInt32_Prechecked(31);	// all ones where a < 0
 				_Vector t = a.MulHiUInt32(m_Multiplier).SubInt32(aNegative & m_Multiplier);
@@ -156,7 +156,7 @@ namespace Orvex
 		// Division by +-1: s = 0 or -1, (a ^ s) - s is a for 1 and the wrapping negation
 		// for -1, so INT_MIN / -1 gives INT_MIN here as it does per lane.
 		template <typename _Vector>
-		static inline __attribute__((always_inline)) _Vector _SignQuotient(const _Vector &a, const _Vector &sign)
+		static inline OX_ALWAYS_INLINE _Vector _SignQuotient(const _Vector &a, const _Vector &sign)
 		{
 			return (a ^ sign).SubInt32(sign);
 		}
@@ -167,7 +167,7 @@ namespace Orvex
 		// of 1: INT_MIN + bias is -1 and -1 >> 31 stays -1. The power-of-two test
 		// deliberately admits INT_MIN and that one quotient is kept as it is.
 		template <bool _Prechecked, typename _Vector>
-		static inline __attribute__((always_inline)) _Vector _PowerOfTwoQuotient(const _Vector &a, const _Vector &biasMask, u32 k)
+		static inline OX_ALWAYS_INLINE _Vector _PowerOfTwoQuotient(const _Vector &a, const _Vector &biasMask, u32 k)
 		{
 			return _Shift<Shift_RightArith, _Prechecked>(a.AddInt32(_Shift<Shift_RightArith, _Prechecked>(a, 31) & biasMask), k);
 		}
@@ -177,7 +177,7 @@ namespace Orvex
 		// a but INT_MIN, and 0 for INT_MIN (INT_MIN + 0x7FFFFFFF = -1, masked to INT_MIN).
 		// All three are the exact remainders: the division quirk does not show here.
 		template <bool _Prechecked, typename _Vector>
-		static inline __attribute__((always_inline)) _Vector _PowerOfTwoRemainder(const _Vector &a, const _Vector &lowBits)
+		static inline OX_ALWAYS_INLINE _Vector _PowerOfTwoRemainder(const _Vector &a, const _Vector &lowBits)
 		{
 			const _Vector biased = a.AddInt32(_Shift<Shift_RightArith, _Prechecked>(a, 31) & lowBits);
 			return a.SubInt32(biased.AndNot(lowBits));

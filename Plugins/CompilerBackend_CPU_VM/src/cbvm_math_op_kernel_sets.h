@@ -13,10 +13,9 @@
 #include <cstddef>
 #include <cstdint>
 
-// The lambdas of the wide kernels' loops (per vector, per block): always inlined. A wide
-// kernel holds every operator's loops in one function, past GCC's inlining budget, and
-// a lambda left as a call inside a loop costs more than the wider vector gains.
-#define OX_KERNEL_LAMBDA __attribute__((always_inline))
+// The lambdas of the wide kernels' loops (per vector, per block) are OX_ALWAYS_INLINE: a
+// wide kernel holds every operator's loops in one function, past GCC's inlining budget,
+// and a lambda left as a call inside a loop costs more than the wider vector gains.
 
 namespace Orvex
 {
@@ -133,7 +132,7 @@ namespace Orvex
 
 		// Internal linkage, as above: the wide units never call it, but a copy they
 		// compiled must not be the one the linker keeps.
-		static inline __attribute__((always_inline)) const SKernelSet &ActiveKernelSet()
+		static inline OX_ALWAYS_INLINE const SKernelSet &ActiveKernelSet()
 		{
 			const SKernelSet *set = g_ActiveKernelSet.load(std::memory_order_relaxed);
 			return __builtin_expect(set != nullptr, 1) ? *set : _ChooseKernelSetAtFirstUse();
@@ -141,7 +140,7 @@ namespace Orvex
 
 		// The integer block kernel for 'ints' integers in 'set': the set's own from its
 		// block size up, SSE2's below.
-		static inline __attribute__((always_inline)) FnIntPacked IntKernelFor(const SKernelSet &set, std::size_t ints)
+		static inline OX_ALWAYS_INLINE FnIntPacked IntKernelFor(const SKernelSet &set, std::size_t ints)
 		{
 			return ints >= set.m_IntMinInts ? set.m_Int : g_IntKernelSse2;
 		}

@@ -24,11 +24,11 @@ namespace Orvex
 		struct TOp2Impl
 		{
 			template <typename _Vector>
-			static __attribute__((always_inline)) _Vector Op(const _Vector &a, const _Vector &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
+			static OX_ALWAYS_INLINE _Vector Op(const _Vector &a, const _Vector &b) { return _FlipArgs ? _Op2(b, a) : _Op2(a, b); }
 
 		private:
 			template <typename _Vector>
-			static __attribute__((always_inline)) _Vector _Op2(const _Vector &a, const _Vector &b)
+			static OX_ALWAYS_INLINE _Vector _Op2(const _Vector &a, const _Vector &b)
 			{
 				if constexpr (_Op == Op2_Add) return a + b;
 				else if constexpr (_Op == Op2_Sub) return a - b;
@@ -53,7 +53,7 @@ namespace Orvex
 		struct TTruncFrac
 		{
 			_Vector m_Indefinite = _Vector::SplatInt(s32(0x80000000u));
-			__attribute__((always_inline)) _Vector operator()(const _Vector &q) const
+			OX_ALWAYS_INLINE _Vector operator()(const _Vector &q) const
 			{
 				const _Vector truncated = q.ConvertToInt32Trunc();
 				return (q - truncated.ConvertInt32ToFloat()).AndNot(truncated.CmpEqInt32(m_Indefinite));

@@ -212,7 +212,7 @@ namespace Orvex
 		// _Run: call the kernel here and return whether it ran (the entry points), instead of
 		// returning the call (the test).
 		template <bool _Run>
-		inline __attribute__((always_inline)) std::conditional_t<_Run, bool, SSingleCall> SingleKernelFused(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		inline OX_ALWAYS_INLINE std::conditional_t<_Run, bool, SSingleCall> SingleKernelFused(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
 		{
 			constexpr u32 kTopBits = ~(CVMRegID::kWellFormedLimit - 1);
 			constexpr u32 kPerElementBit = 2u << Compiler::IR::CRegID::RegisterBankShift;

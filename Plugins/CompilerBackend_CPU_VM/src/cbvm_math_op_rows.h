@@ -71,7 +71,7 @@ namespace Orvex
 		// _Selectors::Int<N> (each path has its family); false for Row_None. The switch
 		// compiles to one indexed jump.
 		template <typename _Selectors, typename... _Args>
-		inline __attribute__((always_inline)) bool RunRowSelector(EKernelRow row, const _Args &...args)
+		inline OX_ALWAYS_INLINE bool RunRowSelector(EKernelRow row, const _Args &...args)
 		{
 			switch (row)
 			{

@@ -64,13 +64,13 @@ namespace Orvex
 			template <EOp2Type _Op, u32 _Slot>
 			static void Lanes(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
 			{
-				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) OX_KERNEL_LAMBDA {
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) OX_ALWAYS_INLINE {
 					if (packed0 && packed1)
-						_StreamLoop(d, a, b, floats, [](const _Vector &x, const _Vector &y) OX_KERNEL_LAMBDA { return TOp2Impl<_Op, false>::Op(x, y); });
+						_StreamLoop(d, a, b, floats, [](const _Vector &x, const _Vector &y) OX_ALWAYS_INLINE { return TOp2Impl<_Op, false>::Op(x, y); });
 					else if (packed0)
-						_ConstantLoop(d, a, b, floats, [](const _Vector &v, const _Vector &c) OX_KERNEL_LAMBDA { return TOp2Impl<_Op, false>::Op(v, c); });
+						_ConstantLoop(d, a, b, floats, [](const _Vector &v, const _Vector &c) OX_ALWAYS_INLINE { return TOp2Impl<_Op, false>::Op(v, c); });
 					else
-						_ConstantLoop(d, b, a, floats, [](const _Vector &v, const _Vector &c) OX_KERNEL_LAMBDA { return TOp2Impl<_Op, true>::Op(v, c); });	// c op v
+						_ConstantLoop(d, b, a, floats, [](const _Vector &v, const _Vector &c) OX_ALWAYS_INLINE { return TOp2Impl<_Op, true>::Op(v, c); });	// c op v
 				});
 			}
 
@@ -78,10 +78,10 @@ namespace Orvex
 			static void Mod(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1)
 			{
 				// (Two constants are not widened: _Widened needs a stream operand.)
-				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) OX_KERNEL_LAMBDA {
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src1, stride1, [](float *d, const float *a, const float *b, std::size_t floats, bool packed0, bool packed1) OX_ALWAYS_INLINE {
 					const TTruncFrac<_Vector> truncFrac;
 					if (packed0 && packed1)
-						_StreamLoop(d, a, b, floats, [&](const _Vector &x, const _Vector &y) OX_KERNEL_LAMBDA { return truncFrac(x / y) * y; });
+						_StreamLoop(d, a, b, floats, [&](const _Vector &x, const _Vector &y) OX_ALWAYS_INLINE { return truncFrac(x / y) * y; });
 					else if (packed0)
 					{
 						// A constant divisor: its reciprocal once per lane, as the SSE2 kernel divides it.
@@ -92,7 +92,7 @@ namespace Orvex
 						_ByReciprocal(d, a, floats, c, r);
 					}
 					else
-						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) OX_KERNEL_LAMBDA { return truncFrac(c / y) * y; });	// a constant dividend
+						_ConstantLoop(d, b, a, floats, [&](const _Vector &y, const _Vector &c) OX_ALWAYS_INLINE { return truncFrac(c / y) * y; });	// a constant dividend
 				});
 			}
 
@@ -103,7 +103,7 @@ namespace Orvex
 			template <u32 _Slot>
 			static void ModByConstant(const float *divisor12, const float *reciprocal12, void *dst, u32 count, const void *src0, const void *constant)
 			{
-				_Widened<_Slot>(dst, kElementBytes, count, src0, kElementBytes, constant, 0, [&](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_KERNEL_LAMBDA {
+				_Widened<_Slot>(dst, kElementBytes, count, src0, kElementBytes, constant, 0, [&](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_ALWAYS_INLINE {
 					_Vector c[kVectors], r[kVectors];
 					_Repeat(_Quarters(divisor12), c);
 					_Repeat(_Quarters(reciprocal12), r);
@@ -120,9 +120,9 @@ namespace Orvex
 					g_FloatKernelsSse2[_Slot](dst, dstStride, count, src0, stride0, src1, stride1);
 					return;
 				}
-				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src0, stride0, [](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_KERNEL_LAMBDA {
+				_Widened<_Slot>(dst, dstStride, count, src0, stride0, src0, stride0, [](float *d, const float *a, const float *, std::size_t floats, bool, bool) OX_ALWAYS_INLINE {
 					const _Vector signs = _Vector::SplatInt(s32(0x80000000u));
-					_Periods(d, floats, [&](std::size_t i, int) OX_KERNEL_LAMBDA { return _Vector::Load(a + i) ^ signs; });
+					_Periods(d, floats, [&](std::size_t i, int) OX_ALWAYS_INLINE { return _Vector::Load(a + i) ^ signs; });
 				}, /*unary*/ true);
 			}
 
@@ -134,7 +134,7 @@ namespace Orvex
 			// 'loop' over whole periods, the rest to the SSE2 kernel; any other call to the
 			// SSE2 kernel as it is. 'loop'(d, a, b, floats, packed0, packed1).
 			template <u32 _Slot, typename _FnLoop>
-			static __attribute__((always_inline)) void _Widened(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1,
+			static OX_ALWAYS_INLINE void _Widened(void *dst, u32 dstStride, u32 count, const void *src0, u32 stride0, const void *src1, u32 stride1,
 																const _FnLoop &loop, bool unary = false)
 			{
 				const FnOp2Stream sse2 = g_FloatKernelsSse2[_Slot];
@@ -156,7 +156,7 @@ namespace Orvex
 			// Whole periods of 'count' elements with 'loop', the rest to the SSE2 kernel (with
 			// the call's own strides: a source that is not packed is the constant).
 			template <u32 _Slot, typename _FnLoop>
-			static __attribute__((always_inline)) void _Run(float *d, u32 count, const float *a, u32 stride0, const float *b, u32 stride1, const _FnLoop &loop, bool unary)
+			static OX_ALWAYS_INLINE void _Run(float *d, u32 count, const float *a, u32 stride0, const float *b, u32 stride1, const _FnLoop &loop, bool unary)
 			{
 				const bool packed0 = stride0 == kElementBytes, packed1 = stride1 == kElementBytes;
 				const u32 whole = count / kPeriodElements * kPeriodElements;
@@ -188,7 +188,7 @@ namespace Orvex
 			// first store; then one period at a time. (Reading ahead is safe: no destination
 			// here lies ahead inside a source, see _Widened.)
 			template <typename _FnAt>
-			static __attribute__((always_inline)) void _Periods(float *d, std::size_t floats, const _FnAt &at)
+			static OX_ALWAYS_INLINE void _Periods(float *d, std::size_t floats, const _FnAt &at)
 			{
 				constexpr int kUnroll = kVectors == 1 ? 4 : 1;
 				std::size_t i = 0;
@@ -210,16 +210,16 @@ namespace Orvex
 
 			// d = op(a, b) over two streams.
 			template <typename _FnOp>
-			static __attribute__((always_inline)) void _StreamLoop(float *d, const float *a, const float *b, std::size_t floats, const _FnOp &op)
+			static OX_ALWAYS_INLINE void _StreamLoop(float *d, const float *a, const float *b, std::size_t floats, const _FnOp &op)
 			{
-				_Periods(d, floats, [&](std::size_t i, int) OX_KERNEL_LAMBDA { return op(_Vector::Load(a + i), _Vector::Load(b + i)); });
+				_Periods(d, floats, [&](std::size_t i, int) OX_ALWAYS_INLINE { return op(_Vector::Load(a + i), _Vector::Load(b + i)); });
 			}
 
 			// d = frac(a / c) c over whole periods, the quotient as a * r (r = 1 / c, made by the caller).
-			static __attribute__((always_inline)) void _ByReciprocal(float *d, const float *a, std::size_t floats, const _Vector (&c)[kVectors], const _Vector (&r)[kVectors])
+			static OX_ALWAYS_INLINE void _ByReciprocal(float *d, const float *a, std::size_t floats, const _Vector (&c)[kVectors], const _Vector (&r)[kVectors])
 			{
 				const TTruncFrac<_Vector> truncFrac;
-				_Periods(d, floats, [&](std::size_t i, int k) OX_KERNEL_LAMBDA { return truncFrac(_Vector::Load(a + i) * r[k]) * c[k]; });
+				_Periods(d, floats, [&](std::size_t i, int k) OX_ALWAYS_INLINE { return truncFrac(_Vector::Load(a + i) * r[k]) * c[k]; });
 			}
 
 			struct SQuarters
@@ -228,13 +228,13 @@ namespace Orvex
 			};
 
 			// A 12-float block as three SSE vectors.
-			static __attribute__((always_inline)) SQuarters _Quarters(const float *block12)
+			static OX_ALWAYS_INLINE SQuarters _Quarters(const float *block12)
 			{
 				return {{_mm_loadu_ps(block12), _mm_loadu_ps(block12 + 4), _mm_loadu_ps(block12 + 8)}};
 			}
 
 			// A 12-float block repeated over one period.
-			static __attribute__((always_inline)) void _Repeat(const SQuarters &block, _Vector (&c)[kVectors])
+			static OX_ALWAYS_INLINE void _Repeat(const SQuarters &block, _Vector (&c)[kVectors])
 			{
 				for (int k = 0; k < kVectors; ++k)
 					c[k] = _Vector::Repeat12(block.m_Q, k * kLanes / 4);
@@ -243,7 +243,7 @@ namespace Orvex
 			// A constant element laid out over one period, as kVectors vectors: the element
 			// over 12 floats (three SSE vectors, in registers), then that block repeated. A
 			// three-component element reads 16 bytes: the register file pads every element.
-			static __attribute__((always_inline)) void _Period(const float *constant, _Vector (&c)[kVectors])
+			static OX_ALWAYS_INLINE void _Period(const float *constant, _Vector (&c)[kVectors])
 			{
 				SQuarters block;
 				__m128 (&q)[3] = block.m_Q;
@@ -262,11 +262,11 @@ namespace Orvex
 
 			// d = op(s, c) over whole periods: s a stream, c the constant over one period.
 			template <typename _FnOp>
-			static __attribute__((always_inline)) void _ConstantLoop(float *d, const float *s, const float *constant, std::size_t floats, const _FnOp &op)
+			static OX_ALWAYS_INLINE void _ConstantLoop(float *d, const float *s, const float *constant, std::size_t floats, const _FnOp &op)
 			{
 				_Vector c[kVectors];
 				_Period(constant, c);
-				_Periods(d, floats, [&](std::size_t i, int k) OX_KERNEL_LAMBDA { return op(_Vector::Load(s + i), c[k]); });
+				_Periods(d, floats, [&](std::size_t i, int k) OX_ALWAYS_INLINE { return op(_Vector::Load(s + i), c[k]); });
 			}
 		};
 

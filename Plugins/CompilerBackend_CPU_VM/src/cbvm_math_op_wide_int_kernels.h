@@ -128,7 +128,7 @@ namespace Orvex
 
 			// dst over 'ints' integers (whole wide blocks): vector v of the block at i is at(i, v).
 			template <typename _FnAt>
-			static __attribute__((always_inline)) std::ptrdiff_t _Loop(s32 *dst, std::ptrdiff_t ints, const _FnAt &at)
+			static OX_ALWAYS_INLINE std::ptrdiff_t _Loop(s32 *dst, std::ptrdiff_t ints, const _FnAt &at)
 			{
 				for (std::ptrdiff_t i = 0; i < ints; i += kBlockInts)
 				{
@@ -144,18 +144,18 @@ namespace Orvex
 			// streams and keeps a constant's block in registers (a choice made per vector
 			// inside the loop cost W8 by 8 an eighth of its speed against SSE2).
 			template <typename _Fn>
-			static __attribute__((always_inline)) std::ptrdiff_t _Blocks(s32 *dst, std::ptrdiff_t ints, const SSources &s, const _Fn &fn)
+			static OX_ALWAYS_INLINE std::ptrdiff_t _Blocks(s32 *dst, std::ptrdiff_t ints, const SSources &s, const _Fn &fn)
 			{
 				const s32 *a = s.m_A.m_Stream, *b = s.m_B.m_Stream;
 				const _Vector ca[3] = {s.m_A.m_Constant[0], s.m_A.m_Constant[1], s.m_A.m_Constant[2]};
 				const _Vector cb[3] = {s.m_B.m_Constant[0], s.m_B.m_Constant[1], s.m_B.m_Constant[2]};
 				if (a != nullptr && b != nullptr)
-					return _Loop(dst, ints, [&](std::ptrdiff_t i, int v) OX_KERNEL_LAMBDA { return fn(_Vector::Load(a + i + v * kLanes), _Vector::Load(b + i + v * kLanes)); });
+					return _Loop(dst, ints, [&](std::ptrdiff_t i, int v) OX_ALWAYS_INLINE { return fn(_Vector::Load(a + i + v * kLanes), _Vector::Load(b + i + v * kLanes)); });
 				if (a != nullptr)
-					return _Loop(dst, ints, [&](std::ptrdiff_t i, int v) OX_KERNEL_LAMBDA { return fn(_Vector::Load(a + i + v * kLanes), cb[v]); });
+					return _Loop(dst, ints, [&](std::ptrdiff_t i, int v) OX_ALWAYS_INLINE { return fn(_Vector::Load(a + i + v * kLanes), cb[v]); });
 				if (b != nullptr)
-					return _Loop(dst, ints, [&](std::ptrdiff_t i, int v) OX_KERNEL_LAMBDA { return fn(ca[v], _Vector::Load(b + i + v * kLanes)); });
-				return _Loop(dst, ints, [&](std::ptrdiff_t, int v) OX_KERNEL_LAMBDA { return fn(ca[v], cb[v]); });
+					return _Loop(dst, ints, [&](std::ptrdiff_t i, int v) OX_ALWAYS_INLINE { return fn(ca[v], _Vector::Load(b + i + v * kLanes)); });
+				return _Loop(dst, ints, [&](std::ptrdiff_t, int v) OX_ALWAYS_INLINE { return fn(ca[v], cb[v]); });
 			}
 
 			// Source 1 a constant whose four first integers are equal (the test of the SSE2
@@ -197,34 +197,34 @@ namespace Orvex
 			}
 
 			template <u32 _Op, u32 _Route>
-			static __attribute__((always_inline)) void _RouteBlocks(s32 *dst, std::ptrdiff_t ints, const SSources &s, const SIntRoute &route)
+			static OX_ALWAYS_INLINE void _RouteBlocks(s32 *dst, std::ptrdiff_t ints, const SSources &s, const SIntRoute &route)
 			{
 				constexpr SOp_MathOp::EIntKernel kKind = SOp_MathOp::kTraits[_Op].m_IntKernel;
 				if constexpr (kKind == SOp_MathOp::IntKernel_Lanes)
-					_Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return TIntLanes<_Op>::Vector(a, b); });
+					_Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_ALWAYS_INLINE { return TIntLanes<_Op>::Vector(a, b); });
 				else if constexpr (kKind == SOp_MathOp::IntKernel_Unary)
-					_Blocks(dst, ints, s, [](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return TIntLanes<_Op>::Vector(a); });
+					_Blocks(dst, ints, s, [](const _Vector &a, const _Vector &) OX_ALWAYS_INLINE { return TIntLanes<_Op>::Vector(a); });
 				else if constexpr (_Route == Route_Shift)
-					_Blocks(dst, ints, s, [bits = route.m_Shift](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _Shift<TIntLanes<_Op>::kShift, true>(a, bits); });
+					_Blocks(dst, ints, s, [bits = route.m_Shift](const _Vector &a, const _Vector &) OX_ALWAYS_INLINE { return _Shift<TIntLanes<_Op>::kShift, true>(a, bits); });
 				else if constexpr (_Route == Route_Sign)
 				{
 					const _Vector sign = _Vector::SplatInt(route.m_Divisor >> 31);
-					_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _SignQuotient(a, sign); });
+					_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_ALWAYS_INLINE { return _SignQuotient(a, sign); });
 				}
 				else if constexpr (_Route == Route_PowerOfTwo)
 				{
 					const _Vector lowBits = _Vector::SplatInt(s32(u32(route.m_Divisor) - 1u));
 					if constexpr (kKind == SOp_MathOp::IntKernel_Mod)
-						_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _PowerOfTwoRemainder<true>(a, lowBits); });
+						_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_ALWAYS_INLINE { return _PowerOfTwoRemainder<true>(a, lowBits); });
 					else
-						_Blocks(dst, ints, s, [&, k = route.m_Shift](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA { return _PowerOfTwoQuotient<true>(a, lowBits, k); });
+						_Blocks(dst, ints, s, [&, k = route.m_Shift](const _Vector &a, const _Vector &) OX_ALWAYS_INLINE { return _PowerOfTwoQuotient<true>(a, lowBits, k); });
 				}
 				else
 				{
 					// r = a - q d, wrapping, for the modulo.
 					const TMagicDivisor<_Vector> magic(route.m_Magic);
 					const _Vector d = _Vector::SplatInt(route.m_Divisor);
-					_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_KERNEL_LAMBDA {
+					_Blocks(dst, ints, s, [&](const _Vector &a, const _Vector &) OX_ALWAYS_INLINE {
 						const _Vector q = magic.template Quotient<true, _Route == Route_MagicSubtract>(a);
 						if constexpr (kKind == SOp_MathOp::IntKernel_Mod)
 							return a.SubInt32(q.MulLoInt32(d));
@@ -295,21 +295,21 @@ namespace Orvex
 			// kernel divides), shifts by each lane's own count (its low five bits, as the
 			// scalar rules shift; SSE2 has no such shift and goes lane by lane).
 			template <u32 _Op>
-			static __attribute__((always_inline)) std::ptrdiff_t _PerLane(s32 *dst, std::ptrdiff_t ints, const SSources &s)
+			static OX_ALWAYS_INLINE std::ptrdiff_t _PerLane(s32 *dst, std::ptrdiff_t ints, const SSources &s)
 			{
 				constexpr SOp_MathOp::EIntKernel kKind = SOp_MathOp::kTraits[_Op].m_IntKernel;
 				if constexpr (kKind == SOp_MathOp::IntKernel_Div)
-					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return _QuotientsThroughDouble(a, b); });
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_ALWAYS_INLINE { return _QuotientsThroughDouble(a, b); });
 				else if constexpr (kKind == SOp_MathOp::IntKernel_Mod)
-					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return a.SubInt32(_QuotientsThroughDouble(a, b).MulLoInt32(b)); });
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_ALWAYS_INLINE { return a.SubInt32(_QuotientsThroughDouble(a, b).MulLoInt32(b)); });
 				else if constexpr (kKind == SOp_MathOp::IntKernel_Shift)
-					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_KERNEL_LAMBDA { return _ShiftByLanes<TIntLanes<_Op>::kShift>(a, b); });
+					return _Blocks(dst, ints, s, [](const _Vector &a, const _Vector &b) OX_ALWAYS_INLINE { return _ShiftByLanes<TIntLanes<_Op>::kShift>(a, b); });
 				else
 					return 0;
 			}
 
 			template <std::size_t... _Ops>
-			static __attribute__((always_inline)) std::ptrdiff_t _PerLaneOf(u32 op, s32 *dst, std::ptrdiff_t ints, const SSources &s, std::index_sequence<_Ops...>)
+			static OX_ALWAYS_INLINE std::ptrdiff_t _PerLaneOf(u32 op, s32 *dst, std::ptrdiff_t ints, const SSources &s, std::index_sequence<_Ops...>)
 			{
 				std::ptrdiff_t done = 0;
 				(void)((op == _Ops ? (done = _PerLane<_Ops>(dst, ints, s), true) : false) || ...);

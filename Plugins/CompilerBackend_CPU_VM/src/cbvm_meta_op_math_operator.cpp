@@ -27,12 +27,12 @@ namespace Orvex
 		struct SStandardSelectors
 		{
 			template <int _Dimension>
-			static __attribute__((always_inline)) void Float(SOp_MathOp::EOp op, const SResolvedMathOp &r)
+			static OX_ALWAYS_INLINE void Float(SOp_MathOp::EOp op, const SResolvedMathOp &r)
 			{
 				MathOp::ExecOperatorFloat<_Dimension>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1);
 			}
 			template <int _Dimension>
-			static __attribute__((always_inline)) void Int(SOp_MathOp::EOp op, const SResolvedMathOp &r)
+			static OX_ALWAYS_INLINE void Int(SOp_MathOp::EOp op, const SResolvedMathOp &r)
 			{
 				MathOp::ExecOperatorInt<_Dimension>(op, r.m_EvalInto, r.m_Stride, r.m_EvalCount, r.m_Data0, r.m_Stride0, r.m_Data1, r.m_Stride1);
 			}
@@ -40,7 +40,7 @@ namespace Orvex
 
 		// Runs the kernel of source 0's type: only that type selects it (through its kernel
 		// row). A type without a row is reported and nothing is written.
-		inline __attribute__((always_inline)) void _Dispatch(SOp_MathOp::EOp op, const SResolvedMathOp &r)
+		inline OX_ALWAYS_INLINE void _Dispatch(SOp_MathOp::EOp op, const SResolvedMathOp &r)
 		{
 			if (!MathOp::RunRowSelector<SStandardSelectors>(MathOp::_KernelRowOfType(r.m_SrcType0), op, r))
 				OX_ASSERT_NOT_REACHED();
@@ -62,7 +62,7 @@ namespace Orvex
 		// runs the one-element kernel of its operator and row (the same result, without the
 		// stream set-up) and returns true. Anything else returns false, and the instruction
 		// goes the general way, which reports whatever is wrong.
-		inline __attribute__((always_inline)) bool _TrySingle(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
+		inline OX_ALWAYS_INLINE bool _TrySingle(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op)
 		{
 			return MathOp::SingleKernelFused</*_Run*/ true>(registers, bytecode, wb, op);
 		}

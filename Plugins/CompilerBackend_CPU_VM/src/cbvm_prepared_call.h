@@ -56,7 +56,7 @@ namespace Orvex
 			u32 m_Scratch = kNotScratch;
 
 			// Once bound (CPreparedCalls::Bind): no test per call.
-			__attribute__((always_inline)) u8 *At(u32 first) const { return m_Base + std::size_t(first) * m_Step; }
+			OX_ALWAYS_INLINE u8 *At(u32 first) const { return m_Base + std::size_t(first) * m_Step; }
 		};
 
 		// The profiler node of the entry point of 'opcode' (113..117), which the entry
@@ -118,7 +118,7 @@ namespace Orvex
 			// ignore first and count). _Profiled: record the entry point's profiler node (the
 			// caller looks at the profiler once per batch, not once per call).
 			template <bool _Profiled>
-			static __attribute__((always_inline)) void Run(const SPreparedCall &call, u32 first, u32 count, const CBytecodeExecContext &context)
+			static OX_ALWAYS_INLINE void Run(const SPreparedCall &call, u32 first, u32 count, const CBytecodeExecContext &context)
 			{
 				if (call.m_Float != nullptr)
 				{
@@ -194,7 +194,7 @@ namespace Orvex
 			}
 
 			// The next slice of lines.
-			__attribute__((always_inline)) void Next()
+			OX_ALWAYS_INLINE void Next()
 			{
 				for (u32 n = m_PerCall; n != 0 && m_Stream < m_StreamCount; --n)
 				{

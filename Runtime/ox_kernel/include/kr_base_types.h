@@ -8,6 +8,12 @@
 
 #define OX_NAMESPACE Orvex
 
+// The one spelling of "always inline" (GCC and Clang): kernel loop bodies, the lambdas of
+// kernel loops and the vector wrappers' operations, whose call would cost more than their
+// work, or which a kernel holding every operator's loops would push past the inliner's
+// budget.
+#define OX_ALWAYS_INLINE __attribute__((always_inline))
+
 namespace Orvex
 {
 	using u8 = std::uint8_t;
