@@ -503,7 +503,7 @@ namespace
 		const u32 stride1 = src1Constant ? 0 : n;
 		OxTest::ModelStream(EOp(c.m_Op), c.m_Type.m_Kind, n, s.m_Count, src0.m_Data, stride0, unary ? nullptr : src1.m_Data, stride1, expected, &alternative);
 		// Float modulo by a one-value divisor over more than one element multiplies by
-		// one reciprocal on the standard path (README, "Two execution paths").
+		// one reciprocal on the standard path (docs/embedding.md, "Two execution paths").
 		if (c.m_Type.m_Kind == OxTest::EModelKind::Float && c.m_Op == SOp_MathOp::Op_Mod && src1Constant && s.m_Path == CBVM::ExecPath_Standard && s.m_Count > 1)
 			for (u32 w = 0; w < s.m_Count * n; ++w)
 				expected[w] = alternative[w] = FloatKernelTest::ModelModByReciprocal(src0.m_Data[w], src1.m_Data[w % n]);

@@ -266,7 +266,7 @@ namespace OxVm
 				_Warnings(instruction, evalCount, type);
 			}
 
-			// Legal, but the standard path reports them (see README, "Two execution paths").
+			// Legal, but the standard path reports them (docs/embedding.md, "Two execution paths").
 			// Said only when the standard path will run them: the Low path computes them
 			// like any other instruction.
 			void _Warnings(const SInstruction &instruction, u32 evalCount, const STypeInfo &type)
