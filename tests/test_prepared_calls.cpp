@@ -447,19 +447,21 @@ namespace
 		const CVMRegID divisor = CVMRegID::Build(2, MetaType_Constant, BaseType_I32), count = CVMRegID::Build(3, MetaType_Constant, BaseType_I32);
 		const CVMRegID m = CVMRegID::Build(4, MetaType_Stream, BaseType_Float3), x = CVMRegID::Build(5, MetaType_Stream, BaseType_Float3);
 		const CVMRegID period = CVMRegID::Build(6, MetaType_Constant, BaseType_Float3);
+		const CVMRegID r = CVMRegID::Build(7, MetaType_Stream, BaseType_I32);
 		std::vector<u8> code;
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Div, q, a, divisor);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, r, a, divisor);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Bitwise_ShiftLeft, q, q, count);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, m, x, period);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, m, m, period);
 		for (const u32 batch : {0u, 48u})
 		{
-			CRegisterStorage files[2] = {CRegisterStorage(7), CRegisterStorage(7)};
+			CRegisterStorage files[2] = {CRegisterStorage(8), CRegisterStorage(8)};
 			CBatchPlan plans[2];
 			for (u32 f = 0; f < 2; ++f)
 			{
 				files[f].Registers().m_StreamDimensions = kStream;
-				for (const CVMRegID id : {q, a, m, x})
+				for (const CVMRegID id : {q, a, m, x, r})
 					ASSERT_TRUE(files[f].AllocateElements(id, kStream));
 				for (const CVMRegID id : {divisor, count, period})
 					ASSERT_TRUE(files[f].AllocateElements(id, 1));
@@ -471,10 +473,13 @@ namespace
 			}
 			ASSERT_TRUE(plans[0].Prepared()) << plans[0].PreparedReason();
 			plans[1].ForgetPrepared();
-			const s32 divisors[] = {7, -3, 1, 1 << 20};
-			const s32 counts[] = {3, 0, 31, 5};
-			const float periods[][4] = {{2.5f, 3.0f, 0.75f, 0.0f}, {1.0f, 1.0f, 1.0f, 0.0f}, {-4.0f, 0.1f, 100.0f, 0.0f}, {0.3f, 7.0f, 2.0f, 0.0f}};
-			for (u32 frame = 0; frame < 4; ++frame)
+			// Each integer route in turn: magic numbers (with and without the dividend's
+			// correction), +-1, powers of two, a zero divisor.
+			const s32 divisors[] = {7, -3, 1, 1 << 20, -1, -16, 0, 641};
+			const s32 counts[] = {3, 0, 31, 5, 1, 17, 30, 2};
+			const float periods[][4] = {{2.5f, 3.0f, 0.75f, 0.0f}, {1.0f, 1.0f, 1.0f, 0.0f}, {-4.0f, 0.1f, 100.0f, 0.0f}, {0.3f, 7.0f, 2.0f, 0.0f},
+										{0.5f, 0.5f, 0.5f, 0.0f}, {3.0f, -2.0f, 9.5f, 0.0f}, {1e-3f, 1e3f, 7.0f, 0.0f}, {6.0f, 6.0f, 1.0f, 0.0f}};
+			for (u32 frame = 0; frame < 8; ++frame)
 			{
 				std::vector<u8> words[2];
 				for (u32 f = 0; f < 2; ++f)
@@ -487,7 +492,7 @@ namespace
 					SCompilerCPUDebugCtx debug;
 					const CBVM::SBatchRunResult run = CBatchRunner::Run(plans[f], CBytecodeExecContext(&program, bindings, files[f].Registers(), debug));
 					EXPECT_EQ(run.m_Prepared, f == 0);
-					for (const CVMRegID id : {q, m})
+					for (const CVMRegID id : {q, m, r})
 						words[f].insert(words[f].end(), files[f].DataAs<u8>(id), files[f].DataAs<u8>(id) + files[f].Size(id));
 				}
 				ASSERT_EQ(words[0], words[1]) << "frame " << frame << ", batch " << batch;
