@@ -346,15 +346,19 @@ namespace
 	{
 		const SOxvmResult result = Oxvm("run --frames 3 --progress always");
 		ASSERT_EQ(result.m_Status, 0) << result.m_Err;
-		const std::size_t setup = result.m_Err.find("] 100% set-up: initialising registers");
-		const std::size_t run = result.m_Err.find("] 100% run: frame 3/3");
+		const std::size_t setup = result.m_Err.find("\rset-up: initialising registers [");
+		const std::size_t run = result.m_Err.find("\rrun: frame 3/3 [========");
 		ASSERT_NE(setup, std::string::npos) << result.m_Err;
 		ASSERT_NE(run, std::string::npos) << result.m_Err;
 		EXPECT_LT(setup, run);
-		// Each phase ends its line; the bar is redrawn in place with carriage returns.
-		EXPECT_NE(result.m_Err.find("set-up: initialising registers\x1b[K\n"), std::string::npos);
+		EXPECT_NE(result.m_Err.find("] 100% 0:00 elapsed", run), std::string::npos) << result.m_Err;
+		// Each phase ends its line; the bar is redrawn in place with carriage returns. The
+		// bundled example is not read from a file: initialising, verifying, the frames and
+		// the statistics.
+		EXPECT_NE(result.m_Err.find(" elapsed\x1b[K\n"), std::string::npos);
 		EXPECT_EQ(result.m_Err.back(), '\n');
-		EXPECT_EQ(CountLines(result.m_Err, "\r["), 2) << result.m_Err;
+		EXPECT_EQ(CountLines(result.m_Err, "\r"), 4) << result.m_Err;
+		EXPECT_EQ(CountLines(result.m_Err, "\rsummary: statistics ["), 1) << result.m_Err;
 
 		// Not on a terminal (stderr is a file here), or never: no bar.
 		EXPECT_EQ(Oxvm("run --frames 3").m_Err, "");
@@ -370,7 +374,7 @@ namespace
 		EXPECT_EQ(quiet.find('['), std::string::npos) << quiet;
 		// Forced, the bar reaches the terminal.
 		const std::string forced = StderrOnTerminal("run --frames 3 --progress always");
-		EXPECT_NE(forced.find("100% run: frame 3/3"), std::string::npos) << forced;
+		EXPECT_NE(forced.find("run: frame 3/3 ["), std::string::npos) << forced;
 		EXPECT_NE(Read(".stdout").find("ran        9 instructions x 3 frames"), std::string::npos);
 	}
 #endif

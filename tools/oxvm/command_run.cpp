@@ -6,6 +6,7 @@
 #include "assert_scope.h"
 #include "commands.h"
 #include "compare.h"
+#include "diagnostics.h"
 #include "kr_profiler.h"
 #include "output_file.h"
 #include "program_loader.h"
@@ -149,8 +150,8 @@ namespace OxVm
 			if (!MemoryAvailable(run))
 				return false;
 			std::string error;
-			progress.Begin("set-up: initialising registers", false);
-			const bool built = run.m_File.Build(run.m_Program, run.m_Elements, run.m_Options.m_Seed, error, [&progress](u64 done, u64 total) { progress.Update(done, total); });
+			progress.Begin("set-up: initialising registers", "", 0);
+			const bool built = run.m_File.Build(run.m_Program, run.m_Elements, run.m_Options.m_Seed, error, progress.Reporter());
 			progress.End();
 			if (!built)
 			{
@@ -281,6 +282,8 @@ namespace OxVm
 			batchedPlan.Build(run.m_Bytecode.data(), u32(run.m_Bytecode.size()), batched.Storage(), run.m_Options.m_Batch, run.m_ScratchIds.data(), u32(run.m_ScratchIds.size()));
 			SRunOptions options;
 			options.m_Frames = run.m_Options.m_Frames;
+			options.m_Progress = CProgress::Current();
+			options.m_Phase = "compare: batched run";
 			options.m_Plan = &batchedPlan;
 			options.m_Parallel = run.m_Parallel;
 			Profiler::CProfiler &profiler = *Profiler::MainEngineProfiler();
@@ -316,19 +319,19 @@ namespace OxVm
 		}
 
 		// The registers written: statistics, dumps, then the profile.
-		void PrintResults(const SRun &run)
+		void PrintResults(const SRun &run, CProgress &progress)
 		{
 			const SRunCommand &options = run.m_Options;
 			if (!options.m_Quiet)
 			{
 				fmt::print("\nwritten registers{}:\n", options.m_Compare ? " (standard path)" : "");
-				PrintRegisterStats(stdout, run.m_Program, run.m_File, run.m_Kept);
+				PrintRegisterStats(stdout, run.m_Program, run.m_File, run.m_Kept, &progress);
 			}
 			if (!run.m_Dumped.empty())
 			{
 				if (!options.m_Quiet)
 					fmt::print("\n");
-				DumpRegisters(stdout, run.m_Program, run.m_File, run.m_Dumped);
+				DumpRegisters(stdout, run.m_Program, run.m_File, run.m_Dumped, &progress);
 			}
 			Profiler::CProfiler &profiler = *Profiler::MainEngineProfiler();
 			if (options.m_Profile && !run.m_StandardPathRuns)
@@ -356,7 +359,7 @@ namespace OxVm
 		}
 
 		// The CSV file, only when the run succeeded.
-		bool WriteOutputs(SRun &run)
+		bool WriteOutputs(SRun &run, CProgress &progress)
 		{
 			const std::string &path = run.m_Options.m_Csv;
 			if (path.empty())
@@ -367,7 +370,8 @@ namespace OxVm
 				return false;
 			}
 			std::string error;
-			const bool wrote = WriteCsv(run.m_Csv.Stream(), run.m_Program, run.m_File, run.m_Kept, run.m_Elements, run.m_Options.m_CsvBits);
+			const bool wrote = WriteCsv(run.m_Csv.Stream(), run.m_Program, run.m_File, run.m_Kept, run.m_Elements, run.m_Options.m_CsvBits, &progress,
+										path == "-" ? std::string("to stdout") : Printable(path));
 			if (!run.m_Csv.Commit(error) || !wrote)
 			{
 				fmt::print(stderr, "oxvm: error: {}\n", error.empty() ? fmt::format("cannot write '{}'", path) : error);
@@ -379,15 +383,15 @@ namespace OxVm
 		}
 
 		// Everything after the run: results, assertion reports, outputs and times.
-		int Report(SRun &run, const CCountedAsserts &asserts)
+		int Report(SRun &run, const CCountedAsserts &asserts, CProgress &progress)
 		{
-			PrintResults(run);
+			PrintResults(run, progress);
 			const u64 reports = asserts.Count();
 			const bool strict = run.m_Options.m_Strict;
 			if (reports != 0)
 				fmt::print(stderr, "oxvm: {}{}\n", asserts.Summary(), strict ? " (--strict: failing)" : "");
 			run.m_Failed = run.m_Failed || (strict && reports != 0);
-			const bool written = WriteOutputs(run);
+			const bool written = WriteOutputs(run, progress);
 			PrintTotal(run);
 			return run.m_Failed || !written ? Exit_RunFailed : Exit_Ok;
 		}
@@ -409,12 +413,13 @@ namespace OxVm
 	int CommandRun(const SRunCommand &options)
 	{
 		SRun run(options);
+		// Before anything is read: reading a large program or csv() file is a phase too.
+		CProgress progress(ProgressMode(options.m_Progress));
 		if (!Load(run))
 			return Exit_BadInput;
 		StartProfiling(options);
 		CCountedAsserts asserts(options.m_Verbose);
 		asserts.Attribute(run.m_Program, run.m_Bytecode);
-		CProgress progress(ProgressMode(options.m_Progress));
 		if (!SetUp(run, progress))
 			return Exit_BadInput;
 		if (!Verify(run))
@@ -433,6 +438,6 @@ namespace OxVm
 		run.m_RunEnded = Clock::now();
 		if (!options.m_Quiet)
 			PrintHazards();
-		return Report(run, asserts);
+		return Report(run, asserts, progress);
 	}
 }

@@ -4,6 +4,7 @@
 #include "cbvm_interpreter.h"
 #include "cbvm_path_difference.h"
 #include "numbers.h"
+#include "progress.h"
 #include "runner.h"
 
 #include <fmt/format.h>
@@ -12,6 +13,7 @@
 
 #include <cstring>
 #include <map>
+#include <optional>
 
 namespace OxVm
 {
@@ -66,6 +68,10 @@ namespace OxVm
 		const std::vector<u32> offsets = InstructionOffsets(bytecode);
 		std::map<u32, SDocumented> documented;	// by instruction index
 
+		// Ended before the summary lines below; a listed difference takes the bar off the
+		// terminal first, when 'out' may share it.
+		std::optional<CProgressPhase> phase(std::in_place, "compare: both paths", "frame", frames);
+		CProgress *const progress = out == stdout ? CProgress::Current() : nullptr;
 		for (u32 frame = 0; frame < frames; ++frame)
 		{
 			for (std::size_t i = 0; i < offsets.size(); ++i)
@@ -99,6 +105,8 @@ namespace OxVm
 					++differing;
 					if (kind != CBVM::PathDifference_None)
 						continue;
+					if (report.m_UndocumentedWords < kListed && progress != nullptr)
+						progress->Clear();
 					if (report.m_UndocumentedWords++ < kListed)
 						fmt::print(out, "  DIFFERENCE frame {} instruction {} (line {}): register {} element {} component {}: standard {:#010x} ({}), low {:#010x} ({})\n", frame, i,
 								   source.m_Line, program.RegisterText(dst), w / components, w % components, a[w], FormatWord(a[w], valueKind), b[w], FormatWord(b[w], valueKind));
@@ -116,7 +124,9 @@ namespace OxVm
 				// Both files go on from the standard result, so a difference shows where it starts.
 				std::memcpy(b, a, std::size_t(count) * 4);
 			}
+			phase->Update(u64(frame) + 1, frames);
 		}
+		phase.reset();
 		if (report.m_UndocumentedWords > kListed)
 			fmt::print(out, "  ... and {} more differing words\n", report.m_UndocumentedWords - kListed);
 		for (const auto &[index, entry] : documented)

@@ -146,7 +146,9 @@ namespace
 		runCommand->add_flag("--verbose", run.m_Verbose,
 			"with each VM assertion report (printed at the program line of the instruction that raised it), also print the VM's check: its expression and its source file and line");
 		runCommand->add_option("--progress", run.m_Progress,
-			"progress bar on stderr for a long set-up (register initialisation) and a long run: auto (on a terminal, once a phase is seen to take over a second), always or never")
+			"progress bar on stderr, with the time elapsed and an estimate of the time left, for each long phase: set-up (reading files, initialising registers, "
+			"verifying), the run's frames (or --compare's), the summary (statistics, dumps) and writing the CSV file; auto (on a terminal, once a phase has "
+			"taken over a second), always (from the start of each phase, wherever stderr goes) or never. Ctrl-C clears the bar's line")
 			->check(CLI::IsMember({"auto", "always", "never"}))
 			->capture_default_str();
 

@@ -11,6 +11,7 @@
 #include "csv_table.h"
 #include "numbers.h"
 #include "program.h"
+#include "progress.h"
 
 #include <fmt/format.h>
 
@@ -27,6 +28,7 @@ namespace OxVm
 	namespace
 	{
 		constexpr u64 kMaxRegisterBytes = 0xFFFFFFFFu - 64;	// CRegisterStorage adds padding to a 32-bit size
+		constexpr u32 kProgressRows = 4096;		// csv() rows between two progress calls
 
 		std::string Quoted(const SProgram &program, s32 index)
 		{
@@ -126,6 +128,8 @@ namespace OxVm
 						m_Diagnostics.Error(init.m_Where, fmt::format("CSV file '{}' is empty: its first line must name the columns", *file));
 					return;
 				}
+				// The rows are the long part ("set-up: reading data.csv: row 40000/100000").
+				CProgressPhase phase("set-up: reading " + Printable(*file), "row", decl.m_Count);
 				std::vector<SCsvField> fields;
 				std::string scratch;
 				SplitCsvLine(line, fields);
@@ -180,7 +184,8 @@ namespace OxVm
 				const std::size_t wanted = *std::max_element(columns.begin(), columns.end()) + 1;
 				while (rows < decl.m_Count && !m_Diagnostics.Saturated() && reader.NextLine(line))
 				{
-					++rows;
+					if (++rows % kProgressRows == 0)
+						phase.Update(rows, decl.m_Count);
 					const std::size_t cells = SplitCsvLine(line, fields, wanted);
 					const u32 lineNumber = reader.LineNumber();
 					if (cells > header.size() && widerRows++ == 0)
@@ -212,6 +217,7 @@ namespace OxVm
 					}
 					init.m_CsvWords.insert(init.m_CsvWords.end(), words, words + type.m_Components);
 				}
+				phase.Update(rows, decl.m_Count);
 				if (!reader.Error().empty())
 				{
 					readerError();

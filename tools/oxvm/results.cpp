@@ -16,6 +16,7 @@ namespace OxVm
 	namespace
 	{
 		constexpr u32 kShown = 3;	// elements shown at each end
+		constexpr u32 kProgressElements = 1u << 16;	// elements (or rows) between two progress calls
 		const char *const kComponentNames[4] = {"x", "y", "z", "w"};
 
 		std::string Element(const u32 *words, u32 components, EElementKind kind)
@@ -46,12 +47,15 @@ namespace OxVm
 		}
 
 		// min, max, mean of one component; "n/a" when it has no number.
-		std::string ComponentStats(const u32 *words, u32 count, u32 components, u32 component, EElementKind kind)
+		// 'progress' hears each kProgressElements elements gone through, from 'done' of 'total'.
+		std::string ComponentStats(const u32 *words, u32 count, u32 components, u32 component, EElementKind kind, CProgress *progress, u64 done, u64 total)
 		{
 			double lo = std::numeric_limits<double>::infinity(), hi = -lo, sum = 0;
 			u32 numbers = 0, nans = 0, trues = 0;
 			for (u32 i = 0; i < count; ++i)
 			{
+				if (progress != nullptr && i % kProgressElements == kProgressElements - 1)
+					progress->Update(done + i, total);
 				const u32 word = words[std::size_t(i) * components + component];
 				double value = double(s32(word));
 				if (kind == ElementKind_Float)
@@ -117,43 +121,84 @@ namespace OxVm
 		return written;
 	}
 
-	void PrintRegisterStats(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers)
+	void PrintRegisterStats(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, CProgress *progress)
 	{
+		// Counted in elements per component: each component's statistics go through every
+		// element once (the checksum's pass is not counted: it is the fast part).
+		u64 total = 0, done = 0;
+		for (s32 index : registers)
+			total += u64(program.m_Registers[std::size_t(index)].m_Count) * TypeInfo(program.m_Registers[std::size_t(index)].Type()).m_Components;
+		if (progress != nullptr)
+			progress->Begin("summary: statistics", "", total);
 		for (s32 index : registers)
 		{
 			const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
 			const STypeInfo type = TypeInfo(decl.Type());
 			const u32 *words = file.Words(program, index);
 			const u32 count = decl.m_Count;
-			fmt::print(out, "  {}\n", Title(program, index));
+			// A register's lines are made first, then printed at once: the bar leaves the
+			// terminal only for as long as it takes to print them.
+			std::string text = fmt::format("  {}\n", Title(program, index));
 			if (count <= 2 * kShown)
-				fmt::print(out, "    values    {}\n", Elements(words, 0, count, type.m_Components, type.m_Kind));
+				text += fmt::format("    values    {}\n", Elements(words, 0, count, type.m_Components, type.m_Kind));
 			else
 			{
-				fmt::print(out, "    first     {}\n", Elements(words, 0, kShown, type.m_Components, type.m_Kind));
-				fmt::print(out, "    last      {}\n", Elements(words, count - kShown, count, type.m_Components, type.m_Kind));
+				text += fmt::format("    first     {}\n", Elements(words, 0, kShown, type.m_Components, type.m_Kind));
+				text += fmt::format("    last      {}\n", Elements(words, count - kShown, count, type.m_Components, type.m_Kind));
 			}
-			for (u32 c = 0; c < type.m_Components; ++c)
-				fmt::print(out, "    {:<9} {}\n", type.m_Components == 1 ? "stats" : kComponentNames[c], ComponentStats(words, count, type.m_Components, c, type.m_Kind));
-			fmt::print(out, "    checksum  {:016x}\n", Fnv1a(words, std::size_t(count) * type.m_Components));
+			for (u32 c = 0; c < type.m_Components; ++c, done += count)
+				text += fmt::format("    {:<9} {}\n", type.m_Components == 1 ? "stats" : kComponentNames[c],
+									ComponentStats(words, count, type.m_Components, c, type.m_Kind, progress, done, total));
+			text += fmt::format("    checksum  {:016x}\n", Fnv1a(words, std::size_t(count) * type.m_Components));
+			if (progress != nullptr)
+				progress->Clear();
+			std::fputs(text.c_str(), out);
+			if (progress != nullptr)
+				progress->Update(done, total);
 		}
+		if (progress != nullptr)
+			progress->End();
 	}
 
-	void DumpRegisters(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers)
+	void DumpRegisters(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, CProgress *progress)
 	{
+		u64 total = 0, done = 0;
+		for (s32 index : registers)
+			total += program.m_Registers[std::size_t(index)].m_Count;
+		if (progress != nullptr)
+			progress->Begin("summary: dumps", "", total);
 		for (s32 index : registers)
 		{
 			const SRegisterDecl &decl = program.m_Registers[std::size_t(index)];
 			const STypeInfo type = TypeInfo(decl.Type());
 			const u32 *words = file.Words(program, index);
+			if (progress != nullptr)
+				progress->Clear();
 			fmt::print(out, "dump {}\n", Title(program, index));
 			for (u32 i = 0; i < decl.m_Count; ++i)
+			{
+				// Each line goes to stdout, maybe the bar's terminal: the bar leaves it first
+				// (nothing to do unless the bar is drawn there) and is drawn again under the
+				// lines at most ten times a second.
+				if (progress != nullptr)
+					progress->Clear();
 				fmt::print(out, "  [{}] {}\n", i, Element(words + std::size_t(i) * type.m_Components, type.m_Components, type.m_Kind));
+				if (progress != nullptr)
+					progress->Update(++done, total);
+			}
 		}
+		if (progress != nullptr)
+			progress->End();
 	}
 
-	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, bool floatBits)
+	bool WriteCsv(std::FILE *out, const SProgram &program, const CRegisterFile &file, const std::vector<s32> &registers, u32 elements, bool floatBits,
+				  CProgress *progress, std::string_view name)
 	{
+		// Rows to stdout ('--csv -') may share the bar's terminal: the bar leaves it
+		// before each row there, as for dumps.
+		const bool shared = out == stdout;
+		if (progress != nullptr)
+			progress->Begin(fmt::format("summary: writing {}", name), "row", elements);
 		std::string header = "element";
 		for (s32 index : registers)
 		{
@@ -161,6 +206,8 @@ namespace OxVm
 			for (u32 c = 0; c < components; ++c)
 				header += "," + program.RegisterText(index) + (components == 1 ? "" : std::string(".") + kComponentNames[c]);
 		}
+		if (progress != nullptr && shared)
+			progress->Clear();
 		fmt::print(out, "{}\n", header);
 		std::string row;
 		for (u32 i = 0; i < elements; ++i)
@@ -175,7 +222,16 @@ namespace OxVm
 					AppendCsvCell(row, element[c], type.m_Kind, floatBits);
 			}
 			row += "\n";
+			if (progress != nullptr && shared)
+				progress->Clear();
 			std::fputs(row.c_str(), out);
+			if (progress != nullptr && (shared || i % kProgressElements == kProgressElements - 1))
+				progress->Update(u64(i) + 1, elements);
+		}
+		if (progress != nullptr)
+		{
+			progress->Update(elements, elements);
+			progress->End();
 		}
 		return std::ferror(out) == 0;
 	}

@@ -4,8 +4,6 @@
 
 #include <fmt/format.h>
 
-#include <unistd.h>
-
 namespace OxVm
 {
 	namespace
@@ -18,71 +16,6 @@ namespace OxVm
 		}
 	}
 
-	CProgress::CProgress(EProgressMode mode)
-	: m_Enabled(mode == Progress_Always || (mode == Progress_Auto && isatty(STDERR_FILENO) != 0)), m_Always(mode == Progress_Always) {}
-
-	CProgress::~CProgress()
-	{
-		End();
-	}
-
-	void CProgress::Begin(const char *label, bool frames, u64 total)
-	{
-		End();
-		m_Label = label;
-		m_Frames = frames;
-		m_Done = 0;
-		m_Total = total;
-		m_DrawnDone = ~u64(0);
-		m_Start = Clock::now();
-		m_LastDraw = m_Start;
-		m_Drawing = m_Enabled && m_Always;
-		if (m_Drawing)
-			_Draw();
-	}
-
-	void CProgress::Update(u64 done, u64 total)
-	{
-		if (!m_Enabled)
-			return;
-		m_Done = done;
-		m_Total = total;
-		// The bar appears only when the work done so far says the phase takes over a second.
-		if (!m_Drawing)
-		{
-			if (done == 0 || done >= total || Since(m_Start) / double(done) * double(total) <= 1.0)
-				return;
-			m_Drawing = true;
-		}
-		else if (Since(m_LastDraw) <= 0.1 && done < total)
-			return;
-		_Draw();
-	}
-
-	void CProgress::End()
-	{
-		if (!m_Drawing)
-			return;
-		if (m_DrawnDone != m_Done)
-			_Draw();
-		fmt::print(stderr, "\n");
-		std::fflush(stderr);
-		m_Drawing = false;
-	}
-
-	void CProgress::_Draw()
-	{
-		constexpr u64 kWidth = 40;
-		const u64 filled = m_Total != 0 ? m_Done * kWidth / m_Total : 0;
-		const u64 percent = m_Total != 0 ? m_Done * 100 / m_Total : 0;
-		const std::string count = m_Frames ? fmt::format(": frame {}/{}", m_Done, m_Total) : std::string();
-		// \x1b[K clears what a longer line of the previous phase left on the right.
-		fmt::print(stderr, "\r[{:#<{}}{:<{}}] {:3}% {}{}\x1b[K", "", filled, "", kWidth - filled, percent, m_Label, count);
-		std::fflush(stderr);
-		m_LastDraw = Clock::now();
-		m_DrawnDone = m_Done;
-	}
-
 	SRunTiming RunFrames(const std::vector<u8> &bytecode, CRegisterFile &file, const SRunOptions &options)
 	{
 		SRunTiming timing;
@@ -91,7 +24,7 @@ namespace OxVm
 		SCompilerCPUDebugCtx debugCtx;
 		const CBytecodeExecContext context(&program, bindings, file.Storage().Registers(), debugCtx);
 		if (options.m_Progress != nullptr)
-			options.m_Progress->Begin("run", true, options.m_Frames);
+			options.m_Progress->Begin(options.m_Phase, "frame", options.m_Frames);
 		const Clock::time_point start = Clock::now();
 		for (u32 frame = 0; frame < options.m_Frames; ++frame)
 		{

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "diagnostics.h"
+#include "progress.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 namespace OxVm
 {
@@ -31,6 +33,9 @@ namespace OxVm
 		if (regular && !tooLarge)
 			bytes.reserve(std::size_t(info.st_size));
 		char chunk[1 << 16];
+		// A phase of the running command's bar ('oxvm run': "set-up: reading prog.oxs"),
+		// in bytes when the size is known; ended before the caller prints any error.
+		std::optional<CProgressPhase> phase(std::in_place, "set-up: reading " + Printable(InputName(path)), "", regular ? u64(info.st_size) : 0);
 		while (!tooLarge)
 		{
 			const std::size_t got = std::fread(chunk, 1, sizeof(chunk), file);
@@ -42,11 +47,13 @@ namespace OxVm
 				break;
 			}
 			bytes.append(chunk, got);
+			phase->Update(bytes.size(), regular ? u64(info.st_size) : 0);
 			if (!regular && judge && bytes.size() == sizeof(chunk) && !(error = judge(bytes)).empty())
 				break;
 		}
 		const bool failed = std::ferror(file) != 0;
 		const int readErrno = errno;
+		phase.reset();
 		if (!standardInput)
 			std::fclose(file);
 		const bool judged = !error.empty();

@@ -2,6 +2,7 @@
 
 #include "cbvm_verifier.h"
 #include "program_terms.h"
+#include "progress.h"
 #include "runner.h"
 
 #include <fmt/format.h>
@@ -62,7 +63,14 @@ namespace OxVm
 	bool VerifyForRun(const SProgram &program, const std::vector<u8> &bytecode, const CRegisterStorage &registers, bool standardPathRuns)
 	{
 		CBVM::SVerifyProblem problems[kShown];
-		const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(bytecode.data(), u32(bytecode.size()), registers, problems, kShown, CBVM::VerifyFlag_AllowReportedForms);
+		CBVM::SVerifyResult result;
+		{
+			// One call of the VM's verifier: the bar can only say it started and ended (and
+			// how long it took), and it ends before any finding is printed.
+			const CProgressPhase phase("set-up: verifying", "", 1);
+			result = CBVM::CVerifier::Verify(bytecode.data(), u32(bytecode.size()), registers, problems, kShown, CBVM::VerifyFlag_AllowReportedForms);
+			phase.Update(1, 1);
+		}
 		const std::vector<u32> offsets = InstructionOffsets(bytecode);
 		const CProgramTerms terms(program, offsets);
 		u32 shown = 0;
