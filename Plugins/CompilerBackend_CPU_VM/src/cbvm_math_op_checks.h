@@ -139,11 +139,15 @@ namespace Orvex
 		// while a register-size check reports, the register and its sizes.
 		struct SInstructionReport
 		{
-			const CCBCPUMetaRegisters *m_Registers = nullptr;
+			// The register's fields are read only while m_Operand is set, and written just
+			// before: left unset here, they cost a Low path instruction nothing.
+			explicit SInstructionReport(const CCBCPUMetaRegisters *registers) : m_Registers(registers) {}
+
+			const CCBCPUMetaRegisters *m_Registers;
 			const char *m_Operand = nullptr;	// set while a register-size check reports
-			u32 m_RegisterBits = 0;
-			u64 m_Size = 0;
-			u64 m_Needed = 0;
+			u32 m_RegisterBits;
+			u64 m_Size;
+			u64 m_Needed;
 		};
 		// "instruction at offset 24, source 0 stream.1:float3 holds 64 bytes, needs 12000"
 		// (an Assert::FnDescribe; cbvm_math_op_report_context.cpp).
@@ -164,36 +168,56 @@ namespace Orvex
 			static constexpr bool kAccessorsReport = true;
 			static constexpr bool kResolvesRegisters = true;
 
-			// Every report made while the policy lives (the accessors' and the kernels' too)
-			// names the instruction at the registers' instruction pointer.
-			explicit TReportPolicy(const CCBCPUMetaRegisters &registers) : m_Report{&registers}, m_Context(&DescribeInstruction, &m_Report) {}
+			// The policy's reports name the instruction at the registers' instruction pointer;
+			// the context that says so is set only for a report, so that the Low path, which
+			// reports through this policy on every instruction, pays nothing for it.
+			explicit TReportPolicy(const CCBCPUMetaRegisters &registers) : m_Report(&registers) {}
+
+			// A context naming the instruction for every report made while it lives, the
+			// accessors' and the kernels' too: for a caller that is cold already (the
+			// standard path's checked entry).
+			Assert::CReportContext InstructionContext() const { return Assert::CReportContext(&DescribeInstruction, &m_Report); }
 
 			// 'holds' is evaluated only while the site is not silenced, as OX_ASSERT does.
 			template <typename _Check, typename _FnHolds>
 			bool Check(const _FnHolds &holds)
 			{
-				static Assert::CSiteFlag s_Site;
-				if (s_Site.Ignored() || holds())
-					return true;
-				Assert::_Conclude(s_Site, Assert::EvalAssert(__FILE__, OX_FUNCTION, __LINE__, _Check::kText[_Path], _Check::kText[_Path], _Check::kText[_Path]));
-				return false;
+				return _Checked<_Check>(holds, [] {});
 			}
 
+			// The register's fields are written only for a report: the Low path checks every
+			// instruction's sizes, and these stores, to an object a report reads, would cost
+			// it more than the check.
 			template <typename _Check, typename _FnHolds>
 			bool CheckSize(const _FnHolds &holds, u32 registerBits, u64 size, u64 needed)
 			{
-				m_Report.m_Operand = _Check::kOperand;
-				m_Report.m_RegisterBits = registerBits;
-				m_Report.m_Size = size;
-				m_Report.m_Needed = needed;
-				const bool ok = Check<_Check>(holds);
-				m_Report.m_Operand = nullptr;
-				return ok;
+				return _Checked<_Check>(holds, [&] {
+					m_Report.m_Operand = _Check::kOperand;
+					m_Report.m_RegisterBits = registerBits;
+					m_Report.m_Size = size;
+					m_Report.m_Needed = needed;
+				});
 			}
 
 		private:
+			// One site per check and call (the lambdas' types differ): 'beforeReport' fills
+			// what the report says of the instruction.
+			template <typename _Check, typename _FnHolds, typename _FnBeforeReport>
+			bool _Checked(const _FnHolds &holds, const _FnBeforeReport &beforeReport)
+			{
+				static Assert::CSiteFlag s_Site;
+				if (s_Site.Ignored() || holds())
+					return true;
+				beforeReport();
+				{
+					const Assert::CReportContext context(&DescribeInstruction, &m_Report);
+					Assert::_Conclude(s_Site, Assert::EvalAssert(__FILE__, OX_FUNCTION, __LINE__, _Check::kText[_Path], _Check::kText[_Path], _Check::kText[_Path]));
+				}
+				m_Report.m_Operand = nullptr;
+				return false;
+			}
+
 			SInstructionReport m_Report;
-			Assert::CReportContext m_Context;
 		};
 
 		struct SProbePolicy

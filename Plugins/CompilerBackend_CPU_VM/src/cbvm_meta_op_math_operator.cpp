@@ -52,6 +52,7 @@ namespace Orvex
 		__attribute__((noinline, cold)) void _ExecChecked(const CCBCPUMetaRegisters &registers, const u8 *bytecode, u32 wb, SOp_MathOp::EOp op) noexcept
 		{
 			MathOp::TReportPolicy<MathOp::Path_Standard> report(registers);
+			const Assert::CReportContext context = report.InstructionContext();
 			SResolvedMathOp checked;
 			MathOp::ResolveOperands<MathOp::Path_Standard>(report, registers, bytecode, wb, op, checked);
 			_Dispatch(op, checked);

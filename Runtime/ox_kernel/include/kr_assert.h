@@ -65,11 +65,24 @@ namespace Orvex
 		// one for the instruction they check.
 		using FnDescribe = u32 (*)(const void *state, char *text, u32 capacity);
 
+		class CReportContext;
+		namespace Detail
+		{
+			// The thread's innermost context (inline: a context is set for every instruction
+			// the Low path runs, where two calls would cost more than the instruction).
+			// (Defined here with its constant initialiser: an extern one would be reached
+			// through the thread-local initialisation check, a call.)
+			inline thread_local const CReportContext *t_ReportContext = nullptr;
+		}
+
 		class CReportContext
 		{
 		public:
-			CReportContext(FnDescribe describe, const void *state) noexcept;
-			~CReportContext();
+			CReportContext(FnDescribe describe, const void *state) noexcept : m_Describe(describe), m_State(state), m_Outer(Detail::t_ReportContext)
+			{
+				Detail::t_ReportContext = this;
+			}
+			~CReportContext() { Detail::t_ReportContext = m_Outer; }
 			CReportContext(const CReportContext &) = delete;
 			CReportContext &operator=(const CReportContext &) = delete;
 

@@ -13,7 +13,6 @@ namespace Orvex
 		{
 			std::atomic<FnHandler> g_Handler{nullptr};
 			std::atomic<u64> g_ReportCount{0};
-			thread_local const CReportContext *t_Context = nullptr;
 
 			int _Report(const char *file, const char *function, int line, const char *expr, const char *message)
 			{
@@ -41,22 +40,12 @@ namespace Orvex
 			return Answer_Ignore;
 		}
 
-		CReportContext::CReportContext(FnDescribe describe, const void *state) noexcept : m_Describe(describe), m_State(state), m_Outer(t_Context)
-		{
-			t_Context = this;
-		}
-
-		CReportContext::~CReportContext()
-		{
-			t_Context = m_Outer;
-		}
-
 		u32 CReportContext::Describe(char *text, u32 capacity)
 		{
 			if (capacity == 0)
 				return 0;
 			text[0] = '\0';
-			const CReportContext *context = t_Context;
+			const CReportContext *context = Detail::t_ReportContext;
 			if (context == nullptr || context->m_Describe == nullptr)
 				return 0;
 			const u32 length = context->m_Describe(context->m_State, text, capacity);
