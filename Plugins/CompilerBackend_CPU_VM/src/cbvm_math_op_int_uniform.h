@@ -95,7 +95,7 @@ namespace Orvex
 
 		// A divisor's multiplier, shift and dividend correction (SMagicDivisor), computed once
 		// per divisor: a prepared call keeps them for a whole run (cbvm_prepared_call.h).
-		static inline SMagicDivisor _MagicDivisorOf(s32 divisor)
+		static inline OX_ALWAYS_INLINE SMagicDivisor _MagicDivisorOf(s32 divisor)
 		{
 			// +-1 have no multiplier; the sign trick handles them before we get here.
 			const IntegerTools::SMulDivisor md = IntegerTools::ComputeMul32Divisor(divisor);
