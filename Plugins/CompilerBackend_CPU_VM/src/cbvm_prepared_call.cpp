@@ -47,6 +47,10 @@ namespace Orvex
 			constexpr const void *(*kBroadcasts[])(const void *, void *) = {&TBroadcaster<1>::Broadcast12, &TBroadcaster<2>::Broadcast12, &TBroadcaster<3>::Broadcast12,
 																			 &TBroadcaster<4>::Broadcast12};
 
+			// An integer call's constant sources (EIntShape bits), which a run lays out as blocks.
+			bool _Constant0(const SPreparedCall &call) { return (call.m_Shape & IntShape_Stream0) == 0; }
+			bool _Constant1(const SPreparedCall &call) { return (call.m_Shape & (IntShape_Source1 | IntShape_Stream1)) == IntShape_Source1; }
+
 			SPreparedOperand _Operand(void *data, u32 stride) { return {static_cast<u8 *>(data), stride, SPreparedOperand::kNotScratch}; }
 		}
 
@@ -107,8 +111,8 @@ namespace Orvex
 				}
 				if (call.m_Int == nullptr)
 					continue;
-				const bool constant0 = (call.m_Shape & IntShape_Stream0) == 0;
-				const bool constant1 = (call.m_Shape & (IntShape_Source1 | IntShape_Stream1)) == IntShape_Source1;
+				const bool constant0 = _Constant0(call);
+				const bool constant1 = _Constant1(call);
 				if (constant0)
 					kBroadcasts[call.m_Components - 1](call.m_Src0.m_Base, setup.m_Blocks[0]);
 				if (constant1)
@@ -138,9 +142,9 @@ namespace Orvex
 					call.m_Float = nullptr;	// Run takes m_FloatMod
 					continue;
 				}
-				if ((call.m_Shape & IntShape_Stream0) == 0)
+				if (_Constant0(call))
 					call.m_Src0.m_Base = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[0]));
-				if ((call.m_Shape & (IntShape_Source1 | IntShape_Stream1)) == IntShape_Source1)
+				if (_Constant1(call))
 					call.m_Src1.m_Base = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[1]));
 				call.m_Int = (setup.m_Route.m_Run != nullptr ? kRoutedCalls : kBlockCalls)[call.m_Components - 1];
 			}
