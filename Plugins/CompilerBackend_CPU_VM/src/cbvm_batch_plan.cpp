@@ -539,19 +539,26 @@ namespace Orvex
 				}
 				if (!ins.m_PerElement)
 					continue;
-				// In a batch, a scratch operand lives in the running thread's area.
+				// In a batch, a scratch operand lives in the running thread's area: until a
+				// thread binds the call, its base is the offset there.
 				MathOp::SPreparedCall batch = call;
-				for (MathOp::SPreparedOperand *operand : {&batch.m_Dst, &batch.m_Src0, &batch.m_Src1})
-					if (operand->m_Step != 0)
-						if (const SScratchOf::SScratch *placed = scratchOf.Placed(operand->m_Base))
-							operand->m_Scratch = placed->m_Offset;
+				for (u32 i = 0; i < 3; ++i)
+					if (batch.m_Step[i] != 0)
+					{
+						if (const SScratchOf::SScratch *placed = scratchOf.Placed(batch.m_Base[i]))
+						{
+							batch.m_Base[i] = reinterpret_cast<u8 *>(std::uintptr_t(placed->m_Offset));
+							batch.m_Flags |= u8(MathOp::SPreparedCall::Flag_ScratchDst << i);
+							prepared->m_Scratch = true;
+						}
+						else if (streams.insert(batch.m_Base[i]).second)
+							prepared->m_Streams.push_back({batch.m_Base[i], batch.m_Step[i]});
+					}
+				prepared->m_Setups += MathOp::CPreparedCalls::HasSetup(batch) ? 1u : 0u;
 				prepared->m_Batch.push_back(batch);
-				for (const MathOp::SPreparedOperand *operand : {&batch.m_Dst, &batch.m_Src0, &batch.m_Src1})
-					if (operand->m_Step != 0 && operand->m_Scratch == kNotScratch && streams.insert(operand->m_Base).second)
-						prepared->m_Streams.push_back(*operand);
 			}
 			u64 streamBytes = 0;
-			for (const MathOp::SPreparedOperand &stream : prepared->m_Streams)
+			for (const SPreparedProgram::SStream &stream : prepared->m_Streams)
 				streamBytes += u64(stream.m_Step) * m_Stream;
 			prepared->m_Prefetch = streamBytes > kPrefetchFromBytes;
 			std::snprintf(m_PreparedReason, sizeof(m_PreparedReason), "prepared: %u direct calls%s, %s kernels%s", u32(m_Batched ? prepared->m_Batch.size() : prepared->m_Whole.size()), m_Batched ? " a batch" : "", prepared->m_Set->m_Name,

@@ -59,25 +59,29 @@ namespace Orvex
 			thread_local u64 t_BoundRun = 0;
 			thread_local const u8 *t_BoundArea = nullptr;
 
-			// The integer calls' set-up of the runs this thread starts (CPreparedCalls::Refresh).
-			class CRunSetups
+			// What the runs this thread starts prepare for their batches: the calls' set-up
+			// (CPreparedCalls::Refresh) and, for a program without scratch operands, the one
+			// bound copy of its calls that every thread runs. Grown when a run needs more.
+			template <typename _Type>
+			class TRunBuffer
 			{
 			public:
-				MathOp::SCallSetup *Reserve(std::size_t calls)
+				_Type *Reserve(std::size_t count)
 				{
-					if (calls > m_Size)
+					if (count > m_Size)
 					{
-						m_Setups.reset(new MathOp::SCallSetup[calls]);
-						m_Size = calls;
+						m_Items.reset(new _Type[count]);
+						m_Size = count;
 					}
-					return m_Setups.get();
+					return m_Items.get();
 				}
 
 			private:
-				std::unique_ptr<MathOp::SCallSetup[]> m_Setups;
+				std::unique_ptr<_Type[]> m_Items;
 				std::size_t m_Size = 0;
 			};
-			thread_local CRunSetups t_Setups;
+			thread_local TRunBuffer<MathOp::SCallSetup> t_Setups;
+			thread_local TRunBuffer<MathOp::SPreparedCall> t_SharedCalls;
 
 			// One bit per batch of the run the calling thread starts: which batches the
 			// parallel-for ran. Kept apart from the workspace, which the caller's own
@@ -150,6 +154,7 @@ namespace Orvex
 				EExecPath m_Path;
 				const SPreparedProgram *m_Prepared;	// null: through the entry points
 				const MathOp::SCallSetup *m_Setups;	// the prepared calls' set-up for this run
+				const MathOp::SPreparedCall *m_Shared;	// the calls bound for every thread, or null (scratch operands: each binds its own)
 				u64 m_Number;						// this run's (g_RunNumbers)
 				std::thread::id m_Caller;
 				std::atomic<u32> m_Hazards[Profiler::CHazards::__MaxHazards];	// counted on other threads
@@ -213,23 +218,27 @@ namespace Orvex
 			}
 
 			// This thread's workspace: the scratch area, then the batch's register table (entry
-			// points) or its copy of the calls bound to its scratch area (prepared).
+			// points) or, when the program has scratch operands, its copy of the calls bound
+			// to its scratch area (prepared). A program without any runs the caller's one
+			// bound copy: threads x calls would be gigabytes for a long program on a big machine.
 			const SPreparedProgram *prepared = run.m_Prepared;
 			const u32 calls = prepared != nullptr ? u32(prepared->m_Batch.size()) : 0u;
 			const u32 entries = prepared != nullptr ? 0u : u32(plan.m_Entries.size());
-			u8 *area = t_Workspace.Reserve(std::size_t(plan.m_ScratchBytes) + std::size_t(entries) * sizeof(SRegister) + std::size_t(calls) * sizeof(MathOp::SPreparedCall));
+			const u32 ownCalls = run.m_Shared == nullptr ? calls : 0u;
+			u8 *area = t_Workspace.Reserve(std::size_t(plan.m_ScratchBytes) + std::size_t(entries) * sizeof(SRegister) + std::size_t(ownCalls) * sizeof(MathOp::SPreparedCall));
 			u8 *scratch = area;
 			SRegister *table = reinterpret_cast<SRegister *>(area + plan.m_ScratchBytes);
-			MathOp::SPreparedCall *bound = reinterpret_cast<MathOp::SPreparedCall *>(area + plan.m_ScratchBytes);
+			MathOp::SPreparedCall *own = reinterpret_cast<MathOp::SPreparedCall *>(area + plan.m_ScratchBytes);
 			static_assert(CBatchPlan::kScratchAlign % alignof(MathOp::SPreparedCall) == 0 && CBatchPlan::kScratchAlign % alignof(SRegister) == 0, "the tables follow the aligned scratch area");
-			if (prepared != nullptr && (t_BoundRun != run.m_Number || t_BoundArea != area))
+			if (ownCalls != 0 && (t_BoundRun != run.m_Number || t_BoundArea != area))
 			{
-				MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, scratch, run.m_Setups, bound);
+				MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, scratch, run.m_Setups, own);
 				t_BoundRun = run.m_Number;
 				t_BoundArea = area;
 			}
 			else if (prepared == nullptr)
 				t_BoundRun = 0;	// the batches' tables overwrite whatever calls were bound here
+			const MathOp::SPreparedCall *bound = run.m_Shared != nullptr ? run.m_Shared : own;
 
 			const CCBCPUMetaRegisters &whole = run.m_Context->m_Registers;
 			CCBCPUMetaRegisters registers = whole;
@@ -333,12 +342,19 @@ namespace Orvex
 			}
 			RunCode(context, plan.m_Hoisted, plan.m_HoistedOffsets, path);
 			MathOp::SCallSetup *setups = nullptr;
+			MathOp::SPreparedCall *shared = nullptr;
 			if (prepared != nullptr)
 			{
-				setups = t_Setups.Reserve(prepared->m_Batch.size());
-				MathOp::CPreparedCalls::Refresh(prepared->m_Batch.data(), u32(prepared->m_Batch.size()), setups);
+				const u32 calls = u32(prepared->m_Batch.size());
+				setups = t_Setups.Reserve(prepared->m_Setups);
+				MathOp::CPreparedCalls::Refresh(prepared->m_Batch.data(), calls, setups);
+				if (!prepared->m_Scratch)
+				{
+					shared = t_SharedCalls.Reserve(calls);
+					MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, nullptr, setups, shared);
+				}
 			}
-			SBatches run{&plan, &context, path, prepared, setups, g_RunNumbers.fetch_add(1, std::memory_order_relaxed) + 1, std::this_thread::get_id(), {}, t_Marks.Clear(plan.m_BatchCount)};
+			SBatches run{&plan, &context, path, prepared, setups, shared, g_RunNumbers.fetch_add(1, std::memory_order_relaxed) + 1, std::this_thread::get_id(), {}, t_Marks.Clear(plan.m_BatchCount)};
 			if (parallel.m_For != nullptr)
 				parallel.m_For(parallel.m_Host, plan.m_BatchCount, &CBatchRunnerAccess::RunBatches, &run);
 			else

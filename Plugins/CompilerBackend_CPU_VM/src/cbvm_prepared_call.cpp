@@ -6,6 +6,8 @@
 #include "cbvm_math_op_int_selector.h"
 #include "cbvm_stream_copier.h"
 
+#include <algorithm>
+
 namespace Orvex
 {
 	namespace MathOp
@@ -17,7 +19,7 @@ namespace Orvex
 			template <int _Dimension>
 			void _RunInt(const SPreparedCall &call, void *dst, u32 count, const void *src0, const void *src1)
 			{
-				_ExecIntBlocks<_Dimension>(call.m_Op, dst, count, src0, call.m_Stride0, src1, call.m_Stride1, *call.m_Set);
+				_ExecIntBlocks<_Dimension>(call.Op(), dst, count, src0, call.m_Stride[1], src1, call.m_Stride[2], *call.m_Aux.m_Set);
 			}
 
 			// A batched call whose constants are blocks already (Refresh), without a route.
@@ -26,8 +28,8 @@ namespace Orvex
 			{
 				s32 *d = static_cast<s32 *>(dst);
 				const std::size_t ints = std::size_t(count) * _Dimension;
-				IntKernelFor(*call.m_Set, ints)(call.m_Op, d, d + ints, static_cast<const s32 *>(src0), call.m_Stride0 != 0 ? 48u : 0u, static_cast<const s32 *>(src1),
-												call.m_Stride1 != 0 ? 48u : 0u);
+				IntKernelFor(*call.m_Aux.m_Setup->m_Set, ints)(call.Op(), d, d + ints, static_cast<const s32 *>(src0), call.m_Stride[1] != 0 ? 48u : 0u, static_cast<const s32 *>(src1),
+															   call.m_Stride[2] != 0 ? 48u : 0u);
 			}
 
 			// A batched call on its route.
@@ -35,7 +37,7 @@ namespace Orvex
 			void _RunRouted(const SPreparedCall &call, void *dst, u32 count, const void *src0, const void *src1)
 			{
 				s32 *d = static_cast<s32 *>(dst);
-				call.m_Setup->m_Route.m_Run(call.m_Setup->m_Route, d, d + std::size_t(count) * _Dimension, static_cast<const s32 *>(src0), static_cast<const s32 *>(src1));
+				call.m_Aux.m_Setup->m_Route.m_Run(call.m_Aux.m_Setup->m_Route, d, d + std::size_t(count) * _Dimension, static_cast<const s32 *>(src0), static_cast<const s32 *>(src1));
 			}
 
 			constexpr FnPreparedInt kIntCalls[] = {&_RunInt<1>, &_RunInt<2>, &_RunInt<3>, &_RunInt<4>};
@@ -50,44 +52,48 @@ namespace Orvex
 			// An integer call's constant sources (EIntShape bits), which a run lays out as blocks.
 			bool _Constant0(const SPreparedCall &call) { return (call.m_Shape & IntShape_Stream0) == 0; }
 			bool _Constant1(const SPreparedCall &call) { return (call.m_Shape & (IntShape_Source1 | IntShape_Stream1)) == IntShape_Source1; }
-
-			SPreparedOperand _Operand(void *data, u32 stride) { return {static_cast<u8 *>(data), stride, SPreparedOperand::kNotScratch}; }
 		}
 
 		SPreparedCall CPreparedCalls::Prepare(const u8 *bytecode, u32 offset, const CCBCPUMetaRegisters &registers, const SKernelSet &set)
 		{
 			SPreparedCall call;
 			call.m_Offset = offset;
-			call.m_Bytecode = bytecode;
-			call.m_Node = &EntryProfilerNode(bytecode[0]);
-			const CBVM::SMathOpInstruction ins = CBVM::ReadMathOp(bytecode, offset);
-			call.m_Op = ins.m_Op;
+			call.m_Opcode = bytecode[0];
 			// One-element instructions, and (defensively: the caller verified) any that does
 			// not pass the entry point's checks, call the entry point.
-			call.m_Entry = CBVM::CInterpreter::Entry(CBVM::ExecPath_Standard, bytecode[0]).m_Exec;
+			call.m_Kernel.m_Entry = CBVM::CInterpreter::Entry(CBVM::ExecPath_Standard, bytecode[0]).m_Exec;
+			call.m_Aux.m_Bytecode = bytecode;
+			const CBVM::SMathOpInstruction ins = CBVM::ReadMathOp(bytecode, offset);
+			const Compiler::IR::SOp_MathOp::EOp op = ins.m_Op;
 			SProbePolicy probe;
 			SResolvedMathOp r = {};
-			if (!CVMRegID::PerElementOf(ins.Dst()) || !ResolveOperands<Path_Standard>(probe, registers, bytecode, RegisterBlockOffset(bytecode[0]), call.m_Op, r))
+			// Strides are element sizes (at most 16 bytes) or 0; the bound keeps a byte each honest.
+			if (!CVMRegID::PerElementOf(ins.Dst()) || !ResolveOperands<Path_Standard>(probe, registers, bytecode, RegisterBlockOffset(bytecode[0]), op, r) ||
+				std::max({r.m_Stride, r.m_Stride0, r.m_Stride1}) > 0xFFu)
 				return call;
-			call.m_Stride = r.m_Stride;
-			call.m_Stride0 = r.m_Stride0;
-			call.m_Stride1 = r.m_Stride1;
+			call.m_Op = u8(op);
 			// A batch moves a stream operand by whole elements; a one-value one stays.
-			call.m_Dst = _Operand(r.m_EvalInto, r.m_Stride);
-			call.m_Src0 = _Operand(const_cast<void *>(r.m_Data0), r.m_Stride0);
-			call.m_Src1 = _Operand(const_cast<void *>(r.m_Data1), r.m_Stride1);
+			const u32 strides[3] = {r.m_Stride, r.m_Stride0, r.m_Stride1};
+			const void *bases[3] = {r.m_EvalInto, r.m_Data0, r.m_Data1};
+			for (u32 i = 0; i < 3; ++i)
+			{
+				call.m_Base[i] = static_cast<u8 *>(const_cast<void *>(bases[i]));
+				call.m_Stride[i] = call.m_Step[i] = u8(strides[i]);
+			}
 			const SBaseTypeInfo &type = BaseTypeInfo(r.m_SrcType0);
 			call.m_Components = u8(type.m_Components);
+			call.m_Aux.m_Set = &set;
 			if (type.m_Kind == ElementKind_Float)
 			{
-				call.m_Float = set.m_Float[u32(call.m_Op) * 4 + (type.m_Components - 1)];
-				if (call.m_Op == Compiler::IR::SOp_MathOp::Op_Mod && r.m_Stride0 != 0 && r.m_Stride1 == 0)
-					call.m_FloatMod = set.m_FloatModByConstant[type.m_Components - 1];
+				call.m_Kind = PreparedKind_Float;
+				call.m_Kernel.m_Float = set.m_Float[u32(op) * 4 + (type.m_Components - 1)];
+				if (op == Compiler::IR::SOp_MathOp::Op_Mod && r.m_Stride0 != 0 && r.m_Stride1 == 0 && set.m_FloatModByConstant[type.m_Components - 1] != nullptr)
+					call.m_Flags |= SPreparedCall::Flag_ModByConstant;
 			}
 			else
 			{
-				call.m_Int = kIntCalls[type.m_Components - 1];
-				call.m_Set = &set;
+				call.m_Kind = PreparedKind_Int;
+				call.m_Kernel.m_Int = kIntCalls[type.m_Components - 1];
 				call.m_Shape = u8((r.m_Stride0 != 0 ? IntShape_Stream0 : 0u) | (r.m_Data1 != nullptr ? IntShape_Source1 : 0u) | (r.m_Stride1 != 0 ? IntShape_Stream1 : 0u));
 			}
 			return call;
@@ -98,26 +104,28 @@ namespace Orvex
 			for (u32 c = 0; c < count; ++c)
 			{
 				const SPreparedCall &call = calls[c];
-				SCallSetup &setup = setups[c];
-				if (call.m_FloatMod != nullptr)
+				if (!HasSetup(call))
+					continue;
+				SCallSetup &setup = *setups++;
+				setup.m_Set = call.m_Aux.m_Set;
+				if (call.m_Kind == PreparedKind_Float)
 				{
 					// The reciprocal as Mod divides it, float by float (IEEE division: the same
 					// bits at any width).
-					kBroadcasts[call.m_Components - 1](call.m_Src1.m_Base, setup.m_Blocks[1]);
+					kBroadcasts[call.m_Components - 1](call.m_Base[2], setup.m_Blocks[1]);
 					const float *divisor = reinterpret_cast<const float *>(setup.m_Blocks[1]);
 					for (u32 f = 0; f < 12; ++f)
 						setup.m_Reciprocal[f] = 1.0f / divisor[f];
 					continue;
 				}
-				if (call.m_Int == nullptr)
-					continue;
 				const bool constant0 = _Constant0(call);
 				const bool constant1 = _Constant1(call);
 				if (constant0)
-					kBroadcasts[call.m_Components - 1](call.m_Src0.m_Base, setup.m_Blocks[0]);
+					kBroadcasts[call.m_Components - 1](call.m_Base[1], setup.m_Blocks[0]);
 				if (constant1)
-					kBroadcasts[call.m_Components - 1](call.m_Src1.m_Base, setup.m_Blocks[1]);
-				setup.m_Route = call.m_Set->m_IntRoute != nullptr ? call.m_Set->m_IntRoute(call.m_Op, call.m_Shape, constant1 ? setup.m_Blocks[1] : nullptr) : SIntRoute();
+					kBroadcasts[call.m_Components - 1](call.m_Base[2], setup.m_Blocks[1]);
+				const SKernelSet &set = *call.m_Aux.m_Set;
+				setup.m_Route = set.m_IntRoute != nullptr ? set.m_IntRoute(call.Op(), call.m_Shape, constant1 ? setup.m_Blocks[1] : nullptr) : SIntRoute();
 			}
 		}
 
@@ -127,26 +135,29 @@ namespace Orvex
 			{
 				SPreparedCall &call = bound[c];
 				call = calls[c];
-				for (SPreparedOperand *operand : {&call.m_Dst, &call.m_Src0, &call.m_Src1})
-					if (operand->m_Scratch != SPreparedOperand::kNotScratch)
+				for (u32 i = 0; i < 3; ++i)
+					if ((call.m_Flags & (SPreparedCall::Flag_ScratchDst << i)) != 0)
 					{
-						operand->m_Base = scratch + operand->m_Scratch;
-						operand->m_Step = 0;
+						// Until now m_Base held the offset in the area (CBatchPlan::_Prepare).
+						call.m_Base[i] = scratch + reinterpret_cast<std::uintptr_t>(call.m_Base[i]);
+						call.m_Step[i] = 0;
 					}
-				if (setups == nullptr || (call.m_Int == nullptr && call.m_FloatMod == nullptr))
+				if (setups == nullptr || !HasSetup(call))
 					continue;
-				const SCallSetup &setup = setups[c];
-				call.m_Setup = &setup;
-				if (call.m_FloatMod != nullptr)
+				const SCallSetup &setup = *setups++;
+				if (call.m_Kind == PreparedKind_Float)
 				{
-					call.m_Float = nullptr;	// Run takes m_FloatMod
+					call.m_Kind = PreparedKind_FloatMod;
+					call.m_Kernel.m_FloatMod = call.m_Aux.m_Set->m_FloatModByConstant[call.m_Components - 1];
+					call.m_Aux.m_Setup = &setup;
 					continue;
 				}
+				call.m_Aux.m_Setup = &setup;
 				if (_Constant0(call))
-					call.m_Src0.m_Base = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[0]));
+					call.m_Base[1] = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[0]));
 				if (_Constant1(call))
-					call.m_Src1.m_Base = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[1]));
-				call.m_Int = (setup.m_Route.m_Run != nullptr ? kRoutedCalls : kBlockCalls)[call.m_Components - 1];
+					call.m_Base[2] = const_cast<u8 *>(reinterpret_cast<const u8 *>(setup.m_Blocks[1]));
+				call.m_Kernel.m_Int = (setup.m_Route.m_Run != nullptr ? kRoutedCalls : kBlockCalls)[call.m_Components - 1];
 			}
 		}
 	}

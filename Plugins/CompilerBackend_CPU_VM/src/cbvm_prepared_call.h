@@ -42,58 +42,76 @@ namespace Orvex
 {
 	namespace MathOp
 	{
-		// Where an operand of a call lies for elements [first, ...): a base moved by
-		// first x m_Step bytes (m_Step 0: a one-value operand, or none; m_Base null: none).
-		// A scratch register's is an offset in the running thread's scratch area until the
-		// thread binds its copy of the calls to its area (the area holds one batch: a
-		// bound scratch operand does not move).
-		struct SPreparedOperand
-		{
-			static constexpr u32 kNotScratch = ~0u;
-
-			u8 *m_Base = nullptr;
-			u32 m_Step = 0;
-			u32 m_Scratch = kNotScratch;
-
-			// Once bound (CPreparedCalls::Bind): no test per call.
-			OX_ALWAYS_INLINE u8 *At(u32 first) const { return m_Base + std::size_t(first) * m_Step; }
-		};
-
 		// The profiler node of the entry point of 'opcode' (113..117), which the entry
 		// point records and a prepared call standing for it records too.
 		const Profiler::SNodeDescriptor &EntryProfilerNode(u8 opcode);
 
-		// A call's set-up for one batched run (CPreparedCalls::Refresh).
+		// A call's set-up for one batched run (CPreparedCalls::Refresh): only the calls that
+		// have one (integer calls, float modulos by a constant on a wide set) get one, in
+		// call order.
 		struct SCallSetup
 		{
 			alignas(16) s32 m_Blocks[2][12];	// each constant source over 12 words (Broadcast12)
-			SIntRoute m_Route;				// an integer call: the set's routed kernel, or none
 			alignas(16) float m_Reciprocal[12];	// a float modulo by a constant: 1 / m_Blocks[1], per float
+			SIntRoute m_Route;				// an integer call: the set's routed kernel, or none
+			const SKernelSet *m_Set = nullptr;	// an integer call's set (its block kernel)
 		};
 
 		struct SPreparedCall;
 		// An integer call (one per component count): constants as blocks, then the block kernel.
 		using FnPreparedInt = void (*)(const SPreparedCall &call, void *dst, u32 count, const void *src0, const void *src1);
 
-		struct SPreparedCall
+		// What a call runs, which says which member of SPreparedCall::m_Kernel and m_Aux it uses.
+		enum EPreparedKind : u8
 		{
-			FnOp2Stream m_Float = nullptr;		// a float kernel, or null
-			FnPreparedInt m_Int = nullptr;		// an integer call, or null
-			// A float modulo by a constant on a wide set: its kernel with the divisor's
-			// reciprocal made once per run. A bound batched call runs it instead of m_Float.
-			FnFloatModByConstant m_FloatMod = nullptr;
-			const SKernelSet *m_Set = nullptr;	// an integer call's kernel set
-			const SCallSetup *m_Setup = nullptr;	// its set-up for the run (bound batched calls)
-			u8 m_Components = 0;				// an integer call's N, and a float modulo's
-			u8 m_Shape = 0;						// an integer call's EIntShape bits
-			CBVM::FnExecBytecode m_Entry = nullptr;	// a one-element instruction: its entry point
-			const u8 *m_Bytecode = nullptr;		// ... and its bytes (in the plan's copy)
-			const Profiler::SNodeDescriptor *m_Node = nullptr;	// its entry point's profiler node
-			u32 m_Offset = 0;					// the instruction's offset in the program
-			Compiler::IR::SOp_MathOp::EOp m_Op = Compiler::IR::SOp_MathOp::Op_Add;
-			u32 m_Stride = 0, m_Stride0 = 0, m_Stride1 = 0;	// as the entry point resolves them
-			SPreparedOperand m_Dst, m_Src0, m_Src1;
+			PreparedKind_Entry,		// m_Entry on m_Bytecode: a one-element instruction
+			PreparedKind_Float,		// m_Float
+			PreparedKind_FloatMod,	// m_FloatMod on m_Setup: a bound batched float modulo by a constant
+			PreparedKind_Int,		// m_Int, on m_Set (whole stream) or m_Setup (bound batched)
 		};
+
+		// One call in one cache line: a million-instruction program is 64 MB of calls, and
+		// a thread's bound copy as much again. Operands are indexed 0 destination, 1 and 2
+		// sources.
+		struct alignas(64) SPreparedCall
+		{
+			enum EFlag : u8
+			{
+				Flag_ScratchDst = 1 << 0,	// (and << 1, << 2 for the sources): m_Base holds the
+											// operand's offset in a thread's scratch area until Bind
+				Flag_ModByConstant = 1 << 3,	// a float modulo by a constant on a wide set
+			};
+
+			union
+			{
+				CBVM::FnExecBytecode m_Entry;
+				FnOp2Stream m_Float;
+				FnFloatModByConstant m_FloatMod;
+				FnPreparedInt m_Int;
+			} m_Kernel = {nullptr};
+			union
+			{
+				const u8 *m_Bytecode;		// an entry point's bytes (in the plan's copy)
+				const SKernelSet *m_Set;		// the set of an integer or float call
+				const SCallSetup *m_Setup;	// a bound batched call's set-up for the run
+			} m_Aux = {nullptr};
+			// Operand i over elements [first, ...) is m_Base[i] + first x m_Step[i] (m_Step 0:
+			// a one-value operand, a bound scratch operand, or none; m_Base null: none).
+			u8 *m_Base[3] = {nullptr, nullptr, nullptr};
+			u32 m_Offset = 0;				// the instruction's offset in the program
+			u8 m_Stride[3] = {0, 0, 0};		// the kernel's strides, as the entry point resolves them
+			u8 m_Step[3] = {0, 0, 0};
+			EPreparedKind m_Kind = PreparedKind_Entry;
+			u8 m_Op = 0;					// Compiler::IR::SOp_MathOp::EOp
+			u8 m_Opcode = 0;				// its entry point's (the profiler node)
+			u8 m_Components = 0;			// an integer call's N, and a float modulo's
+			u8 m_Shape = 0;					// an integer call's EIntShape bits
+			u8 m_Flags = 0;					// EFlag
+
+			OX_ALWAYS_INLINE u8 *At(u32 operand, u32 first) const { return m_Base[operand] + std::size_t(first) * m_Step[operand]; }
+			Compiler::IR::SOp_MathOp::EOp Op() const { return Compiler::IR::SOp_MathOp::EOp(m_Op); }
+		};
+		static_assert(sizeof(SPreparedCall) == 64, "a call is one cache line");
 
 		class CPreparedCalls
 		{
@@ -104,13 +122,17 @@ namespace Orvex
 			// One-element destinations get their entry point (standard path).
 			static SPreparedCall Prepare(const u8 *bytecode, u32 offset, const CCBCPUMetaRegisters &registers, const SKernelSet &set);
 
-			// The set-up of a batched run of 'count' calls, into 'setups' (one per call): an
-			// integer call's constant blocks as the registers hold them now and its route, a
-			// float modulo's divisor and reciprocal.
+			// Whether 'call' gets a set-up in a batched run (an integer call, a float modulo
+			// by a constant on a wide set).
+			static bool HasSetup(const SPreparedCall &call) { return call.m_Kind == PreparedKind_Int || (call.m_Flags & SPreparedCall::Flag_ModByConstant) != 0; }
+
+			// The set-up of a batched run of 'count' calls, into 'setups' (one per call that
+			// HasSetup, in order): an integer call's constant blocks as the registers hold
+			// them now and its route, a float modulo's divisor and reciprocal.
 			static void Refresh(const SPreparedCall *calls, u32 count, SCallSetup *setups);
 
-			// A thread's copy of 'count' calls for its scratch area 'scratch', and, with
-			// 'setups' (Refresh's), each call on its set-up.
+			// A copy of 'count' batched calls for the scratch area 'scratch' (null when no call
+			// has a scratch operand) and, with 'setups' (Refresh's), each call on its set-up.
 			static void Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SCallSetup *setups, SPreparedCall *bound);
 
 			// Runs 'call' (bound, or without scratch operands) over elements [first, first +
@@ -120,37 +142,38 @@ namespace Orvex
 			template <bool _Profiled>
 			static OX_ALWAYS_INLINE void Run(const SPreparedCall &call, u32 first, u32 count, const CBytecodeExecContext &context)
 			{
-				if (call.m_Float != nullptr)
+				if (call.m_Kind == PreparedKind_Float)
 				{
-					const TScope<_Profiled> scope(*call.m_Node);
-					call.m_Float(call.m_Dst.At(first), call.m_Stride, count, call.m_Src0.At(first), call.m_Stride0, call.m_Src1.At(first), call.m_Stride1);
+					const TScope<_Profiled> scope(call.m_Opcode);
+					call.m_Kernel.m_Float(call.At(0, first), call.m_Stride[0], count, call.At(1, first), call.m_Stride[1], call.At(2, first), call.m_Stride[2]);
 				}
-				else if (call.m_FloatMod != nullptr && call.m_Setup != nullptr)
+				else if (call.m_Kind == PreparedKind_Int)
 				{
-					const TScope<_Profiled> scope(*call.m_Node);
-					call.m_FloatMod(reinterpret_cast<const float *>(call.m_Setup->m_Blocks[1]), call.m_Setup->m_Reciprocal, call.m_Dst.At(first), count, call.m_Src0.At(first), call.m_Src1.m_Base);
+					const TScope<_Profiled> scope(call.m_Opcode);
+					call.m_Kernel.m_Int(call, call.At(0, first), count, call.At(1, first), call.At(2, first));
 				}
-				else if (call.m_Int != nullptr)
+				else if (call.m_Kind == PreparedKind_FloatMod)
 				{
-					const TScope<_Profiled> scope(*call.m_Node);
-					call.m_Int(call, call.m_Dst.At(first), count, call.m_Src0.At(first), call.m_Src1.At(first));
+					const TScope<_Profiled> scope(call.m_Opcode);
+					const SCallSetup &setup = *call.m_Aux.m_Setup;
+					call.m_Kernel.m_FloatMod(reinterpret_cast<const float *>(setup.m_Blocks[1]), setup.m_Reciprocal, call.At(0, first), count, call.At(1, first), call.m_Base[2]);
 				}
 				else
-					call.m_Entry(context, call.m_Bytecode);	// records its own scope
+					call.m_Kernel.m_Entry(context, call.m_Aux.m_Bytecode);	// records its own scope
 			}
 
 		private:
 			template <bool _Profiled>
 			struct TScope
 			{
-				explicit TScope(const Profiler::SNodeDescriptor &) {}
+				explicit TScope(u8) {}
 			};
 		};
 
 		template <>
 		struct CPreparedCalls::TScope<true> : Profiler::CScopedNode
 		{
-			explicit TScope(const Profiler::SNodeDescriptor &node) : Profiler::CScopedNode(Profiler::MainEngineProfiler(), node, true) {}
+			explicit TScope(u8 opcode) : Profiler::CScopedNode(Profiler::MainEngineProfiler(), EntryProfilerNode(opcode), true) {}
 		};
 	}
 }
@@ -167,9 +190,16 @@ namespace Orvex
 			const MathOp::SKernelSet *m_Set = nullptr;
 			std::vector<MathOp::SPreparedCall> m_Whole;
 			std::vector<MathOp::SPreparedCall> m_Batch;
+			u32 m_Setups = 0;	// how many of m_Batch have a set-up (CPreparedCalls::HasSetup)
+			bool m_Scratch = false;	// whether one of m_Batch has a scratch operand
 			// The per-element storage a batch reads or writes outside the scratch area,
 			// each once: what the next batch needs from memory (see CBatchPrefetch).
-			std::vector<MathOp::SPreparedOperand> m_Streams;
+			struct SStream
+			{
+				const u8 *m_Base;
+				u32 m_Step;
+			};
+			std::vector<SStream> m_Streams;
 			// Whether batches prefetch the next one (CBatchPlan::SetPrefetch).
 			bool m_Prefetch = false;
 		};
@@ -198,7 +228,7 @@ namespace Orvex
 			{
 				for (u32 n = m_PerCall; n != 0 && m_Stream < m_StreamCount; --n)
 				{
-					const MathOp::SPreparedOperand &stream = m_Streams[m_Stream];
+					const SPreparedProgram::SStream &stream = m_Streams[m_Stream];
 					__builtin_prefetch(stream.m_Base + (u64(m_First) * stream.m_Step) + m_Offset, 1, 3);
 					m_Offset += kLine;
 					if (m_Offset >= u64(m_Count) * stream.m_Step)
@@ -210,7 +240,7 @@ namespace Orvex
 			}
 
 		private:
-			const MathOp::SPreparedOperand *m_Streams;
+			const SPreparedProgram::SStream *m_Streams;
 			u32 m_StreamCount;
 			u32 m_First, m_Count;
 			u32 m_PerCall = 0;
