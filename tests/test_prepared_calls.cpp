@@ -439,7 +439,8 @@ namespace
 {
 	// Constants a host changes between runs are read by every run: a prepared call keeps
 	// no value of a register, only where it lies (integer division by a uniform constant,
-	// a float modulo's reciprocal, a shift count, a broadcast block).
+	// a float modulo's reciprocal, a shift count, a broadcast block). Calls of one operator
+	// on the same constant share a set-up, and on another constant do not.
 	TEST_F(PreparedCalls, ConstantsChangedBetweenRunsAreReadEachRun)
 	{
 		constexpr u32 kStream = 500;
@@ -448,22 +449,28 @@ namespace
 		const CVMRegID m = CVMRegID::Build(4, MetaType_Stream, BaseType_Float3), x = CVMRegID::Build(5, MetaType_Stream, BaseType_Float3);
 		const CVMRegID period = CVMRegID::Build(6, MetaType_Constant, BaseType_Float3);
 		const CVMRegID r = CVMRegID::Build(7, MetaType_Stream, BaseType_I32);
+		const CVMRegID divisor2 = CVMRegID::Build(8, MetaType_Constant, BaseType_I32), q2 = CVMRegID::Build(9, MetaType_Stream, BaseType_I32);
+		const CVMRegID period2 = CVMRegID::Build(10, MetaType_Constant, BaseType_Float3), m2 = CVMRegID::Build(11, MetaType_Stream, BaseType_Float3);
 		std::vector<u8> code;
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Div, q, a, divisor);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, r, a, divisor);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Bitwise_ShiftLeft, q, q, count);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, m, x, period);
 		OxTest::EmitEncoded(code, SOp_MathOp::Op_Add, m, m, period);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Div, q2, a, divisor2);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Div, q2, q2, divisor);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, m2, x, period2);
+		OxTest::EmitEncoded(code, SOp_MathOp::Op_Mod, m2, m2, period);
 		for (const u32 batch : {0u, 48u})
 		{
-			CRegisterStorage files[2] = {CRegisterStorage(8), CRegisterStorage(8)};
+			CRegisterStorage files[2] = {CRegisterStorage(12), CRegisterStorage(12)};
 			CBatchPlan plans[2];
 			for (u32 f = 0; f < 2; ++f)
 			{
 				files[f].Registers().m_StreamDimensions = kStream;
-				for (const CVMRegID id : {q, a, m, x, r})
+				for (const CVMRegID id : {q, a, m, x, r, q2, m2})
 					ASSERT_TRUE(files[f].AllocateElements(id, kStream));
-				for (const CVMRegID id : {divisor, count, period})
+				for (const CVMRegID id : {divisor, count, period, divisor2, period2})
 					ASSERT_TRUE(files[f].AllocateElements(id, 1));
 				for (u32 i = 0; i < kStream; ++i)
 					files[f].DataAs<s32>(a)[i] = s32(i * 7919u) - 1000000;
@@ -487,12 +494,14 @@ namespace
 					*files[f].DataAs<s32>(divisor) = divisors[frame];
 					*files[f].DataAs<s32>(count) = counts[frame];
 					std::memcpy(files[f].DataAs<float>(period), periods[frame], sizeof(periods[frame]));
+					*files[f].DataAs<s32>(divisor2) = divisors[(frame + 3) % 8];
+					std::memcpy(files[f].DataAs<float>(period2), periods[(frame + 5) % 8], sizeof(periods[frame]));
 					CCompilerBackendCPUProgram_VM program;
 					CRuntimeCPUBindings bindings;
 					SCompilerCPUDebugCtx debug;
 					const CBVM::SBatchRunResult run = CBatchRunner::Run(plans[f], CBytecodeExecContext(&program, bindings, files[f].Registers(), debug));
 					EXPECT_EQ(run.m_Prepared, f == 0);
-					for (const CVMRegID id : {q, m, r})
+					for (const CVMRegID id : {q, m, r, q2, m2})
 						words[f].insert(words[f].end(), files[f].DataAs<u8>(id), files[f].DataAs<u8>(id) + files[f].Size(id));
 				}
 				ASSERT_EQ(words[0], words[1]) << "frame " << frame << ", batch " << batch;

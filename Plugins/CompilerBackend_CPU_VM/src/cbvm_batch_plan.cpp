@@ -93,15 +93,17 @@ namespace Orvex
 		}
 
 		// One instruction as the plan sees it.
+		// 24 bytes: Build holds one per instruction of the program while it plans.
 		struct CBatchPlan::SInstruction
 		{
 			u32 m_Offset;
-			u32 m_Size;
-			SOp_MathOp::EOp m_Op;
 			u32 m_Ids[3];		// destination, source 0, source 1 (kInvalidBits: none)
-			u32 m_Operands;		// 2 or 3
-			u32 m_ElementSize;	// of every operand: the paths size all three by source 0's type
+			u8 m_Size;			// 13 or 14
+			u8 m_Op;			// SOp_MathOp::EOp
+			u8 m_Operands;		// 2 or 3
+			u8 m_ElementSize;	// of every operand: the paths size all three by source 0's type
 			bool m_PerElement;	// an Instance or Stream destination
+			const char *Name() const { return SOp_MathOp::OperatorTraits(SOp_MathOp::EOp(m_Op)).m_Name; }
 		};
 
 		// Bytes [m_Begin, m_End) of one register's storage as the program uses it.
@@ -208,6 +210,7 @@ namespace Orvex
 		// The ids, sizes and kinds of every instruction.
 		bool CBatchPlan::_Decode(const u8 *bytecode, u32 size, const CCBCPUMetaRegisters &registers, u32 slotCount, Program &program)
 		{
+			static_assert(sizeof(SInstruction) == 24, "a program's decoded instructions stay small");
 			CMathOpWalker walk(bytecode, size);
 			SMathOpInstruction decoded;
 			// At most one instruction per 13 bytes: reserved once, a program of a million
@@ -223,19 +226,19 @@ namespace Orvex
 				}
 				SInstruction ins;
 				ins.m_Offset = offset;
-				ins.m_Size = decoded.m_Size;
-				ins.m_Op = decoded.m_Op;
+				ins.m_Size = u8(decoded.m_Size);
+				ins.m_Op = u8(decoded.m_Op);
 				ins.m_Ids[0] = decoded.Dst();
 				ins.m_Ids[1] = decoded.Src0();
 				ins.m_Ids[2] = decoded.Src1();
-				ins.m_Operands = SOp_MathOp::OperatorTraits(ins.m_Op).m_ParameterCount + 1u;
+				ins.m_Operands = u8(SOp_MathOp::OperatorTraits(decoded.m_Op).m_ParameterCount + 1u);
 				for (u32 i = 0; i < ins.m_Operands; ++i)
 					if (!CVMRegID::WellFormedBits(ins.m_Ids[i]) || CVMRegID::SlotOf(ins.m_Ids[i]) >= slotCount || registers.m_Registers == nullptr)
 					{
 						_Refuse(BatchRefusal_Undecodable, "a register of the instruction at offset %u is ill-formed or outside the table (verify the bytecode first)", offset);
 						return false;
 					}
-				ins.m_ElementSize = BaseTypeInfo(CVMRegID::TypeOf(ins.m_Ids[1])).m_Size;
+				ins.m_ElementSize = u8(BaseTypeInfo(CVMRegID::TypeOf(ins.m_Ids[1])).m_Size);
 				ins.m_PerElement = CVMRegID::PerElementOf(ins.m_Ids[0]);
 				program.push_back(ins);
 			}
@@ -262,7 +265,7 @@ namespace Orvex
 			for (u32 n = 0; n < program.size(); ++n)
 			{
 				const SInstruction &ins = program[n];
-				const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
+				const char *name = ins.Name();
 				if (!ins.m_PerElement)
 				{
 					for (u32 i = 1; i < ins.m_Operands; ++i)
@@ -363,7 +366,7 @@ namespace Orvex
 				const SInstruction &ins = program[n];
 				if (!ins.m_PerElement)
 					continue;	// one-element instructions name no per-element storage (checked before)
-				const char *name = SOp_MathOp::OperatorTraits(ins.m_Op).m_Name;
+				const char *name = ins.Name();
 				for (u32 i = 0; i < ins.m_Operands; ++i)
 				{
 					const u32 bits = ins.m_Ids[i];
@@ -396,6 +399,18 @@ namespace Orvex
 		{
 			std::unordered_map<u32, u32> compact;	// slot -> renumbered slot
 			std::unordered_map<std::uintptr_t, u32> bytesOfStorage;	// per-element storage -> element size (aliases once)
+			// Sized once: grown by doubling, a long program's copies would hold up to twice their size.
+			std::size_t hoisted = 0, hoistedBytes = 0;
+			for (const SInstruction &ins : program)
+				if (!ins.m_PerElement)
+				{
+					++hoisted;
+					hoistedBytes += ins.m_Size;
+				}
+			m_Hoisted.reserve(hoistedBytes);
+			m_HoistedOffsets.reserve(hoisted);
+			m_Batch.reserve(m_Whole.size() - hoistedBytes);
+			m_BatchOffsets.reserve(program.size() - hoisted);
 			for (const SInstruction &ins : program)
 			{
 				const u8 *code = bytecode + ins.m_Offset;
@@ -504,7 +519,7 @@ namespace Orvex
 					if (placed.second)
 						m_Uses.push_back({entry, registers.m_Registers[entry], 0, false});
 					SRegisterUse &use = m_Uses[placed.first->second];
-					use.m_ElementSize = std::max(use.m_ElementSize, ins.m_ElementSize);
+					use.m_ElementSize = std::max<u32>(use.m_ElementSize, ins.m_ElementSize);
 					use.m_PerElement = use.m_PerElement || (ins.m_PerElement && CVMRegID::PerElementOf(ins.m_Ids[i]));
 				}
 		}
@@ -529,6 +544,11 @@ namespace Orvex
 			// three times their size while they were copied.
 			(m_Batched ? prepared->m_Batch : prepared->m_Whole).reserve(program.size());
 			std::unordered_set<const u8 *> streams;
+			struct SKeyHash
+			{
+				std::size_t operator()(const MathOp::CPreparedCalls::SSetupKey &key) const { return key.Hash(); }
+			};
+			std::unordered_map<MathOp::CPreparedCalls::SSetupKey, u32, SKeyHash> setups;	// -> index in m_SetupOwners
 			for (const SInstruction &ins : program)
 			{
 				const MathOp::SPreparedCall call = MathOp::CPreparedCalls::Prepare(m_Whole.data() + ins.m_Offset, ins.m_Offset, registers, *prepared->m_Set);
@@ -554,7 +574,13 @@ namespace Orvex
 						else if (streams.insert(batch.m_Base[i]).second)
 							prepared->m_Streams.push_back({batch.m_Base[i], batch.m_Step[i]});
 					}
-				prepared->m_Setups += MathOp::CPreparedCalls::HasSetup(batch) ? 1u : 0u;
+				if (MathOp::CPreparedCalls::HasSetup(batch))
+				{
+					const auto placed = setups.emplace(MathOp::CPreparedCalls::SetupKey(batch), u32(prepared->m_SetupOwners.size()));
+					if (placed.second)
+						prepared->m_SetupOwners.push_back(u32(prepared->m_Batch.size()));
+					batch.m_SetupIndex = placed.first->second;
+				}
 				prepared->m_Batch.push_back(batch);
 			}
 			u64 streamBytes = 0;

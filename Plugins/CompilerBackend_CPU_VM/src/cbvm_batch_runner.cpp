@@ -342,16 +342,21 @@ namespace Orvex
 			}
 			RunCode(context, plan.m_Hoisted, plan.m_HoistedOffsets, path);
 			MathOp::SCallSetup *setups = nullptr;
-			MathOp::SPreparedCall *shared = nullptr;
+			const MathOp::SPreparedCall *shared = nullptr;
 			if (prepared != nullptr)
 			{
 				const u32 calls = u32(prepared->m_Batch.size());
-				setups = t_Setups.Reserve(prepared->m_Setups);
-				MathOp::CPreparedCalls::Refresh(prepared->m_Batch.data(), calls, setups);
-				if (!prepared->m_Scratch)
+				const u32 setupCount = u32(prepared->m_SetupOwners.size());
+				setups = t_Setups.Reserve(setupCount);
+				MathOp::CPreparedCalls::Refresh(prepared->m_Batch.data(), prepared->m_SetupOwners.data(), setupCount, setups);
+				// Without set-ups either, binding would copy the calls as they are: run them.
+				if (!prepared->m_Scratch && setupCount == 0)
+					shared = prepared->m_Batch.data();
+				else if (!prepared->m_Scratch)
 				{
-					shared = t_SharedCalls.Reserve(calls);
-					MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, nullptr, setups, shared);
+					MathOp::SPreparedCall *bound = t_SharedCalls.Reserve(calls);
+					MathOp::CPreparedCalls::Bind(prepared->m_Batch.data(), calls, nullptr, setups, bound);
+					shared = bound;
 				}
 			}
 			SBatches run{&plan, &context, path, prepared, setups, shared, g_RunNumbers.fetch_add(1, std::memory_order_relaxed) + 1, std::this_thread::get_id(), {}, t_Marks.Clear(plan.m_BatchCount)};

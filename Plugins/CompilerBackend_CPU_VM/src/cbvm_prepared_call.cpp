@@ -99,23 +99,28 @@ namespace Orvex
 			return call;
 		}
 
-		void CPreparedCalls::Refresh(const SPreparedCall *calls, u32 count, SCallSetup *setups)
+		CPreparedCalls::SSetupKey CPreparedCalls::SetupKey(const SPreparedCall &call)
 		{
-			for (u32 c = 0; c < count; ++c)
+			const bool integer = call.m_Kind == PreparedKind_Int;
+			return {integer && _Constant0(call) ? call.m_Base[1] : nullptr, !integer || _Constant1(call) ? call.m_Base[2] : nullptr, call.m_Aux.m_Set,
+					u32(call.m_Kind) | u32(call.m_Op) << 8 | u32(call.m_Shape) << 16 | u32(call.m_Components) << 24};
+		}
+
+		void CPreparedCalls::Refresh(const SPreparedCall *calls, const u32 *owners, u32 count, SCallSetup *setups)
+		{
+			for (u32 s = 0; s < count; ++s)
 			{
-				const SPreparedCall &call = calls[c];
-				if (!HasSetup(call))
-					continue;
-				SCallSetup &setup = *setups++;
+				const SPreparedCall &call = calls[owners[s]];
+				SCallSetup &setup = setups[s];
 				setup.m_Set = call.m_Aux.m_Set;
 				if (call.m_Kind == PreparedKind_Float)
 				{
 					// The reciprocal as Mod divides it, float by float (IEEE division: the same
 					// bits at any width).
 					kBroadcasts[call.m_Components - 1](call.m_Base[2], setup.m_Blocks[1]);
-					const float *divisor = reinterpret_cast<const float *>(setup.m_Blocks[1]);
+					float *reciprocal = reinterpret_cast<float *>(setup.m_Blocks[0]);
 					for (u32 f = 0; f < 12; ++f)
-						setup.m_Reciprocal[f] = 1.0f / divisor[f];
+						reciprocal[f] = 1.0f / setup.Divisor()[f];
 					continue;
 				}
 				const bool constant0 = _Constant0(call);
@@ -144,7 +149,7 @@ namespace Orvex
 					}
 				if (setups == nullptr || !HasSetup(call))
 					continue;
-				const SCallSetup &setup = *setups++;
+				const SCallSetup &setup = setups[call.m_SetupIndex];
 				if (call.m_Kind == PreparedKind_Float)
 				{
 					call.m_Kind = PreparedKind_FloatMod;

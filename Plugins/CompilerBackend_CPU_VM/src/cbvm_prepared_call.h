@@ -46,15 +46,21 @@ namespace Orvex
 		// point records and a prepared call standing for it records too.
 		const Profiler::SNodeDescriptor &EntryProfilerNode(u8 opcode);
 
-		// A call's set-up for one batched run (CPreparedCalls::Refresh): only the calls that
-		// have one (integer calls, float modulos by a constant on a wide set) get one, in
-		// call order.
+		// A call's set-up for one batched run (CPreparedCalls::Refresh). Only the calls that
+		// have one (integer calls, float modulos by a constant on a wide set) get one, and
+		// calls of one operator on the same constants share it: a long program repeats a
+		// few constants many times.
 		struct SCallSetup
 		{
-			alignas(16) s32 m_Blocks[2][12];	// each constant source over 12 words (Broadcast12)
-			alignas(16) float m_Reciprocal[12];	// a float modulo by a constant: 1 / m_Blocks[1], per float
+			// Each constant source over 12 words (Broadcast12). A float modulo by a constant
+			// keeps the divisor in block 1 and its reciprocal, float by float, in block 0 (its
+			// dividend is a stream).
+			alignas(16) s32 m_Blocks[2][12];
 			SIntRoute m_Route;				// an integer call: the set's routed kernel, or none
 			const SKernelSet *m_Set = nullptr;	// an integer call's set (its block kernel)
+
+			const float *Divisor() const { return reinterpret_cast<const float *>(m_Blocks[1]); }
+			const float *Reciprocal() const { return reinterpret_cast<const float *>(m_Blocks[0]); }
 		};
 
 		struct SPreparedCall;
@@ -107,6 +113,7 @@ namespace Orvex
 			u8 m_Components = 0;			// an integer call's N, and a float modulo's
 			u8 m_Shape = 0;					// an integer call's EIntShape bits
 			u8 m_Flags = 0;					// EFlag
+			u32 m_SetupIndex = 0;			// its set-up among a batched run's (CPreparedCalls::HasSetup)
 
 			OX_ALWAYS_INLINE u8 *At(u32 operand, u32 first) const { return m_Base[operand] + std::size_t(first) * m_Step[operand]; }
 			Compiler::IR::SOp_MathOp::EOp Op() const { return Compiler::IR::SOp_MathOp::EOp(m_Op); }
@@ -126,13 +133,34 @@ namespace Orvex
 			// by a constant on a wide set).
 			static bool HasSetup(const SPreparedCall &call) { return call.m_Kind == PreparedKind_Int || (call.m_Flags & SPreparedCall::Flag_ModByConstant) != 0; }
 
-			// The set-up of a batched run of 'count' calls, into 'setups' (one per call that
-			// HasSetup, in order): an integer call's constant blocks as the registers hold
-			// them now and its route, a float modulo's divisor and reciprocal.
-			static void Refresh(const SPreparedCall *calls, u32 count, SCallSetup *setups);
+			// What makes a call's set-up (it HasSetup): calls with equal keys share one. The
+			// constants by address: a set-up lays out what the register holds at each run.
+			struct SSetupKey
+			{
+				const void *m_Constant0, *m_Constant1;
+				const SKernelSet *m_Set;
+				u32 m_Call;		// kind, operator, shape and components
+
+				bool operator==(const SSetupKey &other) const
+				{
+					return m_Constant0 == other.m_Constant0 && m_Constant1 == other.m_Constant1 && m_Set == other.m_Set && m_Call == other.m_Call;
+				}
+				std::size_t Hash() const
+				{
+					return std::hash<const void *>()(m_Constant0) * 31 ^ std::hash<const void *>()(m_Constant1) * 17 ^ std::hash<u32>()(m_Call);
+				}
+			};
+			static SSetupKey SetupKey(const SPreparedCall &call);
+
+			// The set-ups of a batched run, into 'setups': setups[s] for the call
+			// 'calls[owners[s]]' and every call with m_SetupIndex s. An integer call's constant
+			// blocks as the registers hold them now and its route; a float modulo's divisor
+			// and reciprocal.
+			static void Refresh(const SPreparedCall *calls, const u32 *owners, u32 count, SCallSetup *setups);
 
 			// A copy of 'count' batched calls for the scratch area 'scratch' (null when no call
-			// has a scratch operand) and, with 'setups' (Refresh's), each call on its set-up.
+			// has a scratch operand) and, with 'setups' (Refresh's), each call on its set-up
+			// setups[m_SetupIndex].
 			static void Bind(const SPreparedCall *calls, u32 count, u8 *scratch, const SCallSetup *setups, SPreparedCall *bound);
 
 			// Runs 'call' (bound, or without scratch operands) over elements [first, first +
@@ -156,7 +184,7 @@ namespace Orvex
 				{
 					const TScope<_Profiled> scope(call.m_Opcode);
 					const SCallSetup &setup = *call.m_Aux.m_Setup;
-					call.m_Kernel.m_FloatMod(reinterpret_cast<const float *>(setup.m_Blocks[1]), setup.m_Reciprocal, call.At(0, first), count, call.At(1, first), call.m_Base[2]);
+					call.m_Kernel.m_FloatMod(setup.Divisor(), setup.Reciprocal(), call.At(0, first), count, call.At(1, first), call.m_Base[2]);
 				}
 				else
 					call.m_Kernel.m_Entry(context, call.m_Aux.m_Bytecode);	// records its own scope
@@ -190,7 +218,9 @@ namespace Orvex
 			const MathOp::SKernelSet *m_Set = nullptr;
 			std::vector<MathOp::SPreparedCall> m_Whole;
 			std::vector<MathOp::SPreparedCall> m_Batch;
-			u32 m_Setups = 0;	// how many of m_Batch have a set-up (CPreparedCalls::HasSetup)
+			// For each set-up of a batched run, the first of m_Batch that has it (each set-up
+			// is made once a run, CPreparedCalls::Refresh).
+			std::vector<u32> m_SetupOwners;
 			bool m_Scratch = false;	// whether one of m_Batch has a scratch operand
 			// The per-element storage a batch reads or writes outside the scratch area,
 			// each once: what the next batch needs from memory (see CBatchPrefetch).
