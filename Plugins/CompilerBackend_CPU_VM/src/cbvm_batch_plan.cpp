@@ -165,6 +165,16 @@ namespace Orvex
 			{
 				_Renumber(bytecode, program, registers);
 				m_Batched = _BatchSize(batchElements) && _Areas(registers, scratchOf);
+				if (!m_Batched)
+				{
+					// A whole-stream plan runs m_Whole only: the batches' code and tables go
+					// (a long program's would stay as large as the program).
+					std::vector<u8>().swap(m_Hoisted);
+					std::vector<u8>().swap(m_Batch);
+					std::vector<u32>().swap(m_HoistedOffsets);
+					std::vector<u32>().swap(m_BatchOffsets);
+					std::vector<SEntryPlan>().swap(m_Entries);
+				}
 			}
 			_Snapshot(program, registers);
 			_Prepare(program, registers, slotCount, scratchOf);
