@@ -1,7 +1,8 @@
 // oxvm run's progress bar: the line it draws (FormatProgressLine, tested as text), the
 // phases a run goes through with --progress always, nothing at all with auto on a
-// non-terminal or with never, and Ctrl-C: the bar's line is cleared and the process
-// still ends by SIGINT.
+// non-terminal or with never, the ticker's redraw of a long phase and the line an
+// assertion report gets, and Ctrl-C: the bar's line is cleared and the process still
+// ends by SIGINT.
 
 #include "oxvm_runner.h"
 #include "progress.h"
@@ -10,6 +11,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
@@ -320,5 +323,82 @@ namespace
 				std::_Exit(0);	// not reached: the signal ends the process
 			},
 			::testing::KilledBySignal(SIGINT), "\r\x1b\\[K$");
+	}
+
+	// What a CProgress of this process writes to stderr while 'body' runs (stderr is a
+	// file: no terminal, 80 columns).
+	template <typename _Body>
+	std::string StderrOf(_Body body)
+	{
+		char path[] = "/tmp/oxvm_progress_XXXXXX";
+		const int file = mkstemp(path);
+		EXPECT_GE(file, 0);
+		std::fflush(stderr);
+		const int saved = dup(STDERR_FILENO);
+		dup2(file, STDERR_FILENO);
+		body();
+		std::fflush(stderr);
+		dup2(saved, STDERR_FILENO);
+		close(saved);
+		close(file);
+		std::ifstream in(path, std::ios::binary);
+		std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+		unlink(path);
+		return text;
+	}
+
+	std::size_t Count(const std::string &text, const std::string &what)
+	{
+		std::size_t count = 0;
+		for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+			++count;
+		return count;
+	}
+
+	// One frame that runs long without an Update still moves the clock: the ticker
+	// redraws the bar (here it is at least 2.5 s for a redraw each second).
+	TEST(OxvmProgressTicker, ALongPhaseWithoutUpdatesIsRedrawn)
+	{
+		const std::string err = StderrOf([] {
+			OxVm::CProgress progress(OxVm::Progress_Always);
+			progress.Begin("run", "frame", 1);
+			std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+			progress.End();
+		});
+		// Begin's line, then the ticker's (End draws nothing new: nothing was done).
+		EXPECT_EQ(err.find("\r" + Line("run", "frame", 0, 1, 0.0) + "\x1b[K"), 0u) << err;
+		EXPECT_GE(Count(err, "\rrun: frame 0/1 ["), 2u) << err;
+		EXPECT_NE(err.find("0:01 elapsed"), std::string::npos) << err;
+		EXPECT_EQ(err.back(), '\n');
+	}
+
+	// An assertion report in the middle of a phase gets a line of its own, and the bar
+	// comes back below it.
+	TEST(OxvmProgressTicker, AReportInterruptsTheBarWhichComesBackBelowIt)
+	{
+		const std::string err = StderrOf([] {
+			OxVm::CProgress progress(OxVm::Progress_Always);
+			progress.Begin("run", "frame", 3);
+			progress.Interrupt();
+			std::fputs("a report\n", stderr);
+			std::this_thread::sleep_for(std::chrono::milliseconds(700));
+			progress.End();
+		});
+		const std::size_t report = err.find("\na report\n\rrun: frame 0/3 [");
+		EXPECT_NE(report, std::string::npos) << err;
+		EXPECT_EQ(err.find("\rrun: frame 0/3 ["), 0u) << err;
+	}
+
+	// Without a bar (never), Interrupt writes nothing and no ticker draws.
+	TEST(OxvmProgressTicker, NeverDrawsNothing)
+	{
+		const std::string err = StderrOf([] {
+			OxVm::CProgress progress(OxVm::Progress_Never);
+			progress.Begin("run", "frame", 3);
+			progress.Interrupt();
+			std::this_thread::sleep_for(std::chrono::milliseconds(300));
+			progress.End();
+		});
+		EXPECT_EQ(err, "");
 	}
 }

@@ -2,6 +2,7 @@
 
 #include "cbvm_batch_runner.h"
 #include "cbvm_path_difference.h"
+#include "progress.h"
 #include "runner.h"
 #include "verification.h"
 
@@ -102,6 +103,9 @@ namespace OxVm
 				++at.m_Repeats;
 				return Orvex::Assert::Answer_Ignore;
 			}
+			// A report in the middle of a frame starts its own line; the bar comes back below it.
+			if (CProgress *bar = CProgress::Current(); bar != nullptr && (at.m_Printed.size() < CCountedAsserts::kPrinted || !at.m_NoteGiven))
+				bar->Interrupt();
 			if (at.m_Printed.size() < CCountedAsserts::kPrinted)
 			{
 				std::fprintf(stderr, "%s\n", text.c_str());

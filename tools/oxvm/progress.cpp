@@ -20,6 +20,8 @@ namespace OxVm
 		constexpr std::size_t kFileWidth = 80;	// the line's width when stderr is no terminal
 		constexpr double kAutoDelay = 1.0;		// auto: a phase shows its bar once it has taken this long
 		constexpr double kRedraw = 0.1;
+		constexpr double kTick = 1.0;			// the ticker's redraw without an Update
+		constexpr auto kTickerWait = std::chrono::milliseconds(250);
 
 		// Written by the SIGINT handler: prepared up front, as the handler may not format.
 		constexpr char kClearLine[] = "\r\x1b[K";
@@ -141,11 +143,25 @@ namespace OxVm
 			sigemptyset(&action.sa_mask);
 			m_HandlerInstalled = sigaction(SIGINT, &action, nullptr) == 0;
 		}
+		m_Ticker = std::thread([this] {
+			std::unique_lock<std::mutex> lock(m_Lock);
+			while (!m_Wake.wait_for(lock, kTickerWait, [this] { return m_Stop; }))
+				_Tick();
+		});
 	}
 
 	CProgress::~CProgress()
 	{
 		End();
+		if (m_Ticker.joinable())
+		{
+			{
+				const std::lock_guard<std::mutex> lock(m_Lock);
+				m_Stop = true;
+			}
+			m_Wake.notify_one();
+			m_Ticker.join();
+		}
 		g_Current = m_Outer;
 		if (m_HandlerInstalled)
 			sigaction(SIGINT, &m_OuterHandler, nullptr);
@@ -163,7 +179,8 @@ namespace OxVm
 
 	void CProgress::Begin(std::string_view phase, std::string_view unit, u64 total)
 	{
-		End();
+		const std::lock_guard<std::mutex> lock(m_Lock);
+		_End();
 		m_Phase = true;
 		m_Name = phase;
 		m_Unit = unit;
@@ -180,7 +197,10 @@ namespace OxVm
 
 	void CProgress::Update(u64 done, u64 total)
 	{
-		if (!m_Enabled || !m_Phase)
+		if (!m_Enabled)
+			return;
+		const std::lock_guard<std::mutex> lock(m_Lock);
+		if (!m_Phase)
 			return;
 		m_Done = done;
 		m_Total = total;
@@ -197,6 +217,12 @@ namespace OxVm
 
 	void CProgress::End()
 	{
+		const std::lock_guard<std::mutex> lock(m_Lock);
+		_End();
+	}
+
+	void CProgress::_End()
+	{
 		if (!m_Phase)
 			return;
 		m_Phase = false;
@@ -212,12 +238,41 @@ namespace OxVm
 
 	void CProgress::Clear()
 	{
+		const std::lock_guard<std::mutex> lock(m_Lock);
 		if (!m_Terminal || !m_Drawing || m_Cleared)
 			return;
 		std::fputs(kClearLine, stderr);
 		std::fflush(stderr);
 		g_BarShown = 0;
 		m_Cleared = true;
+	}
+
+	void CProgress::Interrupt()
+	{
+		const std::lock_guard<std::mutex> lock(m_Lock);
+		if (!m_Drawing || m_Cleared)
+			return;
+		// On a terminal the line goes; in a file it ends, so that the report starts a line.
+		std::fputs(m_Terminal ? kClearLine : "\n", stderr);
+		std::fflush(stderr);
+		g_BarShown = 0;
+		m_LastDraw = Clock::time_point();	// the next tick draws
+	}
+
+	void CProgress::_Tick()
+	{
+		if (!m_Phase || m_Cleared)
+			return;	// a Clear waits for the phase's own Update: it is writing to stdout
+		const Clock::time_point now = Clock::now();
+		if (!m_Drawing)
+		{
+			if (std::chrono::duration<double>(now - m_Start).count() <= kAutoDelay)
+				return;
+			m_Drawing = true;
+		}
+		else if (std::chrono::duration<double>(now - m_LastDraw).count() < kTick)
+			return;
+		_Draw();
 	}
 
 	void CProgress::_Draw()

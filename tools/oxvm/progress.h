@@ -10,11 +10,14 @@
 #include "kr_base_types.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <mutex>
 #include <signal.h>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace OxVm
 {
@@ -51,9 +54,12 @@ namespace OxVm
 	// "0:03", "12:34", "1:02:03" (seconds rounded to the nearest).
 	std::string FormatClock(double seconds);
 
-	// The bar of one command. Update is cheap while nothing is drawn (one clock read)
-	// and draws at most ten times a second. A phase that drew its bar ends its line, so
-	// that what the command prints next starts on a line of its own.
+	// The bar of one command. Update is cheap while nothing is drawn (a lock and one clock
+	// read) and draws at most ten times a second. A phase that drew its bar ends its line,
+	// so that what the command prints next starts on a line of its own. A ticker thread
+	// redraws the bar once a second while no Update comes (one frame of a long program
+	// runs for minutes without one): the elapsed time moves, and an auto bar still shows
+	// up after a second. Every member may be called from any thread.
 	//
 	// While a bar may be shown the object catches SIGINT: Ctrl-C clears the bar's line
 	// (the shell's prompt does not land after a half-drawn bar), then the signal ends the
@@ -76,6 +82,9 @@ namespace OxVm
 		// Takes the bar off the terminal before the phase writes a line to stdout (a dump,
 		// the statistics), when both go to a terminal; the next Update draws it again.
 		void Clear();
+		// Takes the bar off the terminal before a line goes to stderr (an assertion report
+		// in the middle of a frame); the ticker draws it again below that line.
+		void Interrupt();
 		// Update as a callback, for code that only knows FnProgress.
 		FnProgress Reporter();
 
@@ -86,7 +95,14 @@ namespace OxVm
 	private:
 		using Clock = std::chrono::steady_clock;
 
+		void _End();
 		void _Draw();
+		void _Tick();	// the ticker's redraw, under m_Lock
+
+		std::mutex m_Lock;					// every member below, and the bar's line
+		std::condition_variable m_Wake;	// ends the ticker's wait
+		bool m_Stop = false;
+		std::thread m_Ticker;				// started when a bar may be shown
 
 		bool m_Enabled = false;
 		bool m_Always = false;
