@@ -136,7 +136,7 @@ int main(int argc, char **argv)
 	{
 		const std::string arg = argv[i];
 		u64 *target = arg == "--instructions" ? &instructions : arg == "--seed" ? &seed : arg == "--first" ? &first : nullptr;
-		CBVM::EKernelIsa named = CBVM::KernelIsa_SSE2;
+		CBVM::EKernelIsa named = CBVM::KernelIsa_Base;
 		if (target != nullptr && i + 1 < argc && ParseU64(argv[i + 1], *target))
 			++i;
 		else if (arg == "--verbose")
@@ -144,7 +144,7 @@ int main(int argc, char **argv)
 		else if (arg == "--isa" && i + 1 < argc && (std::string(argv[i + 1]) == "all" || CBVM::KernelIsaFromName(argv[i + 1], named)))
 		{
 			const bool all = std::string(argv[++i]) == "all";
-			for (u32 s = CBVM::KernelIsa_SSE2 + 1; s < CBVM::__MaxKernelIsas; ++s)
+			for (u32 s = CBVM::KernelIsa_Base + 1; s < CBVM::__MaxKernelIsas; ++s)
 			{
 				if (!all && s != named)
 					continue;

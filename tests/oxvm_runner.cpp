@@ -6,6 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// A cross build's tool runs through the emulator (the test itself runs under it too,
+// but a shell it starts is the host's): OXVM_LAUNCHER is the emulator's command line.
+#ifndef OXVM_LAUNCHER
+#	define OXVM_LAUNCHER ""
+#endif
+
 namespace OxTest
 {
 	void COxvmTest::SetUp()
@@ -62,7 +68,7 @@ namespace OxTest
 		SOxvmResult result;
 #ifdef OXVM_PATH
 		const std::string out = m_Dir + "/.stdout", err = m_Dir + "/.stderr";
-		const std::string command = "cd '" + m_Dir + "' && " + prefix + "'" OXVM_PATH "' " + args + " >'" + out + "' 2>'" + err + "' <" + (input.empty() ? std::string("/dev/null") : "'" + input + "'");
+		const std::string command = "cd '" + m_Dir + "' && " + prefix + OXVM_LAUNCHER "'" OXVM_PATH "' " + args + " >'" + out + "' 2>'" + err + "' <" + (input.empty() ? std::string("/dev/null") : "'" + input + "'");
 		const int status = std::system(command.c_str());
 		result.m_Status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 		result.m_Out = Read(".stdout");

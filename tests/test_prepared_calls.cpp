@@ -187,7 +187,7 @@ namespace
 		}
 
 		Assert::FnHandler m_Previous = nullptr;
-		CBVM::EKernelIsa m_Isa = CBVM::KernelIsa_SSE2;
+		CBVM::EKernelIsa m_Isa = CBVM::KernelIsa_Base;
 	};
 
 	TEST_F(PreparedCalls, EveryCallGivesTheEntryPointsBytesReportsAndHazards)
@@ -388,7 +388,7 @@ namespace
 	TEST_F(RunnerMisuse, AnotherKernelSetRunsTheEntryPoints)
 	{
 		const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
-		const CBVM::EKernelIsa other = active == CBVM::KernelIsa_SSE2 ? CBVM::WidestKernelIsa() : CBVM::KernelIsa_SSE2;
+		const CBVM::EKernelIsa other = active == CBVM::KernelIsa_Base ? CBVM::WidestKernelIsa() : CBVM::KernelIsa_Base;
 		if (other == active)
 			GTEST_SKIP() << "this machine runs one kernel set";
 		ASSERT_TRUE(CBVM::SetKernelIsa(other));

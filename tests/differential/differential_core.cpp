@@ -259,7 +259,7 @@ namespace OxDiff
 	std::vector<CBVM::EKernelIsa> WideKernelSets()
 	{
 		std::vector<CBVM::EKernelIsa> sets;
-		for (u32 s = CBVM::KernelIsa_SSE2 + 1; s < CBVM::__MaxKernelIsas; ++s)
+		for (u32 s = CBVM::KernelIsa_Base + 1; s < CBVM::__MaxKernelIsas; ++s)
 			if (CBVM::KernelIsaSupported(CBVM::EKernelIsa(s)))
 				sets.push_back(CBVM::EKernelIsa(s));
 		return sets;
@@ -270,7 +270,7 @@ namespace OxDiff
 		const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
 		SFiles files;
 		fill(files);
-		CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
+		CBVM::SetKernelIsa(CBVM::KernelIsa_Base);
 		SOutcome outcome = Check(c, files, Encode(files.m_Standard, c.m_Op));
 		const std::vector<u32> reference = files.m_Standard.Words(files.m_Standard.m_Dst);
 		for (CBVM::EKernelIsa set : sets)
@@ -279,7 +279,7 @@ namespace OxDiff
 			fill(wide);
 			CBVM::SetKernelIsa(set);
 			SOutcome withSet = Check(c, wide, Encode(wide.m_Standard, c.m_Op));
-			CBVM::SetKernelIsa(CBVM::KernelIsa_SSE2);
+			CBVM::SetKernelIsa(CBVM::KernelIsa_Base);
 			const std::string name = CBVM::KernelIsaName(set);
 			for (SMismatch &m : withSet.m_Mismatches)
 				outcome.m_Mismatches.push_back({name + ": " + m.m_What, m.m_Detail});

@@ -19,8 +19,8 @@
 #include "source_file.h"
 #include "verification.h"
 
-#if OXVM_HAVE_TBB
 #include "cbvm_kernel_isa.h"
+#if OXVM_HAVE_TBB
 #include "cbvm_tbb_parallel_for.h"
 #endif
 
@@ -43,7 +43,7 @@ namespace OxVm
 			const SRunCommand &m_Options;
 			bool m_StandardPathRuns = true;
 			CBVM::EExecPath m_Path = CBVM::ExecPath_Standard;
-			CBVM::EKernelIsa m_Isa = CBVM::KernelIsa_SSE2;
+			CBVM::EKernelIsa m_Isa = CBVM::KernelIsa_Base;
 			u32 m_Elements = 0;
 			SProgram m_Program;
 			std::vector<u8> m_Bytecode;
@@ -240,7 +240,7 @@ namespace OxVm
 			fmt::print("run        {} path{}, {} elements, {} frame{}, seed {}\n", options.m_Compare ? "standard and low" : CBVM::ExecPathName(run.m_Path),
 					   options.m_Compare ? "s compared" : "", run.m_Elements, options.m_Frames, options.m_Frames == 1 ? "" : "s", options.m_Seed);
 			const char *environment = std::getenv("OX_CBVM_ISA");
-			CBVM::EKernelIsa named = CBVM::KernelIsa_SSE2;
+			CBVM::EKernelIsa named = CBVM::KernelIsa_Base;
 			const bool fromEnvironment = CBVM::KernelIsaFromName(environment, named) && named == run.m_Isa;	// (an unknown or unsupported name fell back to auto)
 			fmt::print("kernels    {} ({})\n", CBVM::KernelIsaName(run.m_Isa),
 					   options.m_Isa != "auto" ? "--isa" : fromEnvironment ? "OX_CBVM_ISA" : "the widest this machine runs");

@@ -13,6 +13,10 @@
 // line on stderr. SetKernelIsa changes it at any time (refusing a set the machine
 // lacks); a call that is running keeps the kernel it started with. The choice
 // costs nothing per instruction beyond the kernel-table lookup the path always does.
+//
+// On AArch64 there is one set, NEON ("neon"): the SSE2 kernels' source compiled against
+// the NEON layer (simd/neon/simd_vector.h), giving the same bits as SSE2 on x86.
+// OX_CBVM_ISA takes auto or neon there (in any letter case as well).
 
 #include "kr_base_types.h"
 
@@ -20,18 +24,28 @@ namespace Orvex
 {
 	namespace CBVM
 	{
+		// The sets of the architecture the library is built for. KernelIsa_Base is the
+		// reference set every other one is checked against: SSE2 on x86, NEON on AArch64
+		// (its only set, which gives the SSE2 bits as well).
 		enum EKernelIsa : u8
 		{
+#if defined(__aarch64__)
+			KernelIsa_NEON = 0,
+			__MaxKernelIsas,
+			KernelIsa_Base = KernelIsa_NEON,
+#else
 			KernelIsa_SSE2 = 0,
 			KernelIsa_AVX2,
 			KernelIsa_AVX512,
-			__MaxKernelIsas
+			__MaxKernelIsas,
+			KernelIsa_Base = KernelIsa_SSE2,
+#endif
 		};
 
-		// "sse2", "avx2", "avx512"; "?" outside the enumeration.
+		// "sse2", "avx2", "avx512" (x86) or "neon" (AArch64); "?" outside the enumeration.
 		const char *KernelIsaName(EKernelIsa isa);
-		// The set named 'name' ("sse2", "avx2", "avx512", ASCII letters in any case, so
-		// "AVX2" too); false for any other text.
+		// The set named 'name' (one of the names above, ASCII letters in any case, so
+		// "AVX2" and "NEON" too); false for any other text.
 		bool KernelIsaFromName(const char *name, EKernelIsa &isa);
 
 		// Whether this processor and operating system run the set (SSE2: always).

@@ -5,7 +5,9 @@
 #include "cbvm_math_op_kernel_sets.h"
 
 #include <atomic>
-#include <cpuid.h>
+#if !defined(__aarch64__)
+#	include <cpuid.h>
+#endif
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +25,13 @@ namespace Orvex
 	{
 		namespace
 		{
+#if defined(__aarch64__)
+			constexpr const char *kIsaNames[] = {"neon"};
+			constexpr const char *kIsaChoices = "auto or neon";
+#else
 			constexpr const char *kIsaNames[] = {"sse2", "avx2", "avx512"};
+			constexpr const char *kIsaChoices = "auto, sse2, avx2 or avx512";
+#endif
 			static_assert(sizeof(kIsaNames) / sizeof(kIsaNames[0]) == __MaxKernelIsas, "a name for every kernel set");
 
 			// Names are compared without regard to ASCII case: people write AVX2 and Avx512
@@ -38,6 +46,25 @@ namespace Orvex
 				}
 				return *text == *name;
 			}
+
+#if defined(__aarch64__)
+			// Advanced SIMD is part of every AArch64 processor: NEON is the only set.
+			EKernelIsa Widest()
+			{
+				return KernelIsa_NEON;
+			}
+
+			// The SSE2 kernels' source built on the NEON layer; like SSE2, no routed integer
+			// kernels and no float modulo-by-constant row.
+			const MathOp::SKernelSet &RowOf(EKernelIsa isa)
+			{
+				static const MathOp::SKernelSet s_Rows[] = {
+					{MathOp::g_FloatKernelsSse2, MathOp::g_IntKernelSse2, 0, nullptr, {}, KernelIsa_NEON, kIsaNames[KernelIsa_NEON]},
+				};
+				static_assert(sizeof(s_Rows) / sizeof(s_Rows[0]) == __MaxKernelIsas, "a row for every kernel set");
+				return s_Rows[isa];
+			}
+#else
 
 			// XCR0: the register state the operating system saves on a context switch.
 			u64 EnabledState()
@@ -91,6 +118,7 @@ namespace Orvex
 				static_assert(sizeof(s_Rows) / sizeof(s_Rows[0]) == __MaxKernelIsas, "a row for every kernel set");
 				return s_Rows[isa];
 			}
+#endif
 
 			// The first choice: the widest set, or OX_CBVM_ISA's.
 			EKernelIsa FirstChoice()
@@ -99,9 +127,9 @@ namespace Orvex
 				const char *asked = std::getenv("OX_CBVM_ISA");
 				if (asked != nullptr && asked[0] != '\0' && !SameName(asked, "auto"))
 				{
-					EKernelIsa named = KernelIsa_SSE2;
+					EKernelIsa named = KernelIsa_Base;
 					if (!KernelIsaFromName(asked, named))
-						std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%.40s is not auto, sse2, avx2 or avx512: using %s\n", asked, KernelIsaName(isa));
+						std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%.40s is not %s: using %s\n", asked, kIsaChoices, KernelIsaName(isa));
 					else if (!KernelIsaSupported(named))
 						std::fprintf(stderr, "orvex cbvm: OX_CBVM_ISA=%s: this machine does not run it: using %s\n", asked, KernelIsaName(isa));
 					else

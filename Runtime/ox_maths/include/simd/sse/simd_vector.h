@@ -9,6 +9,15 @@
 // Memory accesses go through the integer load/store forms wherever the width
 // allows: their pointer types may alias anything, so a stream of s32 can be read
 // through the same code path as a stream of float without breaking aliasing rules.
+//
+// On AArch64 this header gives the NEON layer instead (simd/neon/simd_vector.h), which
+// computes the same bits: the kernels include this one header on every architecture.
+
+#if defined(__aarch64__)
+#	include "simd/neon/simd_vector.h"
+#elif !defined(__x86_64__) && !defined(__i386__)
+#	error "the four-lane SIMD layer exists for x86 (SSE2) and AArch64 (NEON) only"
+#else
 
 #include "kr_assert.h"
 #include "kr_base_types.h"
@@ -407,3 +416,5 @@ namespace Orvex
 		};
 	}
 }
+
+#endif	// x86
