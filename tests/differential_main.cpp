@@ -16,6 +16,14 @@
 // model only where the standard path trades exactness for speed, by design (listed in
 // differential_core.h). Every other difference, and every assertion report outside
 // those cases, is a failure.
+//
+// --write-digests FILE / --digests FILE: the cross-machine golden check. For every
+// instruction the destination block left by the standard path (with the active kernel
+// set) and by the Low path is hashed (FNV-1a, 64 bits, over every word, padding
+// included) into one line "index digest". --write-digests writes the lines; --digests
+// compares them with a file written before (the checked-in ones come from x86 SSE2), and
+// names the first instruction whose words differ. Every machine, architecture and
+// kernel set must produce the same lines.
 // Exit status: 0 when everything matched, 1 otherwise, 2 for a bad command line.
 
 #include "cbvm_kernel_isa.h"
@@ -24,6 +32,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <cstdlib>
 #include <random>
 #include <string>
@@ -91,6 +100,36 @@ namespace
 		u64 m_SetRuns = 0;				// runs with a wide kernel set, compared with SSE2's
 	};
 
+	// FNV-1a over the words' bytes, least significant first (the same on every machine).
+	u64 Digest(u64 hash, const std::vector<u32> &words)
+	{
+		for (u32 w : words)
+			for (int b = 0; b < 4; ++b)
+			{
+				hash ^= (w >> (8 * b)) & 0xFFu;
+				hash *= 0x100000001B3ull;
+			}
+		return hash;
+	}
+
+	// The digest line of one instruction: both paths' destination blocks after the run.
+	u64 DigestOne(const OxDiff::SCase &c, const std::mt19937 &filled)
+	{
+		OxDiff::SFiles files;
+		std::mt19937 draws = filled;
+		OxDiff::BuildFiles(c, [&]() { return RandomWord(draws, c.m_Kind); }, files);
+		const std::vector<u8> bytecode = OxDiff::Encode(files.m_Standard, c.m_Op);
+		const OxDiff::SRun standard = OxDiff::Execute(files.m_Standard, bytecode, CBVM::ExecPath_Standard);
+		const OxDiff::SRun low = OxDiff::Execute(files.m_Low, bytecode, CBVM::ExecPath_Low);
+		u64 hash = 0xCBF29CE484222325ull;
+		hash = Digest(hash, standard.m_Dst);
+		hash = Digest(hash, low.m_Dst);
+		hash = Digest(hash, {u32(standard.m_Reports.size()), u32(low.m_Reports.size())});
+		return hash;
+	}
+
+	std::vector<u64> *g_Digests = nullptr;	// filled when digests are written or checked
+
 	bool CheckOne(u32 seed, u64 index, bool verbose, const std::vector<CBVM::EKernelIsa> &sets, SStats &stats)
 	{
 		std::mt19937 rng(seed ^ u32(index * 0x9E3779B9u) ^ u32(index >> 32));
@@ -104,6 +143,8 @@ namespace
 			},
 			sets);
 		stats.m_SetRuns += sets.size();
+		if (g_Digests != nullptr)
+			g_Digests->push_back(DigestOne(c, filled));
 
 		const u64 mismatches = outcome.m_Mismatches.size();
 		for (u64 m = 0; m < mismatches && (m < 4 || verbose); ++m)
@@ -131,6 +172,7 @@ int main(int argc, char **argv)
 {
 	u64 instructions = 20000, seed = 20261122, first = 0;
 	bool verbose = false;
+	std::string writeDigests, readDigests;
 	std::vector<CBVM::EKernelIsa> sets;	// wide sets compared with SSE2
 	for (int i = 1; i < argc; ++i)
 	{
@@ -141,6 +183,8 @@ int main(int argc, char **argv)
 			++i;
 		else if (arg == "--verbose")
 			verbose = true;
+		else if ((arg == "--write-digests" || arg == "--digests") && i + 1 < argc)
+			(arg == "--digests" ? readDigests : writeDigests) = argv[++i];
 		else if (arg == "--isa" && i + 1 < argc && (std::string(argv[i + 1]) == "all" || CBVM::KernelIsaFromName(argv[i + 1], named)))
 		{
 			const bool all = std::string(argv[++i]) == "all";
@@ -157,7 +201,7 @@ int main(int argc, char **argv)
 		}
 		else
 		{
-			std::fprintf(stderr, "usage: ox_differential [--instructions N] [--seed S] [--first I] [--isa avx2|avx512|all] [--verbose]\n");
+			std::fprintf(stderr, "usage: ox_differential [--instructions N] [--seed S] [--first I] [--isa SET|all] [--write-digests FILE | --digests FILE] [--verbose]\n");
 			return 2;
 		}
 	}
@@ -169,10 +213,69 @@ int main(int argc, char **argv)
 	std::fflush(stdout);
 
 	const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
+	std::vector<u64> digests;
+	if (!writeDigests.empty() || !readDigests.empty())
+		g_Digests = &digests;
 	SStats stats;
 	for (u64 i = first; i < first + instructions; ++i)
+	{
+		CBVM::SetKernelIsa(active);	// the digest is the active set's
 		CheckOne(u32(seed), i, verbose, sets, stats);
+	}
 	CBVM::SetKernelIsa(active);
+
+	u64 digestFailures = 0;
+	if (!writeDigests.empty())
+	{
+		std::ofstream out(writeDigests);
+		out << "# ox_differential --seed " << seed << " --first " << first << " --instructions " << instructions << ": instruction, digest of both paths' destination words\n";
+		for (u64 i = 0; i < digests.size(); ++i)
+		{
+			char line[64];
+			std::snprintf(line, sizeof line, "%llu %016llx\n", (unsigned long long)(first + i), (unsigned long long)digests[i]);
+			out << line;
+		}
+		if (!out)
+		{
+			std::fprintf(stderr, "ox_differential: cannot write %s\n", writeDigests.c_str());
+			return 2;
+		}
+		std::printf("digests of %llu instructions written to %s (kernel set %s)\n", (unsigned long long)digests.size(), writeDigests.c_str(), CBVM::KernelIsaName(active));
+	}
+	if (!readDigests.empty())
+	{
+		std::ifstream in(readDigests);
+		if (!in)
+		{
+			std::fprintf(stderr, "ox_differential: cannot read %s\n", readDigests.c_str());
+			return 2;
+		}
+		std::string line;
+		u64 checked = 0;
+		while (std::getline(in, line))
+		{
+			unsigned long long index = 0, digest = 0;
+			if (line.empty() || line[0] == '#' || std::sscanf(line.c_str(), "%llu %llx", &index, &digest) != 2)
+				continue;
+			if (index < first || index - first >= digests.size())
+				continue;
+			++checked;
+			if (digests[index - first] != digest && digestFailures++ == 0)
+			{
+				std::mt19937 rng(u32(seed) ^ u32(index * 0x9E3779B9u) ^ u32(index >> 32));
+				std::printf("DIGEST MISMATCH at instruction %llu (%s): %016llx here (kernel set %s), %016llx in %s\n  replay: ox_differential --seed %llu --first %llu --instructions 1 --verbose\n",
+							index, OxDiff::Describe(RandomCase(rng)).c_str(), (unsigned long long)digests[index - first], CBVM::KernelIsaName(active), digest,
+							readDigests.c_str(), (unsigned long long)seed, index);
+			}
+		}
+		if (checked != digests.size())
+		{
+			std::printf("DIGEST FILE %s holds %llu of the %llu instructions run\n", readDigests.c_str(), (unsigned long long)checked, (unsigned long long)digests.size());
+			digestFailures += 1;
+		}
+		std::printf("golden digests: %llu instructions checked against %s, %llu differ (kernel set %s)\n", (unsigned long long)checked, readDigests.c_str(), (unsigned long long)digestFailures,
+					CBVM::KernelIsaName(active));
+	}
 
 	std::printf("instructions compared: %llu, destination words compared: %llu, documented shortcuts taken: %llu\n",
 				(unsigned long long)stats.m_Instructions, (unsigned long long)stats.m_Words, (unsigned long long)stats.m_ExpectedDifferences);
@@ -180,5 +283,5 @@ int main(int argc, char **argv)
 		std::printf("kernel-set runs compared word for word with sse2: %llu\n", (unsigned long long)stats.m_SetRuns);
 	std::printf("mismatching instructions: %llu, mismatching words: %llu\n", (unsigned long long)stats.m_FailedInstructions, (unsigned long long)stats.m_Mismatches);
 	std::printf("differential: %llu passed, %llu failed\n", (unsigned long long)(stats.m_Instructions - stats.m_FailedInstructions), (unsigned long long)stats.m_FailedInstructions);
-	return stats.m_FailedInstructions == 0 ? 0 : 1;
+	return stats.m_FailedInstructions == 0 && digestFailures == 0 ? 0 : 1;
 }

@@ -309,7 +309,7 @@ TEST(MemoryView, StridesAndAssertions)
 
 TEST(MemoryViewDeathTest, NullStorageIsReportedBeforeTheRead)
 {
-	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	GTEST_FLAG_SET(death_test_style, OX_DEATH_TEST_STYLE);
 	// The report comes first (default handler, stderr), then the read faults.
 	EXPECT_DEATH(
 		{

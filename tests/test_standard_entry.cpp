@@ -630,7 +630,7 @@ TEST(StandardEntryDeathTest, SizeChecksDoNotWrapForHugeStreams)
 	// register would pass the destination size check. It must be reported. The check only
 	// reports (execution goes on and writes far past the register, which ends the
 	// process), so each path runs in a child and the report is looked for on stderr.
-	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	GTEST_FLAG_SET(death_test_style, OX_DEATH_TEST_STYLE);
 	for (CBVM::EExecPath path : {CBVM::ExecPath_Standard, CBVM::ExecPath_Low})
 	{
 		EXPECT_DEATH(

@@ -178,7 +178,7 @@ TEST(Broadcast, Dimension1ReadsOneWordAtAnyFourByteAlignedAddress)
 // checked is the report.
 TEST(BroadcastDeathTest, MisalignedSourceOfDimension3And4IsReported)
 {
-	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	GTEST_FLAG_SET(death_test_style, OX_DEATH_TEST_STYLE);
 	alignas(16) static u32 storage[12] = {};
 	const u32 *misaligned = storage + 1;
 	const char *pattern = "OX_NAMESPACE::Mem::IsAligned<0x10>\\(\\(src\\)\\): Unaligned memory! 0x[0-9a-f]+ should be 16-bytes aligned\\.";
@@ -202,7 +202,7 @@ TEST(BroadcastDeathTest, MisalignedSourceOfDimension3And4IsReported)
 
 TEST(BroadcastDeathTest, MisalignedBlockIsReportedAtTheStore)
 {
-	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	GTEST_FLAG_SET(death_test_style, OX_DEATH_TEST_STYLE);
 	EXPECT_DEATH(
 		{
 			Orvex::Assert::SetHandler(nullptr);

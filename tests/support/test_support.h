@@ -2,6 +2,14 @@
 // Test-side reporter: captures every assertion report instead of printing it,
 // and answers with a fixed value (continue by default, so no site is silenced).
 
+// Under the cross build's emulator a death test cannot start the test binary again (the
+// host runs no foreign executable by itself): the child is forked instead.
+#if defined(OX_TESTS_EMULATED)
+#	define OX_DEATH_TEST_STYLE "fast"
+#else
+#	define OX_DEATH_TEST_STYLE "threadsafe"
+#endif
+
 #include "kr_assert.h"
 
 #include <cstddef>
