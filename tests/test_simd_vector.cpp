@@ -2,14 +2,6 @@
 // evaluated at run time, floats compared by bit pattern.
 
 #include "simd/sse/simd_vector.h"
-
-// Under the cross build's emulator a death test cannot start the test binary again (the
-// host runs no foreign executable by itself): the child is forked instead.
-#if defined(OX_TESTS_EMULATED)
-#	define OX_DEATH_TEST_STYLE "fast"
-#else
-#	define OX_DEATH_TEST_STYLE "threadsafe"
-#endif
 #include "test_support.h"
 
 #include <gtest/gtest.h>
