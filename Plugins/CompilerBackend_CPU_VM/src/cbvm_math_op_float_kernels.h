@@ -360,7 +360,7 @@ namespace Orvex
 					srcStream0 += whole;
 					// The tail starts on a vector boundary: float j takes lane j of r and cst.
 					for (int j = 0; dstStream < dstStop; ++dstStream, ++srcStream0, ++j)
-						*dstStream = ScalarOps::TruncFracF32(*srcStream0 * rLanes[j]) * cstLanes[j];
+						*dstStream = ScalarOps::MulF32(ScalarOps::TruncFracF32(*srcStream0 * rLanes[j]), cstLanes[j]);
 				}
 				else if (stride0 == 0)
 				{
@@ -401,7 +401,7 @@ namespace Orvex
 					alignas(16) float rLanes[4];
 					r.StoreAligned16(rLanes);
 					for (int j = 0; dstStream < dstStop; ++dstStream, ++srcStream0, ++j)
-						*dstStream = ScalarOps::TruncFracF32(*srcStream0 * rLanes[j % 3]) * constant[j % 3];
+						*dstStream = ScalarOps::MulF32(ScalarOps::TruncFracF32(*srcStream0 * rLanes[j % 3]), constant[j % 3]);
 				}
 				else if (stride0 == 0)
 				{

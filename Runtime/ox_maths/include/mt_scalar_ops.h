@@ -48,6 +48,53 @@ namespace Orvex
 			return a % b;
 		}
 
+		// ---- Float arithmetic with x86's NaN words
+		// The scalar parts of the float kernels (modulo, loop tails) compute with the
+		// host's float operations. On x86 those are the SSE scalar instructions, whose
+		// words are the reference on every machine. AArch64 gives other NaNs: an invalid
+		// operation without a NaN input (0 / 0, 0 * inf) gives 0x7FC00000 there but
+		// 0xFFC00000 (sign set) on x86, and of two NaN inputs AArch64 prefers a signalling
+		// one where x86 returns the first source's, quieted. X86Word takes the host's
+		// result r of a op b and gives x86's: r itself on x86 (and wherever r is not a NaN).
+
+		inline float _FloatFromBits(u32 bits)
+		{
+			float f;
+			std::memcpy(&f, &bits, 4);
+			return f;
+		}
+
+		inline u32 _FloatToBits(float f)
+		{
+			u32 bits;
+			std::memcpy(&bits, &f, 4);
+			return bits;
+		}
+
+		inline float X86Word(float r, float a, float b)
+		{
+#if defined(__aarch64__)
+			if (!std::isnan(r))
+				return r;
+			constexpr u32 kQuietBit = 0x00400000u;
+			if (std::isnan(a))
+				return _FloatFromBits(_FloatToBits(a) | kQuietBit);
+			if (std::isnan(b))
+				return _FloatFromBits(_FloatToBits(b) | kQuietBit);
+			return _FloatFromBits(0xFFC00000u);
+#else
+			(void)a;
+			(void)b;
+			return r;
+#endif
+		}
+
+		// a / b and a * b with x86's words. (The product's operands may be swapped by an
+		// x86 compiler, a multiply being commutative: its callers pass a first operand that
+		// is never a NaN, so the two-NaN rule cannot come into play.)
+		inline float DivF32(float a, float b) { return X86Word(a / b, a, b); }
+		inline float MulF32(float a, float b) { return X86Word(a * b, a, b); }
+
 		// Fractional part of a quotient, taken only while it fits the 32-bit truncation
 		// (|q| < 2^31); beyond that, and for a NaN or infinite q, +0. The vector kernels
 		// compute the same thing lane by lane: (q - float(trunc32(q))) masked by |q| < 2^31.
@@ -59,9 +106,11 @@ namespace Orvex
 		// Float modulo as the VM defines it: frac(a / b) * b. The result has the sign of a,
 		// x mod 0 is 0 for every finite x, and a huge quotient gives 0 rather than the exact
 		// remainder.
+		// (The quotient's NaN never reaches the result, TruncFracF32 gives 0 for it; the
+		// product is a NaN for a NaN b, or an invalid 0 * inf.)
 		inline float ModF32(float a, float b)
 		{
-			return TruncFracF32(a / b) * b;
+			return MulF32(TruncFracF32(DivF32(a, b)), b);
 		}
 
 		// Negation as a sign flip, not 0 - a: 0 and -0 swap, a NaN keeps its payload.
