@@ -112,7 +112,11 @@ namespace
 		case 1: return 0xFFC00000u | random.Uniform(0x3FFFFF);				// quiet NaN, negative, payload
 		case 2: return random.Uniform(2) ? 0x7F800000u : 0xFF800000u;		// infinities
 		case 3: return random.Uniform(2) ? 0x00000000u : 0x80000000u;		// zeros
-		case 4: return random.Uniform(0x7FFFFF) | (random.Uniform(2) << 31);	// subnormals
+		case 4:	// subnormals (the payload drawn first: the operands of | have no set order)
+		{
+			const u32 payload = random.Uniform(0x7FFFFF);
+			return payload | (random.Uniform(2) << 31);
+		}
 		case 5: return 0x3F800000u;											// 1.0 (equal pairs)
 		default:
 		{

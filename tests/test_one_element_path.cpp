@@ -60,7 +60,11 @@ namespace
 			const u32 op = rng.Uniform(21);	// 19, 20: past the operator set
 			const EBaseTypeID type = types[rng.Uniform(rng.Uniform(4) == 0 ? 12 : 9)];
 			auto reg = [&](EBaseTypeID t) {
-				u32 bits = u32(CVMRegID::Build(rng.Uniform(kSlots), EMetaType(rng.Uniform(4) + 1), t).m_RawBits);
+				// One draw per statement (a call's arguments are evaluated in the
+				// compiler's order, which differs between x86-64 and AArch64).
+				const u32 slot = rng.Uniform(kSlots);
+				const EMetaType bank = EMetaType(rng.Uniform(4) + 1);
+				u32 bits = u32(CVMRegID::Build(slot, bank, t).m_RawBits);
 				if (rng.Uniform(40) == 0)
 					bits |= 0x40000000u << rng.Uniform(2);	// ill-formed
 				return bits;

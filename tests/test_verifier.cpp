@@ -176,13 +176,24 @@ namespace
 			for (u32 i = 0; i < count; ++i)
 			{
 				const u32 op = rng() % 20;	// 19: past the operator set
-				const EBaseTypeID type = types[rng() % (rng() % 4 == 0 ? 10 : 8)];
-				const auto reg = [&](EBaseTypeID t) { return Id(rng() % (kSlots + (rng() % 10 == 0 ? 1 : 0)), kBanks[rng() % 4], t); };
+				// One draw per statement: the operands of % and a call's arguments are
+				// evaluated in the compiler's order (GCC takes arguments right to left on
+				// x86-64, left to right on AArch64), and a seed must replay anywhere.
+				const u32 typeDraw = rng();
+				const EBaseTypeID type = types[typeDraw % (rng() % 4 == 0 ? 10 : 8)];
+				const auto reg = [&](EBaseTypeID t) {
+					const u32 slotDraw = rng();
+					const u32 slot = slotDraw % (kSlots + (rng() % 10 == 0 ? 1 : 0));
+					const u32 bank = rng() % 4;
+					return Id(slot, kBanks[bank], t);
+				};
 				const u32 dst = reg(rng() % 8 == 0 ? types[rng() % 10] : type);
 				const u32 src0 = reg(type);
 				const bool binary = SOp_MathOp::OperatorTraits(EOp(op)).m_ParameterCount > 1;
 				const u32 src1 = (binary != (rng() % 20 == 0)) ? reg(rng() % 10 == 0 ? types[rng() % 10] : type) : 0xFFFFFFFFu;
-				Emit(code, op, rng() % 50 == 0 ? rng() : dst, src0, src1, rng() % 4 == 0);
+				const u32 written = rng() % 50 == 0 ? rng() : dst;
+				const bool generic = rng() % 4 == 0;
+				Emit(code, op, written, src0, src1, generic);
 			}
 			const CBVM::SVerifyResult result = CBVM::CVerifier::Verify(code.data(), u32(code.size()), storage, nullptr, 0);
 			if (result.Problems() != 0)

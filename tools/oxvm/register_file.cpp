@@ -23,7 +23,11 @@ namespace OxVm
 		u32 RandomInt(std::mt19937 &rng, s64 lo, s64 hi)
 		{
 			const u64 range = u64(hi - lo) + 1;	// up to 2^33: hi and lo are 64-bit
-			const u64 draw = (u64(rng()) << 32 | rng()) % range;
+			// The high word is drawn first, in its own statement: the operands of | may be
+			// evaluated in either order, and a seed must give the same values on every
+			// machine and compiler.
+			const u64 high = rng();
+			const u64 draw = (high << 32 | rng()) % range;
 			return u32(u64(lo) + draw);
 		}
 
