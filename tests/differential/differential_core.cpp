@@ -97,7 +97,7 @@ namespace OxDiff
 			const float a = OxTest::BitsFloat(aBits), c = OxTest::BitsFloat(cBits);
 			const float q = a * (1.0f / c);
 			const float frac = std::fabs(q) < 2147483648.0f ? q - float(s32(q)) : 0.0f;
-			return OxTest::FloatBits(frac * c);
+			return OxTest::ModelFloatArith(SOp_MathOp::Op_Mul, OxTest::FloatBits(frac), cBits);	// the model's NaN words
 		}
 
 		bool IsShift(EOp op)

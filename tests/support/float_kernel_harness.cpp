@@ -52,7 +52,8 @@ namespace FloatKernelTest
 		float fraction = 0.0f;
 		if (std::fabs(q) < 2147483648.0f)
 			fraction = q - float(s32(q));
-		return FloatBits(fraction * c);
+		// (fraction is never a NaN: the product's NaN, if any, follows the model's rule.)
+		return OxTest::ModelFloatArith(Orvex::Compiler::IR::SOp_MathOp::Op_Mul, FloatBits(fraction), cBits);
 	}
 
 	//--------------------------------------------------------------------------------

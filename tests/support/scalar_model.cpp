@@ -16,28 +16,24 @@ namespace OxTest
 		constexpr u32 kSignBit = 0x80000000u;
 		constexpr u32 kQuietBit = 0x00400000u;
 		constexpr u32 kAllOnes = 0xFFFFFFFFu;
+		// The NaN x86 gives for an invalid operation without a NaN operand (sign set).
+		constexpr u32 kX86DefaultNaN = 0xFFC00000u;
 
 		bool IsNaNBits(u32 bits) { return (bits & 0x7F800000u) == 0x7F800000u && (bits & 0x007FFFFFu) != 0; }
 
 		u32 Mask(bool condition) { return condition ? kAllOnes : 0u; }
 
-		// The four IEEE operations with the NaN rule of the header spelled out, so the
-		// result does not depend on how the compiler orders commutative operands.
-		u32 FloatArith(ModelEOp op, u32 aBits, u32 bBits)
+		// The host computes only values that are not NaNs: every NaN word is the
+		// header's rule, decided here.
+		float HostArith(ModelEOp op, float a, float b)
 		{
-			if (IsNaNBits(aBits))
-				return aBits | kQuietBit;
-			if (IsNaNBits(bBits))
-				return bBits | kQuietBit;
-			const float a = BitsFloat(aBits);
-			const float b = BitsFloat(bBits);
 			switch (op)
 			{
-			case SOp::Op_Add: return FloatBits(a + b);
-			case SOp::Op_Sub: return FloatBits(a - b);
-			case SOp::Op_Mul: return FloatBits(a * b);
-			case SOp::Op_Div: return FloatBits(a / b);
-			default: return 0;
+			case SOp::Op_Add: return a + b;
+			case SOp::Op_Sub: return a - b;
+			case SOp::Op_Mul: return a * b;
+			case SOp::Op_Div: return a / b;
+			default: return 0.0f;
 			}
 		}
 
@@ -58,7 +54,7 @@ namespace OxTest
 					whole = 0.0f;	// drop the sign of a zero integer part
 				fraction = q - whole;
 			}
-			return FloatArith(SOp::Op_Mul, FloatBits(fraction), bBits);
+			return ModelFloatArith(SOp::Op_Mul, FloatBits(fraction), bBits);
 		}
 
 		// Floor of v / 2^k, i.e. what a sign-filling right shift gives, without shifting
@@ -72,6 +68,21 @@ namespace OxTest
 		}
 
 		u32 Low32(s64 v) { return u32(u64(v) & 0xFFFFFFFFull); }
+	}
+
+	// The NaN rule of the header spelled out, so that the word depends neither on how
+	// the compiler orders commutative operands nor on the machine: a NaN operand's word
+	// (the first one's) is taken before the host computes anything, and a NaN the host
+	// makes from two non-NaN operands (inf - inf, 0 * inf, 0 / 0) is x86's default NaN,
+	// whatever the host's own default is (AArch64's has the sign clear).
+	u32 ModelFloatArith(ModelEOp op, u32 aBits, u32 bBits)
+	{
+		if (IsNaNBits(aBits))
+			return aBits | kQuietBit;
+		if (IsNaNBits(bBits))
+			return bBits | kQuietBit;
+		const u32 result = FloatBits(HostArith(op, BitsFloat(aBits), BitsFloat(bBits)));
+		return IsNaNBits(result) ? kX86DefaultNaN : result;
 	}
 
 	u32 FloatBits(float value)
@@ -120,7 +131,7 @@ namespace OxTest
 		case SOp::Op_Sub:
 		case SOp::Op_Mul:
 		case SOp::Op_Div:
-			return FloatArith(op, aBits, bBits);
+			return ModelFloatArith(op, aBits, bBits);
 		case SOp::Op_Mod:
 			return FloatMod(aBits, bBits);
 		case SOp::Op_Neg:

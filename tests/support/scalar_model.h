@@ -8,12 +8,17 @@
 // std::fabs, comparisons through the language's own operators. Every value is passed as its raw 32-bit word so that NaN
 // payloads, signed zeros and all-ones masks compare bit for bit.
 //
-// Float NaN rule (what SSE does for "a op b"): a NaN operand comes back quieted
-// (bit 22 set); when both operands are NaN, the first one wins. An operation that
-// creates a NaN (inf - inf, 0 * inf, 0 / 0) gives the processor's default NaN.
-// IEEE arithmetic does not say which NaN a two-NaN operation returns, and a compiler
-// is free to swap the operands of a commutative add or mul, so for add and mul of two
-// NaNs the other operand's quieted NaN is accepted as well (ModelFloatAlternative).
+// Float NaN rule (what x86 SSE2 does for "a op b", the reference on every machine): a
+// NaN operand comes back quieted (bit 22 set); when both operands are NaN, the first one
+// wins (AArch64 hardware would prefer a signalling one). An operation that creates a NaN
+// (inf - inf, 0 * inf, 0 / 0) gives x86's default NaN, 0xFFC00000 (AArch64's is
+// 0x7FC00000). The model decides every NaN word itself, so it gives these words on any
+// host. IEEE arithmetic does not say which NaN a two-NaN operation returns, and a
+// compiler is free to swap the operands of a commutative add or mul, so for add and mul
+// of two NaNs the other operand's quieted NaN is accepted as well (ModelFloatAlternative).
+// The model converts no float to an integer: the float modulo's integer part is
+// std::trunc of a quotient below 2^31 in magnitude, and 0 past it (where x86's
+// conversion would give 0x80000000 and AArch64's saturate, neither is ever asked).
 
 #include "cp_ir_details.h"
 #include "kr_base_types.h"
@@ -41,6 +46,9 @@ namespace OxTest
 	// One component: raw words in, raw word out. The second operand is ignored by the
 	// unary operators. Unsupported operators return 0 (callers check Model*Supports first).
 	Orvex::u32 ModelFloat(ModelEOp op, Orvex::u32 aBits, Orvex::u32 bBits);
+	// Float add, sub, mul or div of two raw words with the NaN rule above (any other
+	// operator gives 0), for tests that model a kernel's own sequence of operations.
+	Orvex::u32 ModelFloatArith(ModelEOp op, Orvex::u32 aBits, Orvex::u32 bBits);
 	Orvex::u32 ModelInt(ModelEOp op, Orvex::u32 a, Orvex::u32 b);
 	Orvex::u32 ModelComponent(EModelKind kind, ModelEOp op, Orvex::u32 a, Orvex::u32 b);
 
