@@ -20,4 +20,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/usr/${OX_CROSS_TRIPLE})
+# The emulated programs load the target's own multiarch root: its dynamic loader
+# (/lib/ld-linux-aarch64.so.1) with the libc, libstdc++ and libfmt of the arm64
+# packages, one consistent set. With -L /usr/${OX_CROSS_TRIPLE} qemu took the loader of
+# the cross package (glibc 2.36-8) but, finding no libc under that prefix's multiarch
+# folder, the arm64 package's libc.so.6 (a later 2.36 build). A loader and a libc of two
+# builds disagree on the private data they share: every std::thread spun forever in
+# pthread_create (walking the list of cached stacks), and a forked child never ran, so
+# death tests, thread tests and std::system hung.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/)
