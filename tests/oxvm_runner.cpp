@@ -6,12 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// A cross build's tool runs through the emulator (the test itself runs under it too,
-// but a shell it starts is the host's): OXVM_LAUNCHER is the emulator's command line.
-#ifndef OXVM_LAUNCHER
-#	define OXVM_LAUNCHER ""
-#endif
-
 namespace OxTest
 {
 	void COxvmTest::SetUp()
@@ -38,7 +32,7 @@ namespace OxTest
 
 	bool COxvmTest::MemoryLimitsApply()
 	{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(OX_TESTS_EMULATED) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 		return false;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)

@@ -5,6 +5,13 @@
 
 #include <string>
 
+// A cross build's tool runs through the emulator (the test itself runs under it too,
+// but a shell it starts is the host's): OXVM_LAUNCHER is the emulator's command line,
+// to be written before OXVM_PATH in every command that starts the tool.
+#ifndef OXVM_LAUNCHER
+#	define OXVM_LAUNCHER ""
+#endif
+
 namespace OxTest
 {
 	struct SOxvmResult
@@ -25,7 +32,8 @@ namespace OxTest
 		// The same with the process's address space limited to 'kilobytes' (ulimit -v):
 		// a run that needs more fails to allocate instead of swapping the machine.
 		// Under a sanitizer the limit is left out (the sanitizers reserve terabytes of
-		// address space): the run's results are still checked, its memory is not.
+		// address space), and under the cross build's emulator (whose own code buffers
+		// count against it): the run's results are still checked, its memory is not.
 		SOxvmResult OxvmWithMemoryLimit(const std::string &args, unsigned long kilobytes) const;
 		static bool MemoryLimitsApply();
 		// The same with the file 'input' (in the test's folder) as standard input.

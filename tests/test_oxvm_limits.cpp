@@ -81,7 +81,7 @@ namespace
 	TEST_F(OxvmLimits, OutOfMemoryIsAMessage)
 	{
 		if (!MemoryLimitsApply())
-			GTEST_SKIP() << "no address-space limit under a sanitizer";
+			GTEST_SKIP() << "no address-space limit under a sanitizer or an emulator";
 		LongProgram("long.oxs", 1000000);
 		const SOxvmResult result = OxvmWithMemoryLimit("asm long.oxs -o long.bin", kBaseKb / 2);	// it needs about 70 MB
 		EXPECT_EQ(result.m_Status, 2);
@@ -94,7 +94,7 @@ namespace
 	TEST_F(OxvmLimits, RegistersThatDoNotFitAreRefusedBeforeTheSetUp)
 	{
 		if (!MemoryLimitsApply())
-			GTEST_SKIP() << "no address-space limit under a sanitizer";
+			GTEST_SKIP() << "no address-space limit under a sanitizer or an emulator";
 		// The bundled example at the largest stream needs about 30 GB: under a limit of a
 		// few hundred MB it is refused before the set-up, nothing printed on standard output.
 		const SOxvmResult huge = OxvmWithMemoryLimit("run --elements 268435455", kBaseKb + 256 * 1024);

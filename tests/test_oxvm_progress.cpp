@@ -6,6 +6,7 @@
 
 #include "oxvm_runner.h"
 #include "progress.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -250,7 +251,7 @@ namespace
 			dup2(nothing, STDOUT_FILENO);
 			dup2(nothing, STDIN_FILENO);
 			std::signal(SIGINT, disposition);
-			const std::string command = "exec '" OXVM_PATH "' " + args;
+			const std::string command = "exec " OXVM_LAUNCHER "'" OXVM_PATH "' " + args;
 			execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));
 			_exit(127);
 		}
@@ -314,7 +315,7 @@ namespace
 	// the process dies of the signal it handled.
 	TEST(OxvmProgressDeathTest, HandlerClearsTheLineThenReraises)
 	{
-		GTEST_FLAG_SET(death_test_style, "threadsafe");
+		GTEST_FLAG_SET(death_test_style, OX_DEATH_TEST_STYLE);
 		EXPECT_EXIT(
 			{
 				OxVm::CProgress progress(OxVm::Progress_Always);

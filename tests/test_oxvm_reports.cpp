@@ -42,7 +42,7 @@ namespace
 					_exit(127);
 				dup2(terminal, STDERR_FILENO);
 				dup2(out, STDOUT_FILENO);
-				const std::string command = "exec '" OXVM_PATH "' " + args + " </dev/null";
+				const std::string command = "exec " OXVM_LAUNCHER "'" OXVM_PATH "' " + args + " </dev/null";
 				execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));
 				_exit(127);
 			}
