@@ -7,7 +7,9 @@
 # as ordinary ones: an imported target's include folder is a system one by default,
 # where the compiler keeps quiet about their warnings), HEADER_CHECK_DIR (a
 # project that compiles every installed public header alone, configured and built the
-# same way: tests/package/headers).
+# same way: tests/package/headers), TOOLCHAIN_FILE and EMULATOR (a cross build: the host
+# is configured with the same toolchain file, and every program built runs through the
+# emulator's command line).
 foreach(var BUILD_DIR SOURCE_DIR WORK_DIR)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "${var} is not set")
@@ -26,6 +28,13 @@ function(run_step)
 endfunction()
 
 set(host_options -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+set(emulator "")
+if(DEFINED TOOLCHAIN_FILE)
+  list(APPEND host_options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE})
+endif()
+if(DEFINED EMULATOR)
+  separate_arguments(emulator UNIX_COMMAND "${EMULATOR}")
+endif()
 if(DEFINED CXX_STANDARD)
   list(APPEND host_options -DCMAKE_CXX_STANDARD=${CXX_STANDARD})
 endif()
@@ -36,7 +45,7 @@ endif()
 run_step(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
 # The tool is installed too, and runs from there.
 if(EXISTS "${BUILD_DIR}/tools/oxvm")
-  run_step("${prefix}/bin/oxvm" --help)
+  run_step(${emulator} "${prefix}/bin/oxvm" --help)
 endif()
 run_step(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" -G Ninja ${host_options})
 # The host's compile line has the standard and the flags asked for (CMake gives a
@@ -62,9 +71,9 @@ if(DEFINED CXX_STANDARD OR STRICT)
   endforeach()
 endif()
 run_step(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
-run_step("${WORK_DIR}/build/embed_host")
+run_step(${emulator} "${WORK_DIR}/build/embed_host")
 # The README's example: it must run as a prepared plan in batches, as the README says.
-execute_process(COMMAND "${WORK_DIR}/build/embed_quick_start" RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+execute_process(COMMAND ${emulator} "${WORK_DIR}/build/embed_quick_start" RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT result EQUAL 0 OR NOT out MATCHES "^batches of .*; prepared: ")
   message(FATAL_ERROR "embed_quick_start (${result}) did not run prepared in batches:\n${out}\n${err}")
 endif()

@@ -8,12 +8,22 @@
 #   - an install with it, for a host where oneTBB is not found (CMAKE_DISABLE_FIND_PACKAGE_TBB):
 #     fails with that reason; for a host that has it: found, and a program links it and runs;
 #   - a component that does not exist: fails, naming the components there are.
+# A cross build passes TOOLCHAIN_FILE (the hosts are configured with it) and EMULATOR
+# (the command line a built program runs through).
 foreach(var BUILD_DIR SOURCE_DIR WORK_DIR)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "${var} is not set")
   endif()
 endforeach()
 file(REMOVE_RECURSE "${WORK_DIR}")
+set(cross_options "")
+set(emulator "")
+if(DEFINED TOOLCHAIN_FILE)
+  list(APPEND cross_options -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE})
+endif()
+if(DEFINED EMULATOR)
+  separate_arguments(emulator UNIX_COMMAND "${EMULATOR}")
+endif()
 
 function(install_to prefix)
   execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}" RESULT_VARIABLE result OUTPUT_QUIET ERROR_VARIABLE err)
@@ -30,7 +40,7 @@ function(host name prefix expect)
   math(EXPR next "${case} + 1")
   set(case ${next} PARENT_SCOPE)
   set(dir "${WORK_DIR}/host${next}")
-  execute_process(COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${dir}" -G Ninja -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release ${arg_OPTIONS}
+  execute_process(COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${dir}" -G Ninja -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release ${cross_options} ${arg_OPTIONS}
                   RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
   set(all "${out}${err}")
   # CMake wraps the reason's lines: compare with the whitespace folded.
@@ -81,7 +91,7 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build "${built_dir}" RESULT_VARIABLE 
 if(NOT result EQUAL 0)
   message(FATAL_ERROR "the host of Orvex::cbvm_tbb did not build:\n${out}${err}")
 endif()
-execute_process(COMMAND "${built_dir}/tbb_host" RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+execute_process(COMMAND ${emulator} "${built_dir}/tbb_host" RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT result EQUAL 0 OR NOT err STREQUAL "")
   message(FATAL_ERROR "tbb_host: exit ${result}\n${out}${err}")
 endif()
