@@ -20,6 +20,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <random>
 #include <cstring>
 #include <string>
@@ -278,7 +282,34 @@ namespace
 		u32 m_Scratch = 0;
 		CBVM::EBatchRefusal m_Refusal = CBVM::BatchRefusal_None;
 		std::string m_Difference;
+		u64 m_WholeDigest = 0;	// FNV-1a of every word of the file after the whole-stream run
 	};
+
+	u64 Fnv1a(const std::vector<u32> &words)
+	{
+		u64 hash = 0xcbf29ce484222325ull;
+		for (const u32 word : words)
+			for (u32 byte = 0; byte < 4; ++byte)
+				hash = (hash ^ ((word >> (8 * byte)) & 0xFFu)) * 0x100000001b3ull;
+		return hash;
+	}
+
+	// The golden digests of the random programs (tests/golden/README.md): program number
+	// -> digest of the whole-stream run, as written on x86 with the SSE2 kernels.
+	std::vector<std::pair<u32, u64>> ReadGolden(const char *path)
+	{
+		std::vector<std::pair<u32, u64>> golden;
+		std::ifstream in(path);
+		std::string line;
+		while (std::getline(in, line))
+		{
+			unsigned program = 0;
+			std::uint64_t digest = 0;
+			if (!line.empty() && line[0] != '#' && std::sscanf(line.c_str(), "%u %" SCNx64, &program, &digest) == 2)
+				golden.emplace_back(program, digest);
+		}
+		return golden;
+	}
 
 	class BatchRunner : public ::testing::Test
 	{
@@ -326,6 +357,8 @@ namespace
 					outcome.m_Prepared = result.m_Prepared;
 				}
 				results[run] = Snapshot(file, outcome.m_Batched ? scratch : std::vector<CVMRegID>());
+				if (run == 0)
+					outcome.m_WholeDigest = Fnv1a(results[0]);	// every word: no run has said it batches yet
 			}
 			if (outcome.m_Batched && !scratch.empty())
 			{
@@ -353,8 +386,21 @@ namespace
 		Assert::FnHandler m_Previous = nullptr;
 	};
 
+	// 3,000 random programs, each run whole-stream, batched on one thread and on several
+	// (and by oneTBB), under every kernel set in turn: the words must agree. Each
+	// program's whole-stream words must also hash to the golden digest written on x86
+	// with SSE2 (tests/golden/random_programs_20261124_3000.txt), the same on every
+	// machine. OX_RANDOM_PROGRAMS=N runs the first N only (the ARM64 stage, under
+	// emulation); OX_WRITE_RANDOM_PROGRAM_DIGESTS=FILE writes the digests instead.
 	TEST_F(BatchRunner, RandomProgramsGiveTheWholeStreamWords)
 	{
+		const u32 programs = std::getenv("OX_RANDOM_PROGRAMS") != nullptr ? u32(std::strtoul(std::getenv("OX_RANDOM_PROGRAMS"), nullptr, 10)) : 3000u;
+		ASSERT_TRUE(programs >= 100 && programs <= 3000) << "OX_RANDOM_PROGRAMS: 100 to 3000";
+		const char *writeDigests = std::getenv("OX_WRITE_RANDOM_PROGRAM_DIGESTS");
+		const std::vector<std::pair<u32, u64>> golden = writeDigests != nullptr ? std::vector<std::pair<u32, u64>>() : ReadGolden(OX_GOLDEN_DIR "/random_programs_20261124_3000.txt");
+		ASSERT_TRUE(writeDigests != nullptr || !golden.empty()) << "no golden digests in " OX_GOLDEN_DIR;
+		std::vector<std::pair<u32, u64>> digests;
+		std::size_t next = 0;	// in golden
 		OxTest::CSeededRandom random(20261124);
 		const u32 streams[] = {50, 95, 96, 97, 143, 144, 145, 193, 241, 481};
 		u32 batchedPrograms = 0, withScratch = 0, refusals[CBVM::__MaxBatchRefusals] = {};
@@ -365,8 +411,10 @@ namespace
 		for (u32 isa = 0; isa < CBVM::__MaxKernelIsas; ++isa)
 			if (CBVM::KernelIsaSupported(CBVM::EKernelIsa(isa)))
 				sets.push_back(CBVM::EKernelIsa(isa));
+		if (writeDigests != nullptr)
+			sets = {CBVM::KernelIsa_Base};	// the reference set: SSE2 (write the file on x86)
 		const CBVM::EKernelIsa active = CBVM::ActiveKernelIsa();
-		for (u32 n = 0; n < 3000; ++n)
+		for (u32 n = 0; n < programs; ++n)
 		{
 			CBVM::SetKernelIsa(sets[n % sets.size()]);
 			const u32 seed = u32(random());
@@ -389,6 +437,14 @@ namespace
 			const SOutcome outcome = Compare(slots, stream, seed, code, batch, 2 + random.Uniform(3), scratch);
 			ASSERT_TRUE(outcome.m_Difference.empty()) << "program " << n << " (file seed " << seed << ", " << slots << " slots, stream " << stream << ", batch " << batch << ", "
 													  << scratch.size() << " scratch): " << outcome.m_Difference;
+			digests.emplace_back(n, outcome.m_WholeDigest);
+			if (writeDigests == nullptr)
+			{
+				ASSERT_TRUE(next < golden.size() && golden[next].first == n) << "program " << n << " is not in the golden file (a changed generator?)";
+				ASSERT_EQ(outcome.m_WholeDigest, golden[next].second) << "program " << n << " (file seed " << seed << ", " << slots << " slots, stream " << stream
+																	  << ") differs from its golden digest: the first program whose words differ from x86 SSE2's";
+				++next;
+			}
 			batchedPrograms += outcome.m_Batched ? 1 : 0;
 			++compared;
 			prepared += outcome.m_Prepared ? 1 : 0;
@@ -398,17 +454,28 @@ namespace
 			++refusals[outcome.m_Refusal];
 		}
 		CBVM::SetKernelIsa(active);
+		if (writeDigests != nullptr)
+		{
+			std::FILE *out = std::fopen(writeDigests, "w");
+			ASSERT_NE(out, nullptr) << writeDigests;
+			std::fprintf(out, "# test_batch_runner RandomProgramsGiveTheWholeStreamWords, seed 20261124: program, digest of its whole-stream words\n");
+			for (const auto &digest : digests)
+				std::fprintf(out, "%u %016" PRIx64 "\n", digest.first, std::uint64_t(digest.second));
+			std::fclose(out);
+		}
 		// The draws must exercise both: programs that run in batches, and refusals; and
-		// prepared programs (those the verifier accepts) among both.
-		EXPECT_GT(batchedPrograms, 100u);
-		EXPECT_GT(preparedBatched, 50u);
-		EXPECT_GT(preparedRefused, 20u);
-		EXPECT_GT(compared - prepared, 20u);	// programs with a verifier problem: the entry points
-		EXPECT_GT(refusals[CBVM::BatchRefusal_OneElementReadsStream], 10u);
-		EXPECT_GT(refusals[CBVM::BatchRefusal_WrittenAfterRead], 2u);
-		EXPECT_GT(withScratch, 60u);
-		EXPECT_GT(refusals[CBVM::BatchRefusal_Scratch], 10u);
-		std::printf("seed 20261124: batched %u (%u with scratch registers), prepared %u of %u (%u batched, %u refused batching), refused: reads stream %u, written after read %u, overlap %u, short %u, scratch %u\n", batchedPrograms,
+		// prepared programs (those the verifier accepts) among both (the minimums are for
+		// 3,000 programs, scaled to fewer).
+		auto atLeast = [&](u32 of3000) { return of3000 * programs / 3000; };
+		EXPECT_GT(batchedPrograms, atLeast(100));
+		EXPECT_GT(preparedBatched, atLeast(50));
+		EXPECT_GT(preparedRefused, atLeast(20));
+		EXPECT_GT(compared - prepared, atLeast(20));	// programs with a verifier problem: the entry points
+		EXPECT_GT(refusals[CBVM::BatchRefusal_OneElementReadsStream], atLeast(10));
+		EXPECT_GT(refusals[CBVM::BatchRefusal_WrittenAfterRead], atLeast(2));
+		EXPECT_GT(withScratch, atLeast(60));
+		EXPECT_GT(refusals[CBVM::BatchRefusal_Scratch], atLeast(10));
+		std::printf("seed 20261124, %u programs, %zu golden digests matched: batched %u (%u with scratch registers), prepared %u of %u (%u batched, %u refused batching), refused: reads stream %u, written after read %u, overlap %u, short %u, scratch %u\n", programs, next, batchedPrograms,
 					withScratch, prepared, compared, preparedBatched, preparedRefused, refusals[CBVM::BatchRefusal_OneElementReadsStream], refusals[CBVM::BatchRefusal_WrittenAfterRead], refusals[CBVM::BatchRefusal_OverlappingStorage],
 					refusals[CBVM::BatchRefusal_ShortRegister], refusals[CBVM::BatchRefusal_Scratch]);
 	}
