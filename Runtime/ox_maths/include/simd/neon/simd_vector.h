@@ -13,8 +13,8 @@
 //     prefers a signalling NaN in either operand over a quiet one;
 //   - a float -> int conversion of a NaN or an out-of-range value saturates on AArch64
 //     (NaN -> 0) and gives 0x80000000 on x86.
-// The fix-up of an arithmetic result is branch-free: three compares, two ors and three
-// selects per vector (see _X86Nan). Comparisons, bit operations and integer operations
+// The fix-up of an arithmetic result costs a compare, a reduction and a predicted branch
+// per vector; only a vector with a NaN lane takes the selects (see _X86Nan). Comparisons, bit operations and integer operations
 // need none. No fused multiply-add (the build compiles every unit with
 // -ffp-contract=off), no reciprocal or square-root estimates, and the rounding mode and
 // flush-to-zero are the process's defaults (round to nearest, denormals kept), as
@@ -48,8 +48,8 @@ namespace Orvex
 		// The result x86 gives for a op b, from AArch64's result r of the same operation:
 		// r itself where it is not a NaN; where it is, a's NaN quieted if a is a NaN, else
 		// b's quieted if b is, else the x86 default NaN. Lanes without a NaN are left as
-		// they are, so the usual cost is the instructions alone, never a branch.
-		inline OX_ALWAYS_INLINE float32x4_t _X86Nan(float32x4_t r, float32x4_t a, float32x4_t b)
+		// they are.
+		inline float32x4_t _X86NanLanes(float32x4_t r, float32x4_t a, float32x4_t b)
 		{
 			const uint32x4_t quiet = vdupq_n_u32(kQuietBit);
 			const uint32x4_t aOrdered = vceqq_f32(a, a);	// all ones where a is not a NaN
@@ -58,6 +58,16 @@ namespace Orvex
 			const uint32x4_t fromB = vbslq_u32(bOrdered, vdupq_n_u32(kX86DefaultNan), vorrq_u32(_AsBits(b), quiet));
 			const uint32x4_t nan = vbslq_u32(aOrdered, fromB, vorrq_u32(_AsBits(a), quiet));
 			return _AsFloat(vbslq_u32(rOrdered, _AsBits(r), nan));
+		}
+
+		// _X86NanLanes for a vector with a NaN lane only: whether r has one is a compare and a
+		// reduction, so a vector without (nearly every one) costs those and a predicted branch
+		// instead of three compares, two ors and three selects.
+		inline OX_ALWAYS_INLINE float32x4_t _X86Nan(float32x4_t r, float32x4_t a, float32x4_t b)
+		{
+			if (__builtin_expect(vminvq_u32(vceqq_f32(r, r)) != 0, 1))
+				return r;
+			return _X86NanLanes(r, a, b);
 		}
 
 		// x86's truncating conversion: 0x80000000 for a NaN and for every value whose
